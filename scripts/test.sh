@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Sets up a fresh Debian machine and runs the whole test suite twice: in a
+# normal build, then under AddressSanitizer and UndefinedBehaviorSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+jobs="$(nproc)"
+
+run() {
+  local dir=$1; shift
+  echo "== $dir: configure and build"
+  cmake -S . -B "$dir" "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  echo "== $dir: tests"
+  ctest --test-dir "$dir" --output-on-failure -j"$jobs"
+}
+
+run build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  run build-sanitize -DCMAKE_BUILD_TYPE=Debug -DOCTUNNEL_SANITIZE=ON

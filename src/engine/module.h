@@ -1,0 +1,59 @@
+// Linkage and frame helpers shared by every source of the mapping module.
+#pragma once
+
+#include "octunnel/yfw_framework.h"
+#include "octunnel/yfw_namespaces.h"
+#include "octunnel/yfw_trace.h"
+
+// The C library's assertion handler (assert.h declares it only without NDEBUG).
+extern "C" [[noreturn]] void __assert_fail(const char *assertion, const char *file,
+                                           unsigned int line, const char *function) noexcept;
+
+// Names the framework reaches are exported with C linkage; everything else in
+// the module is hidden (the module is built with -fvisibility=hidden).
+#define YFW_EXPORT extern "C" __attribute__((visibility("default")))
+// Generated functions are weak so that a hand-written definition of the same
+// name replaces them for every caller, the generated tables included.
+#define YFW_WEAK __attribute__((weak))
+
+// Assertions stay on in every build: a null context is a fault of the caller
+// that must stop the process, whatever NDEBUG says.
+#define YFW_ASSERT_SIG(expr, signature)                                                            \
+    ((expr) ? (void)0 : __assert_fail(#expr, __FILE_NAME__, __LINE__, signature))
+#define YFW_ASSERT_CTX() YFW_ASSERT_SIG(((void *)0) != ctx, __PRETTY_FUNCTION__)
+
+namespace yfw
+{
+
+inline yfw_map_request *request(yfw_map_ctx ctx)
+{
+    return ctx->map_state->request;
+}
+
+inline bool is_read(yfw_map_ctx ctx)
+{
+    uint32_t kind = request(ctx)->kind;
+    return kind == YFW_MAP_REQ_GET_CONFIG || kind == YFW_MAP_REQ_GET;
+}
+
+// Replaces error_tag by a copy of `name`.
+inline void set_error_tag(yfw_map_ctx ctx, const char *name)
+{
+    if (ctx->map_state == nullptr)
+        return;
+    if (ctx->map_state->error_tag != nullptr) {
+        vlos_named_free(ctx->map_state->error_tag);
+        ctx->map_state->error_tag = nullptr;
+    }
+    ctx->map_state->error_tag = yfw_strdup(name, "YFW MAP");
+}
+
+} // namespace yfw
+
+// The exit of every function that is handed a null `in` or `out`.
+#define YFW_INVALID_ARGS(ctx, fn)                                                                  \
+    do {                                                                                           \
+        YFW_ERR(ctx, fn, "Invalid arguments passed!");                                             \
+        yfw_oc_error_path(ctx);                                                                    \
+        return YFW_ERR_INVALID_ARG;                                                                \
+    } while (0)
