@@ -1,0 +1,217 @@
+// The reference host: our own provider of the framework and platform
+// operations that the mapping module imports, and the loader that brings the
+// module in the way the framework does.
+//
+// A Request stands for one framework call: it owns the context, the state,
+// the request header and the output tree, and keeps the framework's side of
+// the walk (node hierarchy, output list, instance stack, error path, trace
+// sinks).  The operations themselves (yfw_*, _lstrace, ...) are exported C
+// functions of this library, so a module loaded into a process that links it
+// resolves its imports against them.
+#pragma once
+
+#include "octunnel/yfw_types.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace yfwhost
+{
+
+namespace schema
+{
+struct ListBinding;
+}
+
+// ---------------------------------------------------------------- trees
+//
+// Trees are plain vidl_yfw_datatree records.  Every string and child array
+// is heap-allocated and owned by the tree; children live in one contiguous
+// array that grows as needed, so a pointer to a child is good until the next
+// child is added to the same parent.
+
+vidl_yfw_datatree *tree_new(std::string_view tag, std::string_view ns);
+void tree_free(vidl_yfw_datatree *root);
+struct TreeDeleter {
+    void operator()(vidl_yfw_datatree *root) const { tree_free(root); }
+};
+using Tree = std::unique_ptr<vidl_yfw_datatree, TreeDeleter>;
+
+vidl_yfw_datatree *tree_add_child(vidl_yfw_datatree *parent, std::string_view tag,
+                                  std::string_view ns);
+void tree_set_value(vidl_yfw_datatree *node, std::string_view value);
+void tree_set_op(vidl_yfw_datatree *node, uint32_t op);
+// First child with this tag, or null.
+const vidl_yfw_datatree *tree_child(const vidl_yfw_datatree *node, std::string_view tag);
+// Children of a node as the walkers see them: none without the presence bit.
+std::size_t tree_child_count(const vidl_yfw_datatree *node);
+
+// The framework's namespace rule: equal, or equal once a trailing ".yang"
+// is taken off one side.  Null matches nothing.
+bool ns_match(const char *a, const char *b);
+
+// ---------------------------------------------------------------- requests
+
+struct Emission {
+    bool to_out; // false: added to a request node (a list key)
+    std::string path;
+    std::string ns;
+    std::optional<std::string> value;
+    bool op_node;
+    std::optional<uint32_t> op;
+    uint32_t list_entry;
+    uint32_t path_flag;
+};
+
+class Request
+{
+public:
+    // `out_tag`/`out_ns` name the root record of the output tree.
+    explicit Request(uint32_t kind, std::string_view out_tag = "data",
+                     std::string_view out_ns = "urn:ietf:params:xml:ns:netconf:base:1.0");
+    ~Request();
+    Request(const Request &) = delete;
+    Request &operator=(const Request &) = delete;
+
+    yfw_map_ctx ctx() { return &ctx_; }
+    yfw_map_request &header() { return header_; }
+    yfw_map_state &state() { return state_; }
+    vidl_yfw_datatree *out() { return out_.get(); }
+
+    // Request trees the module walks; their operations are inherited by
+    // yfw_map_is_request_add.
+    void add_input(const vidl_yfw_datatree *root) { inputs_.push_back(root); }
+
+    // Levelled log: every TRC and ERR record, formatted, to `sink`.
+    void log_to(std::function<void(std::string_view)> sink);
+    // Which debug levels yfw_debug_should_log answers for (bit n: level n).
+    void set_debug_levels(uint32_t levels) { ctx_.dbg.levels = levels; }
+    // Ring trace: on, keeping the newest `capacity` lines.
+    void enable_ring(std::size_t capacity = 65536);
+    const std::deque<std::string> &ring() const { return ring_.lines; }
+    std::size_t ring_dropped() const { return ring_.dropped; }
+
+    const std::vector<Emission> &emissions() const { return emissions_; }
+    // The hierarchy as the last yfw_oc_error_path call recorded it; empty if
+    // none was made.
+    const std::string &error_path() const { return error_path_; }
+    const std::string &current_list_path() const { return current_list_path_; }
+
+    std::size_t hierarchy_depth() const { return hierarchy_.size(); }
+    const std::vector<const vidl_yfw_datatree *> &output_list() const { return output_list_; }
+    std::size_t itree_depth() const { return itree_.size(); }
+
+    // Observation and faults, for tests of the module.  `events`, when set,
+    // receives one line per hierarchy, output-list, stack, list-node and
+    // add-path operation, in call order.
+    std::vector<std::string> *events = nullptr;
+    std::function<verrno(const char *list_path)> on_update_current_list_node;
+    std::function<verrno(const char *path)> on_add_path;
+    bool output_list_accepts = true;
+
+    // ---- the framework's side of the operations (called from the C shims)
+    void hierarchy_add(const vidl_yfw_datatree *node, int level);
+    void hierarchy_remove(const vidl_yfw_datatree *node);
+    verrno update_current_list_node(const char *list_path);
+    verrno get_node_info(const char *list_path, const char *key, const char **value) const;
+    bool is_request_add(const vidl_yfw_datatree *node) const;
+    verrno add_path(vidl_yfw_datatree *tree, const char *path, const char *ns, const char *value,
+                    const vidl_yfw_datatree *op_node, vidl_yfw_datatree **out_node,
+                    uint32_t list_entry, uint32_t path_flag);
+    void output_list_add(const vidl_yfw_datatree *node);
+    void output_list_remove(const vidl_yfw_datatree *node);
+    std::vector<itree_record> &itree() { return itree_; }
+    void record_error_path();
+    void record(std::string event)
+    {
+        if (events != nullptr)
+            events->push_back(std::move(event));
+    }
+
+    struct Level {
+        const vidl_yfw_datatree *node;
+        int level;
+    };
+    struct LogSink {
+        std::function<void(std::string_view)> write;
+    };
+    struct Ring {
+        Request *owner = nullptr; // ring lines are events too
+        std::deque<std::string> lines;
+        std::size_t capacity = 0;
+        std::size_t dropped = 0;
+    };
+
+private:
+    vidl_yfw_datatree *list_entry_for(vidl_yfw_datatree *parent, std::string_view tag,
+                                      const char *ns, const schema::ListBinding &binding,
+                                      const char *named_key);
+
+    yfw_map_ctx_s ctx_{};
+    yfw_map_state state_{};
+    yfw_map_request header_{};
+    Tree out_;
+    LogSink log_;
+    Ring ring_;
+    std::vector<const vidl_yfw_datatree *> inputs_;
+    std::vector<Level> hierarchy_;
+    std::vector<const vidl_yfw_datatree *> output_list_;
+    std::vector<itree_record> itree_;
+    std::vector<Emission> emissions_;
+    std::string error_path_;
+    std::string current_list_path_;
+};
+
+// ---------------------------------------------------------------- process-wide
+
+// What platform_get_router_type answers (default 0).
+void set_router_type(int type);
+// By default the resolver takes numeric addresses only, so that a
+// translation never waits on the network; true lets it ask the system's.
+void set_resolve_names(bool on);
+// Decides, once per log call site, whether that site's records are kept.
+// Installing a filter makes every site decide again.  Null keeps all.
+void set_log_site_filter(std::function<bool(const char *format)> keep);
+// Makes the next `n` successful yfw_strcpy_s calls succeed and the one after
+// fail; negative (the default) never fails.  For tests of the registration.
+void fail_strcpy_after(int n);
+
+// Name of a return code ("YFW_ERR_LIST_KEY"), or null for one without a name.
+const char *error_name(verrno code);
+// The host's own code for a list key that disagrees with config/<key>.
+constexpr verrno YFW_ERR_LEAFREF_MISMATCH = 0xaaf2fa00u;
+
+// ---------------------------------------------------------------- loading
+
+// The mapping module, loaded as the framework loads it: dlopen, then the
+// registration function looked up by its fixed name and called once.
+class Module
+{
+public:
+    // Throws std::runtime_error naming the path and the loader's reason.
+    explicit Module(const std::string &path);
+    ~Module();
+    Module(const Module &) = delete;
+    Module &operator=(const Module &) = delete;
+
+    const yfw_map_reg_mod_t &registration() const { return reg_; }
+    // An exported function by name, or null.
+    void *symbol(const char *name) const;
+    map_function function(const char *name) const
+    {
+        return reinterpret_cast<map_function>(symbol(name));
+    }
+
+private:
+    void *handle_ = nullptr;
+    yfw_map_reg_mod_t reg_{};
+};
+
+} // namespace yfwhost

@@ -1,0 +1,340 @@
+// The framework's side of one request: context, state, the trees built by
+// the module, and the walk's hierarchy, output list and instance stack.
+#include "schema.h"
+#include "yfwhost/host.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace yfwhost
+{
+namespace
+{
+
+std::string_view text(const char *s)
+{
+    return s != nullptr ? std::string_view(s) : std::string_view("(null)");
+}
+
+// "/a1:interface-configurations/a1:interface-configuration" -> the steps
+// without their prefixes.
+std::vector<std::string_view> steps_of(std::string_view path)
+{
+    std::vector<std::string_view> steps;
+    while (!path.empty()) {
+        std::size_t slash = path.find('/');
+        std::string_view step = path.substr(0, slash);
+        if (std::size_t colon = step.find(':'); colon != std::string_view::npos)
+            step.remove_prefix(colon + 1);
+        if (!step.empty())
+            steps.push_back(step);
+        if (slash == std::string_view::npos)
+            break;
+        path.remove_prefix(slash + 1);
+    }
+    return steps;
+}
+
+const char *child_value(const vidl_yfw_datatree *node, std::string_view tag)
+{
+    const vidl_yfw_datatree *child = tree_child(node, tag);
+    if (child == nullptr || (child->present & YFW_PRESENT_VALUE) == 0)
+        return nullptr;
+    return child->value;
+}
+
+// The value at "child" or "child/grandchild" below `node`.
+const char *value_at(const vidl_yfw_datatree *node, std::string_view key_path)
+{
+    std::size_t slash = key_path.find('/');
+    if (slash == std::string_view::npos)
+        return child_value(node, key_path);
+    const vidl_yfw_datatree *child = tree_child(node, key_path.substr(0, slash));
+    return child != nullptr ? child_value(child, key_path.substr(slash + 1)) : nullptr;
+}
+
+vidl_yfw_datatree *find_or_add(vidl_yfw_datatree *parent, std::string_view tag, const char *ns)
+{
+    for (std::size_t i = 0; i < tree_child_count(parent); ++i) {
+        vidl_yfw_datatree *child = &parent->subtrees[i];
+        if (child->tag != nullptr && tag == child->tag && ns_match(child->ns, ns))
+            return child;
+    }
+    return tree_add_child(parent, tag, ns);
+}
+
+bool find_path(const vidl_yfw_datatree *from, const vidl_yfw_datatree *target,
+               std::vector<const vidl_yfw_datatree *> &path)
+{
+    path.push_back(from);
+    if (from == target)
+        return true;
+    for (std::size_t i = 0; i < tree_child_count(from); ++i)
+        if (find_path(&from->subtrees[i], target, path))
+            return true;
+    path.pop_back();
+    return false;
+}
+
+} // namespace
+
+Request::Request(uint32_t kind, std::string_view out_tag, std::string_view out_ns)
+    : out_(tree_new(out_tag, out_ns))
+{
+    header_.kind = kind;
+    state_.request = &header_;
+    ctx_.map_state = &state_;
+    ctx_.err_log = &log_;
+    ctx_.trc_log = &log_;
+    ctx_.ltrace_handle = &ring_;
+    ring_.owner = this;
+    ctx_.fw_private = this;
+}
+
+Request::~Request()
+{
+    std::free(state_.error_tag);
+    std::free(state_.error_text);
+}
+
+void Request::log_to(std::function<void(std::string_view)> sink)
+{
+    log_.write = std::move(sink);
+    ctx_.dbg.levels = log_.write ? ~0u : 0u;
+}
+
+void Request::enable_ring(std::size_t capacity)
+{
+    ring_.capacity = capacity;
+    ctx_.ltrace_on = capacity != 0;
+}
+
+void Request::hierarchy_add(const vidl_yfw_datatree *node, int level)
+{
+    hierarchy_.push_back({node, level});
+    record("hier+ " + std::string(text(node->tag)) + " " + std::to_string(level));
+}
+
+// The node to remove is always the top; anything else is a fault of the
+// walk, which the events show and the hierarchy does not paper over.
+void Request::hierarchy_remove(const vidl_yfw_datatree *node)
+{
+    if (hierarchy_.empty() || hierarchy_.back().node != node) {
+        record("hier- " + std::string(text(node != nullptr ? node->tag : nullptr)) + " NOT-TOP");
+        return;
+    }
+    hierarchy_.pop_back();
+    record("hier- " + std::string(text(node->tag)));
+}
+
+verrno Request::update_current_list_node(const char *list_path)
+{
+    current_list_path_ = list_path != nullptr ? list_path : "";
+    record("list-node " + current_list_path_);
+    return on_update_current_list_node ? on_update_current_list_node(list_path) : YFW_OK;
+}
+
+// The innermost list entry of the hierarchy whose steps line up with
+// `list_path`.  The hierarchy may begin below the root (an augment entry is
+// walked on its own), so the two are compared from their ends.
+verrno Request::get_node_info(const char *list_path, const char *key, const char **value) const
+{
+    if (list_path == nullptr || key == nullptr || value == nullptr)
+        return YFW_ERR_INVALID_ARG;
+    std::vector<std::string_view> want = steps_of(list_path);
+    if (want.empty())
+        return YFW_ERR_INVALID_ARG;
+    for (std::size_t end = hierarchy_.size(); end-- > 0;) {
+        if (hierarchy_[end].level != YFW_LEVEL_LIST)
+            continue;
+        bool match = true;
+        for (std::size_t k = 0; k < want.size() && k <= end && match; ++k) {
+            const char *tag = hierarchy_[end - k].node->tag;
+            match = tag != nullptr && want[want.size() - 1 - k] == tag;
+        }
+        if (match) {
+            *value = child_value(hierarchy_[end].node, key);
+            return YFW_OK;
+        }
+    }
+    return YFW_OK;
+}
+
+// The node's NETCONF operation, inherited from its ancestors in the request
+// tree, merge by default; an addition unless it is a delete or a remove.
+bool Request::is_request_add(const vidl_yfw_datatree *node) const
+{
+    if (node == nullptr || header_.kind == YFW_MAP_REQ_GET_CONFIG ||
+        header_.kind == YFW_MAP_REQ_GET)
+        return false;
+    std::vector<const vidl_yfw_datatree *> path;
+    for (const vidl_yfw_datatree *root : inputs_)
+        if (find_path(root, node, path))
+            break;
+    if (path.empty())
+        path.push_back(node);
+    for (auto it = path.rbegin(); it != path.rend(); ++it) {
+        if (((*it)->present & YFW_PRESENT_OP) != 0)
+            return (*it)->op != YFW_OP_DELETE && (*it)->op != YFW_OP_REMOVE;
+    }
+    return true;
+}
+
+// Adds `path` below `tree`, creating what is missing and merging with what
+// is there.  In the output tree, a list in the path resolves to the instance
+// the walk stands in (see list_entry_for), and each node takes the namespace
+// of the model that owns it.  Below a request node (a list key that a
+// walker adds) the path is relative and taken as it stands.
+verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *ns,
+                         const char *value, const vidl_yfw_datatree *op_node,
+                         vidl_yfw_datatree **out_node, uint32_t list_entry, uint32_t path_flag)
+{
+    Emission e{tree == out_.get(),
+               path != nullptr ? path : "",
+               ns != nullptr ? ns : "",
+               value != nullptr ? std::optional<std::string>(value) : std::nullopt,
+               op_node != nullptr,
+               op_node != nullptr && (op_node->present & YFW_PRESENT_OP) != 0
+                   ? std::optional<uint32_t>(op_node->op)
+                   : std::nullopt,
+               list_entry,
+               path_flag};
+    emissions_.push_back(e);
+    record("add " + e.path);
+    if (on_add_path) {
+        if (verrno rc = on_add_path(path); rc != YFW_OK)
+            return rc;
+    }
+    if (tree == nullptr || path == nullptr)
+        return YFW_ERR_INVALID_ARG;
+    std::vector<std::string_view> steps = steps_of(path);
+    if (steps.empty())
+        return YFW_ERR_INVALID_ARG;
+
+    const bool absolute = tree == out_.get();
+    const char *given_ns = ns != nullptr ? ns : "";
+    std::string schema_path;
+    vidl_yfw_datatree *node = tree;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        const bool last = i + 1 == steps.size();
+        schema_path.append("/").append(steps[i]);
+        const char *step_ns = absolute ? schema::owner(schema_path) : nullptr;
+        if (step_ns == nullptr)
+            step_ns = given_ns;
+        const schema::ListBinding *binding = absolute ? schema::list(schema_path) : nullptr;
+        if (binding != nullptr) {
+            // The key named by the path itself: ".../address/ip" with a value.
+            const char *named =
+                i + 2 == steps.size() && steps[i + 1] == binding->key ? value : nullptr;
+            node = list_entry_for(node, steps[i], step_ns, *binding, named);
+        } else if (last && list_entry != 0) {
+            node = tree_add_child(node, steps[i], step_ns); // an unbound list: a new entry
+        } else {
+            node = find_or_add(node, steps[i], step_ns);
+        }
+    }
+    if (value != nullptr)
+        tree_set_value(node, value);
+    if (op_node != nullptr && (op_node->present & YFW_PRESENT_OP) != 0)
+        tree_set_op(node, op_node->op);
+    if (out_node != nullptr)
+        *out_node = node;
+    return YFW_OK;
+}
+
+// The instance of a bound list under `parent` that the walk stands in.  The
+// innermost node of the hierarchy that anchors the list gives the key; with
+// no anchor, a key named by the added path itself does.  Entries are merged
+// by key, so native data from several sources about one interface lands in
+// one entry.  Without any key the last entry is used, or a first one made.
+vidl_yfw_datatree *Request::list_entry_for(vidl_yfw_datatree *parent, std::string_view tag,
+                                           const char *ns, const schema::ListBinding &binding,
+                                           const char *named_key)
+{
+    std::string key;
+    bool keyed = false;
+    for (auto it = hierarchy_.rbegin(); it != hierarchy_.rend() && !keyed; ++it) {
+        const vidl_yfw_datatree *n = it->node;
+        for (const schema::Anchor &a : binding.anchors) {
+            if (n->tag == nullptr || std::strcmp(n->tag, a.tag) != 0 || !ns_match(a.ns, n->ns))
+                continue;
+            if (const char *v = value_at(n, a.key_path); v != nullptr) {
+                key = std::string(a.prefix) + v;
+                keyed = true;
+            }
+            break;
+        }
+    }
+    if (!keyed && named_key != nullptr) {
+        key = named_key;
+        keyed = true;
+    }
+    vidl_yfw_datatree *last = nullptr;
+    for (std::size_t i = 0; i < tree_child_count(parent); ++i) {
+        vidl_yfw_datatree *entry = &parent->subtrees[i];
+        if (entry->tag == nullptr || tag != entry->tag)
+            continue;
+        last = entry;
+        const char *k = child_value(entry, binding.key);
+        if (keyed && k != nullptr && key == k)
+            return entry;
+    }
+    if (!keyed && last != nullptr)
+        return last;
+    vidl_yfw_datatree *entry = tree_add_child(parent, tag, ns);
+    if (keyed)
+        tree_set_value(tree_add_child(entry, binding.key, binding.key_ns), key);
+    return entry;
+}
+
+void Request::output_list_add(const vidl_yfw_datatree *node)
+{
+    bool listed = std::find(output_list_.begin(), output_list_.end(), node) != output_list_.end();
+    if (!output_list_accepts || listed) {
+        record("out+ " + std::string(text(node->tag)) + " refused");
+        return;
+    }
+    output_list_.push_back(node);
+    state_.output_count++;
+    record("out+ " + std::string(text(node->tag)));
+}
+
+void Request::output_list_remove(const vidl_yfw_datatree *node)
+{
+    auto it = std::find(output_list_.begin(), output_list_.end(), node);
+    if (it == output_list_.end()) {
+        record("out- " + std::string(text(node != nullptr ? node->tag : nullptr)) + " NOT-LISTED");
+        return;
+    }
+    output_list_.erase(it);
+    record("out- " + std::string(text(node->tag)));
+}
+
+// The hierarchy as a readable path: list entries carry their keys, those the
+// walk marked or, before it has, those the schema names.
+void Request::record_error_path()
+{
+    std::string p;
+    for (const Level &l : hierarchy_) {
+        p.append("/").append(text(l.node->tag));
+        if (l.level != YFW_LEVEL_LIST)
+            continue;
+        std::string keys;
+        for (std::size_t i = 0; i < tree_child_count(l.node); ++i) {
+            const vidl_yfw_datatree &c = l.node->subtrees[i];
+            if (c.is_key && (c.present & YFW_PRESENT_IS_KEY) && (c.present & YFW_PRESENT_VALUE))
+                keys.append("[").append(text(c.tag)).append("='").append(c.value).append("']");
+        }
+        if (keys.empty() && l.node->tag != nullptr) {
+            for (const char *k : schema::key_names(l.node->tag))
+                if (const char *v = child_value(l.node, k); v != nullptr)
+                    keys.append("[").append(k).append("='").append(v).append("']");
+        }
+        p += keys;
+    }
+    error_path_ = p.empty() ? "/" : p;
+    record("error-path " + error_path_);
+}
+
+} // namespace yfwhost
