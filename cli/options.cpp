@@ -1,0 +1,78 @@
+#include "options.h"
+
+#include <stdexcept>
+
+namespace octunnel
+{
+
+uint32_t parse_number(const std::string &text, const std::string &what)
+{
+    bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    std::string digits = hex ? text.substr(2) : text;
+    const std::string allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
+    if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos)
+        throw std::invalid_argument(what + ": '" + text + "' is not a decimal or 0x number");
+    unsigned long long v = std::stoull(digits, nullptr, hex ? 16 : 10);
+    if (v > 0xffffffffull)
+        throw std::invalid_argument(what + ": '" + text + "' does not fit in 32 bits");
+    return static_cast<uint32_t>(v);
+}
+
+void Options::add_common(CLI::App &cmd, const std::string &default_kind)
+{
+    kind_text = default_kind;
+    cmd.add_option("--kind", kind_text,
+                   "Request kind: get (10), get-config (0), edit (1), or a number")
+        ->default_str(default_kind);
+    cmd.add_option("--read-view", read_view_text, "The request's read view (decimal or 0x)")
+        ->default_str("0");
+    cmd.add_option("--marks", marks_text,
+                   "Request marks, as a=V,b=V,...,i=V (decimal or 0x); unnamed ones are 0");
+    cmd.add_option("--emissions", emissions,
+                   "Write every path the module added, one JSON object a line, to FILE");
+    cmd.add_option("--log", log, "Write the module's levelled log (TRC and ERR) to FILE");
+    cmd.add_option("--ring", ring, "Turn the ring trace on and write its lines to FILE at exit");
+    cmd.add_option("--module", module,
+                   "The mapping module to load (default: $OCTUNNEL_MODULE, else liboctunnel.so "
+                   "beside this program)");
+    cmd.add_option("input", input, "The document to translate; - or nothing reads stdin");
+}
+
+void Options::finish()
+{
+    if (kind_text == "get")
+        kind = 10;
+    else if (kind_text == "get-config")
+        kind = 0;
+    else if (kind_text == "edit")
+        kind = 1;
+    else
+        kind = parse_number(kind_text, "--kind");
+    read_view = parse_number(read_view_text, "--read-view");
+
+    std::string rest = marks_text;
+    while (!rest.empty()) {
+        std::size_t comma = rest.find(',');
+        std::string item = rest.substr(0, comma);
+        rest = comma == std::string::npos ? "" : rest.substr(comma + 1);
+        if (item.size() < 3 || item[1] != '=' || item[0] < 'a' || item[0] > 'i')
+            throw std::invalid_argument("--marks: '" + item + "' is not one of a=V .. i=V");
+        marks[item[0] - 'a'] = parse_number(item.substr(2), "--marks " + item.substr(0, 1));
+    }
+}
+
+void Options::apply_marks(yfw_map_request &r) const
+{
+    r.read_view = read_view;
+    r.req_marks_a = marks[0];
+    r.req_marks_b = marks[1];
+    r.req_marks_c = marks[2];
+    r.req_marks_d = marks[3];
+    r.req_marks_e = marks[4];
+    r.req_marks_f = marks[5];
+    r.req_marks_g = marks[6];
+    r.req_marks_h = marks[7];
+    r.req_marks_i = marks[8];
+}
+
+} // namespace octunnel

@@ -1,0 +1,31 @@
+// NETCONF XML documents to and from the host's data trees.
+#pragma once
+
+#include "yfwhost/host.h"
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace octunnel
+{
+
+// A document that cannot be translated, with the line it is about (0 when
+// it is about the document as a whole).
+struct InputError : std::runtime_error {
+    InputError(int line, const std::string &what) : std::runtime_error(what), line(line) {}
+    int line;
+};
+
+// Reads the top-level nodes of a document: bare, or wrapped in one NETCONF
+// <data> or <config> element.  Every node gets its tag, namespace, value,
+// NETCONF operation attribute (as op) and source line.
+std::vector<yfwhost::Tree> read_document(std::string_view text);
+
+// The children of `root` as a NETCONF <data> document: an element declares
+// xmlns where its namespace differs from its parent's, and carries
+// nc:operation where the node has an operation.
+std::string write_data(const vidl_yfw_datatree *root);
+
+} // namespace octunnel
