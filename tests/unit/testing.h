@@ -1,0 +1,109 @@
+// Helpers shared by the unit tests: compact native trees, and the events a
+// request records, with trace lines reduced to what they say.
+#pragma once
+
+#include "octunnel/yfw_namespaces.h"
+#include "yfwhost/host.h"
+
+#include <optional>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace testing_support
+{
+
+// A tree written as nested initializer lists:
+//   N("tunnel-ip-ma", NS, {N("database", {N("ttl", "64")})})
+// A child without a namespace takes its parent's.
+struct N {
+    std::string tag;
+    std::string ns;
+    std::optional<std::string> value;
+    std::vector<N> children;
+    std::optional<uint32_t> op;
+
+    N(std::string t, std::string n, std::vector<N> c) : tag(t), ns(n), children(c) {}
+    N(std::string t, std::vector<N> c) : tag(t), children(c) {}
+    // A null value (as `{}` picks) is a node without value.
+    N(std::string t, std::string n, const char *v) : tag(t), ns(n)
+    {
+        if (v != nullptr)
+            value = v;
+    }
+    N(std::string t, const char *v) : tag(t)
+    {
+        if (v != nullptr)
+            value = v;
+    }
+    explicit N(std::string t) : tag(t) {}
+    N &with_op(uint32_t o)
+    {
+        op = o;
+        return *this;
+    }
+};
+
+inline void fill(vidl_yfw_datatree *node, const N &spec)
+{
+    if (spec.value)
+        yfwhost::tree_set_value(node, *spec.value);
+    if (spec.op)
+        yfwhost::tree_set_op(node, *spec.op);
+    for (const N &c : spec.children)
+        fill(yfwhost::tree_add_child(node, c.tag, c.ns.empty() ? node->ns : c.ns), c);
+}
+
+inline yfwhost::Tree build(const N &spec)
+{
+    yfwhost::Tree root(yfwhost::tree_new(spec.tag, spec.ns));
+    fill(root.get(), spec);
+    return root;
+}
+
+// "#12: TRC: fn:34 ctx=0x..,Start" -> "TRC fn Start"; other events as they are.
+inline std::string plain(const std::string &event)
+{
+    static const std::regex ring(R"(^ring #\d+: (TRC|ERR): ([^:]+):\d+ ctx=0x[0-9a-f]+,(.*)$)");
+    std::smatch m;
+    if (std::regex_match(event, m, ring))
+        return m[1].str() + " " + m[2].str() + " " + m[3].str();
+    return event;
+}
+
+inline std::vector<std::string> plain(const std::vector<std::string> &events)
+{
+    std::vector<std::string> out;
+    for (const std::string &e : events)
+        out.push_back(plain(e));
+    return out;
+}
+
+// Events whose text starts with one of `prefixes`.
+inline std::vector<std::string> only(const std::vector<std::string> &events,
+                                     std::initializer_list<std::string> prefixes)
+{
+    std::vector<std::string> out;
+    for (const std::string &e : plain(events))
+        for (const std::string &p : prefixes)
+            if (e.rfind(p, 0) == 0) {
+                out.push_back(e);
+                break;
+            }
+    return out;
+}
+
+// A request with every event recorded, the ring trace included.
+struct Recorded {
+    yfwhost::Request req;
+    std::vector<std::string> events;
+    explicit Recorded(uint32_t kind) : req(kind)
+    {
+        req.events = &events;
+        req.enable_ring();
+    }
+    yfw_map_ctx ctx() { return req.ctx(); }
+    vidl_yfw_datatree *out() { return req.out(); }
+};
+
+} // namespace testing_support
