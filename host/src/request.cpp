@@ -142,6 +142,7 @@ verrno Request::get_node_info(const char *list_path, const char *key, const char
 {
     if (list_path == nullptr || key == nullptr || value == nullptr)
         return YFW_ERR_INVALID_ARG;
+    *value = nullptr;
     std::vector<std::string_view> want = steps_of(list_path);
     if (want.empty())
         return YFW_ERR_INVALID_ARG;

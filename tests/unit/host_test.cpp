@@ -1,0 +1,294 @@
+// The reference host's operations, as a module sees them.
+#include "octunnel/yfw_framework.h"
+#include "testing.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace testing_support;
+using testing::ElementsAre;
+
+namespace
+{
+
+constexpr const char *TUN = NS_OC_IF_TUNNEL;
+
+std::string xml(const vidl_yfw_datatree &n, int depth = 0)
+{
+    std::string s(depth * 2, ' ');
+    s += n.tag;
+    if (n.ns != nullptr && depth > 0 && std::string_view(n.ns) == NS_OC_INTERFACES)
+        s += " [if]";
+    if (n.present & YFW_PRESENT_VALUE)
+        s += std::string("=") + n.value;
+    if (n.present & YFW_PRESENT_OP)
+        s += " op" + std::to_string(n.op);
+    s += "\n";
+    for (std::size_t i = 0; i < yfwhost::tree_child_count(&n); ++i)
+        s += xml(n.subtrees[i], depth + 1);
+    return s;
+}
+
+verrno add(yfwhost::Request &r, const char *path, const char *value = nullptr,
+           const vidl_yfw_datatree *op_node = nullptr, uint32_t list_entry = 0)
+{
+    return yfw_map_datatree_add_path_flagged(r.ctx(), r.out(), path, TUN, value, op_node, nullptr,
+                                             list_entry, 1);
+}
+
+TEST(AddPath, CreatesMergesCopiesAndTakesOwnersNamespaces)
+{
+    yfwhost::Request r(YFW_MAP_REQ_GET);
+    std::string value = "64";
+    auto deleted = build(N("x", "", {}).with_op(YFW_OP_DELETE));
+    ASSERT_EQ(add(r, "/interfaces/interface/tunnel/state/ttl", value.c_str()), YFW_OK);
+    value = "changed";
+    ASSERT_EQ(add(r, "/oc-if:interfaces/oc-if:interface/tunnel/state/gre-key", "7", deleted.get()),
+              YFW_OK);
+    ASSERT_EQ(add(r, "/interfaces/interface/tunnel/state/ttl", "65"), YFW_OK);
+    EXPECT_EQ(xml(*r.out()), "data\n"
+                             "  interfaces [if]\n"
+                             "    interface [if]\n"
+                             "      tunnel\n"
+                             "        state\n"
+                             "          ttl=65\n"
+                             "          gre-key=7 op3\n");
+    const auto &tunnel = r.out()->subtrees[0].subtrees[0].subtrees[0];
+    EXPECT_STREQ(tunnel.ns, TUN);
+}
+
+TEST(AddPath, UnboundListEntryIsAlwaysANewInstance)
+{
+    yfwhost::Request r(YFW_MAP_REQ_GET);
+    ASSERT_EQ(add(r, "/a/entry", nullptr, nullptr, 1), YFW_OK);
+    ASSERT_EQ(add(r, "/a/entry", nullptr, nullptr, 1), YFW_OK);
+    ASSERT_EQ(add(r, "/a/entry/leaf", "v"), YFW_OK);
+    EXPECT_EQ(xml(*r.out()), "data\n  a\n    entry\n      leaf=v\n    entry\n");
+}
+
+TEST(AddPath, RelativePathBelowARequestNodeHandsTheNodeBack)
+{
+    yfwhost::Request r(YFW_MAP_REQ_GET);
+    auto list = build(N("address", TUN, {N("config", {})}));
+    vidl_yfw_datatree *key = nullptr;
+    ASSERT_EQ(yfw_map_datatree_add_path_flagged(r.ctx(), list.get(), "ip", list->ns, nullptr,
+                                                nullptr, &key, 0, 0),
+              YFW_OK);
+    ASSERT_NE(key, nullptr);
+    EXPECT_EQ(key, &list->subtrees[1]);
+    EXPECT_STREQ(key->tag, "ip");
+    EXPECT_FALSE(r.emissions().at(0).to_out);
+}
+
+// OpenConfig list entries are the instances the native walk stands in.
+TEST(AddPath, ListInstancesFollowTheNativeHierarchy)
+{
+    yfwhost::Request r(YFW_MAP_REQ_GET);
+    auto cfg = build(N("interface-configuration", NS_VALMORA_IFMGR_CFG,
+                       {N("active", "act"), N("interface-name", "tunnel-ip12")}));
+    auto tid = build(N("tunnel-id", NS_VALMORA_TUNNEL_IP_MA_OPER, {N("tid", "7")}));
+    auto other = build(
+        N("interface-configuration", NS_VALMORA_IFMGR_CFG, {N("interface-name", "tunnel-ip3")}));
+    auto regular = [](const char *a) {
+        return build(N("regular-address", NS_VALMORA_IPV6_MA_CFG, {N("address", a)}));
+    };
+    auto a1 = regular("2001:db8::1"), a2 = regular("2001:db8::2");
+    const char *A = "/interfaces/interface/tunnel/ipv6/addresses/address/config/prefix-length";
+
+    yfw_map_add_to_node_hierarchy(r.ctx(), cfg.get(), 2);
+    yfw_map_add_to_node_hierarchy(r.ctx(), a1.get(), 2);
+    add(r, A, "64");
+    yfw_map_remove_from_node_hierarchy(r.ctx(), a1.get());
+    yfw_map_add_to_node_hierarchy(r.ctx(), a2.get(), 2);
+    add(r, A, "128");
+    yfw_map_remove_from_node_hierarchy(r.ctx(), a2.get());
+    yfw_map_remove_from_node_hierarchy(r.ctx(), cfg.get());
+
+    yfw_map_add_to_node_hierarchy(r.ctx(), tid.get(), 2);
+    add(r, "/interfaces/interface/tunnel/state/ttl", "9");
+    yfw_map_remove_from_node_hierarchy(r.ctx(), tid.get());
+    yfw_map_add_to_node_hierarchy(r.ctx(), other.get(), 2);
+    add(r, "/interfaces/interface/tunnel/config/ttl", "3");
+    yfw_map_remove_from_node_hierarchy(r.ctx(), other.get());
+    yfw_map_add_to_node_hierarchy(r.ctx(), cfg.get(), 2); // the first again: merged
+    add(r, "/interfaces/interface/tunnel/config/ttl", "12");
+    yfw_map_remove_from_node_hierarchy(r.ctx(), cfg.get());
+
+    EXPECT_EQ(xml(*r.out()), "data\n"
+                             "  interfaces [if]\n"
+                             "    interface [if]\n"
+                             "      name [if]=tunnel-ip12\n"
+                             "      tunnel\n"
+                             "        ipv6\n"
+                             "          addresses\n"
+                             "            address\n"
+                             "              ip=2001:db8::1\n"
+                             "              config\n"
+                             "                prefix-length=64\n"
+                             "            address\n"
+                             "              ip=2001:db8::2\n"
+                             "              config\n"
+                             "                prefix-length=128\n"
+                             "        config\n"
+                             "          ttl=12\n"
+                             "    interface [if]\n"
+                             "      name [if]=tunnel-ip7\n"
+                             "      tunnel\n"
+                             "        state\n"
+                             "          ttl=9\n"
+                             "    interface [if]\n"
+                             "      name [if]=tunnel-ip3\n"
+                             "      tunnel\n"
+                             "        config\n"
+                             "          ttl=3\n");
+}
+
+TEST(AddPath, WithoutAnAnchorTheKeyComesFromThePathOrTheLastEntry)
+{
+    yfwhost::Request r(YFW_MAP_REQ_GET);
+    const char *A = "/interfaces/interface/tunnel/ipv4/addresses/address";
+    add(r, (std::string(A) + "/ip").c_str(), "10.0.0.1");
+    add(r, (std::string(A) + "/config/ip").c_str(), "10.0.0.1");
+    add(r, (std::string(A) + "/ip").c_str(), "10.0.0.2");
+    add(r, (std::string(A) + "/ip").c_str(), "10.0.0.1");
+    EXPECT_EQ(xml(*r.out()), "data\n"
+                             "  interfaces [if]\n"
+                             "    interface [if]\n"
+                             "      tunnel\n"
+                             "        ipv4\n"
+                             "          addresses\n"
+                             "            address\n"
+                             "              ip=10.0.0.1\n"
+                             "              config\n"
+                             "                ip=10.0.0.1\n"
+                             "            address\n"
+                             "              ip=10.0.0.2\n");
+}
+
+TEST(Matching, StringsAndNamespacesWithTheirYangSuffix)
+{
+    EXPECT_TRUE(yfw_map_do_these_match("ttl", "ttl"));
+    EXPECT_FALSE(yfw_map_do_these_match("ttl", "tt"));
+    EXPECT_FALSE(yfw_map_do_these_match(nullptr, "ttl"));
+    EXPECT_FALSE(yfw_map_do_these_match(nullptr, nullptr));
+    EXPECT_TRUE(yfw_map_do_these_match(NS_VALMORA_TUNNEL_GRE_CFG_YANG, NS_VALMORA_TUNNEL_GRE_CFG));
+    EXPECT_TRUE(yfw_map_do_these_match(NS_VALMORA_TUNNEL_GRE_CFG, NS_VALMORA_TUNNEL_GRE_CFG_YANG));
+    EXPECT_FALSE(yfw_map_do_these_match("urn:a.yang", "urn:b"));
+    EXPECT_FALSE(yfw_map_do_these_match("urn:a.yang.yang", "urn:a"));
+}
+
+TEST(RequestTests, DeleteAndAddFollowTheOperationAndItsInheritance)
+{
+    auto doc =
+        build(N("interfaces", NS_OC_INTERFACES,
+                {N("interface", {N("name", "t1"), N("tunnel", TUN, {N("config", {N("ttl", "1")})})})
+                     .with_op(YFW_OP_DELETE),
+                 N("interface", {N("name", "t2")})}));
+    const vidl_yfw_datatree &deleted = doc->subtrees[0];
+    const vidl_yfw_datatree &ttl = deleted.subtrees[1].subtrees[0].subtrees[0];
+    const vidl_yfw_datatree &kept = doc->subtrees[1].subtrees[0];
+    EXPECT_TRUE(yfw_map_is_request_delete(&deleted));
+    EXPECT_FALSE(yfw_map_is_request_delete(&ttl)) << "only the node's own operation counts";
+
+    yfwhost::Request edit(1);
+    edit.add_input(doc.get());
+    EXPECT_FALSE(yfw_map_is_request_add(edit.ctx(), &ttl)) << "inherits the delete";
+    EXPECT_TRUE(yfw_map_is_request_add(edit.ctx(), &kept)) << "merge by default";
+    yfwhost::Request read(YFW_MAP_REQ_GET);
+    read.add_input(doc.get());
+    EXPECT_FALSE(yfw_map_is_request_add(read.ctx(), &kept));
+
+    auto no_bit = build(N("x", "", {}));
+    no_bit->op = YFW_OP_DELETE; // without YFW_PRESENT_OP the field means nothing
+    EXPECT_FALSE(yfw_map_is_request_delete(no_bit.get()));
+}
+
+TEST(RequestTests, NodeInfoErrorPathAndLeafrefFromTheHierarchy)
+{
+    yfwhost::Request r(1);
+    auto doc =
+        build(N("interfaces", NS_OC_INTERFACES,
+                {N("interface", {N("name", "tunnel-ip12"), N("config", {N("name", "tunnel-ip13")}),
+                                 N("tunnel", TUN, {N("config", {})})})}));
+    vidl_yfw_datatree &itf = doc->subtrees[0];
+    const char *name = "stale";
+    EXPECT_EQ(yfw_map_get_node_info(r.ctx(), "/interfaces/interface", "name", &name), YFW_OK);
+    EXPECT_EQ(name, nullptr) << "no instance in the hierarchy";
+
+    yfw_map_add_to_node_hierarchy(r.ctx(), doc.get(), 1);
+    yfw_map_add_to_node_hierarchy(r.ctx(), &itf, 2);
+    yfw_map_add_to_node_hierarchy(r.ctx(), &itf.subtrees[2], 1);
+    yfw_map_add_to_node_hierarchy(r.ctx(), &itf.subtrees[2].subtrees[0], 1);
+    EXPECT_EQ(yfw_map_get_node_info(r.ctx(), "/oc-if:interfaces/oc-if:interface", "name", &name),
+              YFW_OK);
+    EXPECT_STREQ(name, "tunnel-ip12");
+    yfw_oc_error_path(r.ctx());
+    EXPECT_EQ(r.error_path(), "/interfaces/interface[name='tunnel-ip12']/tunnel/config");
+
+    EXPECT_EQ(yfw_map_check_oc_leafref(r.ctx(), "/interfaces/interface", "config", "name", &itf),
+              yfwhost::YFW_ERR_LEAFREF_MISMATCH);
+    yfwhost::tree_set_value(&itf.subtrees[1].subtrees[0], "tunnel-ip12");
+    EXPECT_EQ(yfw_map_check_oc_leafref(r.ctx(), "/interfaces/interface", "config", "name", &itf),
+              YFW_OK);
+}
+
+TEST(Memory, StringsAndBoundedCopies)
+{
+    char *s = yfw_strdup("tag", "YFW MAP");
+    EXPECT_STREQ(s, "tag");
+    vlos_named_free(s);
+    EXPECT_EQ(yfw_strdup(nullptr, "YFW MAP"), nullptr);
+    char field[4];
+    EXPECT_EQ(yfw_strcpy_s("test", field, sizeof field, "abc"), 0);
+    EXPECT_STREQ(field, "abc");
+    EXPECT_NE(yfw_strcpy_s("test", field, sizeof field, "abcd"), 0);
+    EXPECT_STREQ(field, "") << "a refused copy leaves an empty field";
+}
+
+TEST(Stacks, OutputListAndInstanceStack)
+{
+    yfwhost::Request r(YFW_MAP_REQ_GET);
+    auto n = build(N("entry", "", {}));
+    yfw_add_to_output_list_ctx(r.ctx(), n.get(), r.out());
+    yfw_add_to_output_list_ctx(r.ctx(), n.get(), r.out());
+    EXPECT_EQ(r.state().output_count, 1u) << "an entry already listed is not added again";
+    yfw_remove_from_output_list_ctx(r.ctx(), n.get(), r.out());
+    EXPECT_TRUE(r.output_list().empty());
+
+    itree_record *top = reinterpret_cast<itree_record *>(1);
+    yfw_map_util_itree_stack_peak(r.ctx(), &top);
+    EXPECT_EQ(top, nullptr);
+    yfw_map_util_itree_stack_push(r.ctx(), n.get(), 1, nullptr);
+    EXPECT_EQ(yfw_map_util_itree_stack_size(r.ctx()), 1u);
+    yfw_map_util_itree_stack_peak(r.ctx(), &top);
+    ASSERT_NE(top, nullptr);
+    EXPECT_EQ(top->nodes, n.get());
+    yfw_map_util_itree_stack_pop(r.ctx());
+    EXPECT_EQ(yfw_map_util_itree_stack_size(r.ctx()), 0u);
+}
+
+TEST(Platform, AddressTextAndNumericResolver)
+{
+    EXPECT_STREQ(vlm_inet_ntoa(htonl(0xffffff00u)), "255.255.255.0");
+    EXPECT_STREQ(vlm_inet_ntoa(0), "0.0.0.0");
+
+    struct addrinfo hints {
+    };
+    struct addrinfo *res = nullptr;
+    hints.ai_family = AF_INET6;
+    ASSERT_EQ(getaddrinfo_vlm("2001:db8::1", nullptr, &hints, &res), 0);
+    freeaddrinfo_vlm(res);
+    EXPECT_NE(getaddrinfo_vlm("192.0.2.1", nullptr, &hints, &res), 0) << "not an IPv6 address";
+    hints.ai_family = AF_INET;
+    ASSERT_EQ(getaddrinfo_vlm("192.0.2.1", nullptr, &hints, &res), 0);
+    freeaddrinfo_vlm(res);
+    EXPECT_NE(getaddrinfo_vlm("localhost", nullptr, &hints, &res), 0)
+        << "names are not looked up unless asked for";
+
+    yfwhost::set_router_type(13);
+    EXPECT_EQ(platform_get_router_type(), 13);
+    yfwhost::set_router_type(0);
+}
+
+} // namespace
