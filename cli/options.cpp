@@ -23,19 +23,27 @@ void Options::add_common(CLI::App &cmd, const std::string &default_kind)
     kind_text = default_kind;
     cmd.add_option("--kind", kind_text,
                    "Request kind: get (10), get-config (0), edit (1), or a number")
+        ->type_name("KIND")
         ->default_str(default_kind);
     cmd.add_option("--read-view", read_view_text, "The request's read view (decimal or 0x)")
+        ->type_name("N")
         ->default_str("0");
     cmd.add_option("--marks", marks_text,
-                   "Request marks, as a=V,b=V,...,i=V (decimal or 0x); unnamed ones are 0");
+                   "Request marks, as a=V,b=V,...,i=V (decimal or 0x); unnamed ones are 0")
+        ->type_name("a=V,...");
     cmd.add_option("--emissions", emissions,
-                   "Write every path the module added, one JSON object a line, to FILE");
-    cmd.add_option("--log", log, "Write the module's levelled log (TRC and ERR) to FILE");
-    cmd.add_option("--ring", ring, "Turn the ring trace on and write its lines to FILE at exit");
+                   "Write every path the module added, one JSON object a line, to FILE")
+        ->type_name("FILE");
+    cmd.add_option("--log", log, "Write the module's levelled log (TRC and ERR) to FILE")
+        ->type_name("FILE");
+    cmd.add_option("--ring", ring, "Turn the ring trace on and write its lines to FILE at exit")
+        ->type_name("FILE");
     cmd.add_option("--module", module,
                    "The mapping module to load (default: $OCTUNNEL_MODULE, else liboctunnel.so "
-                   "beside this program)");
-    cmd.add_option("input", input, "The document to translate; - or nothing reads stdin");
+                   "beside this program)")
+        ->type_name("PATH");
+    cmd.add_option("input", input, "The document to translate; - or nothing reads stdin")
+        ->type_name("FILE");
 }
 
 void Options::finish()
@@ -46,6 +54,10 @@ void Options::finish()
         kind = 0;
     else if (kind_text == "edit")
         kind = 1;
+    else if (kind_text.empty() ||
+             kind_text.find_first_not_of("0123456789abcdefxABCDEFX") != std::string::npos)
+        throw std::invalid_argument("--kind: '" + kind_text +
+                                    "' is not get, get-config, edit or a number");
     else
         kind = parse_number(kind_text, "--kind");
     read_view = parse_number(read_view_text, "--read-view");

@@ -38,4 +38,37 @@ TEST(Override, StrongDefinitionReplacesGeneratedHandlerAndWalker)
                 ElementsAre("/interfaces/interface/tunnel/state/ttl=overridden"));
 }
 
+// A declining entry of a list nested in a list ends its outer entry, and the
+// container around the outer list takes the walk on to the next one.
+TEST(Override, DecliningNestedListEndsItsOuterEntryOnly)
+{
+    auto address = [](const char *a) {
+        return N("address", {N("address", a), N("address-state", "preferred")});
+    };
+    auto detail = [&](const char *name) {
+        return N("detail",
+                 {N("interface-name", name), address("2001:db8::1"), address("2001:db8::2")});
+    };
+    N spec("ipv6-network", NS_VALMORA_IPV6_MA_OPER,
+           {N("nodes",
+              {N("node", {N("node-name", "0"),
+                          N("interface-data",
+                            {N("vrfs", {N("vrf", {N("vrf-name", "default"),
+                                                  N("details", {detail("tunnel-ip1"),
+                                                                detail("tunnel-ip2")})})})})})})});
+    const char *root = "ymap_vo_octunnel_valmoraipv6maoper_lvla_ipv6network";
+    for (const char *path : {OCTUNNEL_MODULE_PATH, OCTUNNEL_OVERRIDE_MODULE_PATH}) {
+        SCOPED_TRACE(path);
+        yfwhost::Module module(path);
+        Recorded r(YFW_MAP_REQ_GET);
+        auto tree = build(spec);
+        EXPECT_EQ(module.function(root)(r.ctx(), tree.get(), r.out()), YFW_OK);
+        std::size_t adds = only(r.events, {"add"}).size();
+        EXPECT_EQ(adds, path == std::string(OCTUNNEL_MODULE_PATH) ? 4u : 0u);
+        EXPECT_THAT(only(r.events, {"out+ detail", "out- detail"}),
+                    ElementsAre("out+ detail", "out- detail", "out+ detail", "out- detail"));
+        EXPECT_EQ(r.req.hierarchy_depth(), 0u);
+    }
+}
+
 } // namespace
