@@ -190,10 +190,13 @@ std::string write_data(const vidl_yfw_datatree *root)
     pugi::xml_document doc;
     pugi::xml_node data = doc.append_child("data");
     data.append_attribute("xmlns") = NS_NETCONF_BASE;
-    if (has_operation(*root))
-        data.append_attribute("xmlns:nc") = NS_NETCONF_BASE;
-    for (std::size_t i = 0; i < yfwhost::tree_child_count(root); ++i)
+    // Each top-level element declares the prefix of the operations below it,
+    // so that it stands on its own outside the <data> envelope.
+    for (std::size_t i = 0; i < yfwhost::tree_child_count(root); ++i) {
         write_node(data, root->subtrees[i], NS_NETCONF_BASE);
+        if (has_operation(root->subtrees[i]))
+            data.last_child().append_attribute("xmlns:nc") = NS_NETCONF_BASE;
+    }
     std::ostringstream os;
     doc.save(os, "  ", pugi::format_indent | pugi::format_no_declaration, pugi::encoding_utf8);
     return os.str();
