@@ -56,6 +56,16 @@ TEST(AddPath, CreatesMergesCopiesAndTakesOwnersNamespaces)
                              "          gre-key=7 op3\n");
     const auto &tunnel = r.out()->subtrees[0].subtrees[0].subtrees[0];
     EXPECT_STREQ(tunnel.ns, TUN);
+
+    // Native paths: the interface-configuration frame belongs to ifmgr-cfg.
+    ASSERT_EQ(yfw_map_datatree_add_path_flagged(
+                  r.ctx(), r.out(), "/interface-configurations/interface-configuration/tunnel-ip",
+                  NS_VALMORA_TUNNEL_GRE_CFG, nullptr, nullptr, nullptr, 0, 1),
+              YFW_OK);
+    const auto &cfgs = r.out()->subtrees[1];
+    EXPECT_STREQ(cfgs.ns, NS_VALMORA_IFMGR_CFG);
+    EXPECT_STREQ(cfgs.subtrees[0].ns, NS_VALMORA_IFMGR_CFG);
+    EXPECT_STREQ(cfgs.subtrees[0].subtrees[0].ns, NS_VALMORA_TUNNEL_GRE_CFG);
 }
 
 TEST(AddPath, UnboundListEntryIsAlwaysANewInstance)
