@@ -3,8 +3,7 @@
 #include "engine/module.h"
 #include "ymap_octunnel_valmora_tunnel_ip_ma_oper.h"
 
-namespace
-{
+namespace {
 
 void copy(char *field, const char *text)
 {

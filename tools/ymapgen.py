@@ -1,21 +1,19 @@
 #!/usr/bin/env python3
-"""ymapgen: generates the functions of one native model from its description.
+"""ymapgen: generates the functions of one model from its description.
 
 A description (src/models/<stem>.ymap) is the model's tree as the walk sees
-it, one node a line, indented by two spaces a level:
+it, one node a line, indented by two spaces a level.  Its header:
 
-    native valmora_tunnel_gre_cfg          # file stem; the word is the stem without '_'
-    namespace NS_VALMORA_TUNNEL_GRE_CFG    # the model's namespace constant
-    augments /interface-configurations/interface-configuration  # where the tops hang
-    operational                            # optional: branches only in a GET
-    define T /interfaces/interface/tunnel  # path shorthand, written T/config/ttl
+    native valmora_tunnel_gre_cfg        # or: openconfig openconfig_if_tunnel
+    namespace NS_VALMORA_TUNNEL_GRE_CFG  # the model's namespace constant
+    augments /interface-configurations/interface-configuration  # where tops hang
+    operational                          # native only: branches only in a GET
+    define T /interfaces/interface/tunnel   # path shorthand, written T/config/ttl
     entry augment_lvla_interface_configuration accepts tunnel-ip
 
-    container tunnel-ip  cont T            # a top node: visited from an entry,
-      container ttl                        # or exported as a root with `root`
-        leaf value  config T/config/ttl
-
-Node lines are `[root|inline] container|list|leaf TAG [@lvlX] OPTIONS`:
+Native models (native-to-OpenConfig).  Node lines are
+`[root|inline] container|list|leaf TAG [@lvlX] OPTIONS`; only mapped leaves
+are listed, any other child goes the way of an unsupported tag:
 
     keys K1,K2     list key names, tried in this order
     path P         list path for yfw_map_update_current_list_node
@@ -27,16 +25,34 @@ Node lines are `[root|inline] container|list|leaf TAG [@lvlX] OPTIONS`:
     state P        leaf: with config, adds P under the same predicate
     delegate F     leaf: the handler calls the hand-written F
 
-Only mapped leaves are listed: any other child of the model goes the way of
-an unsupported tag.  Names follow the module's grammar: the visit of a node
-is ymap_vo_octunnel_<word>_<lvl>_<top>[_<parent>]_<node>, its handler the
-same with cont_/list_/leaf_ before the level, its parse_augments the visit's
-name with _parse_augments behind it.  `@lvlb` sets the level letter of a
-namesake.  `inline` marks a top node that an entry visits by itself, with no
-visit function of its own.
+Names follow the native grammar: the visit of a node is
+ymap_vo_octunnel_<word>_<lvl>_<top>[_<parent>]_<node>, its handler the same
+with cont_/list_/leaf_ before the level.  `@lvlb` sets the level letter of a
+namesake; `root` exports a top node as a strong root; `inline` marks a top
+node that an entry visits by itself, with no visit function of its own.
+
+OpenConfig models (OpenConfig-to-native).  Every node of the model is
+listed, with its walker's name, as `FORM TAG NAME OPTIONS`, FORM being
+container, state (a `state`-form container), list, leaf, key (the list's key
+leaf, its first child) or leaf-list:
+
+    cont P NS         container handler: the native container P in NS
+    path P            list path for yfw_map_update_current_list_node
+    leafref P         list path for yfw_map_check_oc_leafref
+    list P NS         list handler: the native list entry P in NS
+    config P NS       leaf: a configuration leaf P in NS
+    key P NS          key leaf: P in NS, keeping the value on a delete
+    state P NS FLAG   leaf: a selection of P in NS in reads, path_flag FLAG
+    delegate F        leaf: the handler calls the hand-written F
+    duck              leaf: the walker calls the model's duck_map_leaf itself
+
+A leaf without a handler option is refused (a twin of duck_map_leaf).
+Containers and lists without a handler have their cont_/list_ names as
+aliases of the model's duck hooks.  A node is known in a child loop only
+in a GET when it is a `state` container or any child of one.
 
 Output, in --out-dir: ymap_octunnel_<stem>.h (declarations),
-ymap_octunnel_<stem>_parser.cpp (visits, parse_augments, entries, tables),
+ymap_octunnel_<stem>_parser.cpp (walkers, parse_augments, entries, tables),
 ymap_octunnel_<stem>_auto.cpp (handlers and hooks) and
 ymap_octunnel_<stem>.names (every exported name with its binding).
 """
@@ -51,14 +67,27 @@ SIG_MAP = ("(yfw_map_ctx ctx, const struct vidl_yfw_datatree *in, "
            "struct vidl_yfw_datatree *out)")
 SIG_CONT = ("(yfw_map_ctx ctx, const struct vidl_yfw_datatree *in, "
             "unsigned int subtree_count, struct vidl_yfw_datatree *out)")
-# The passing hooks look at nothing but the context.
+# Hooks that look at nothing but the context.
 SIG_HOOK_MAP = "(yfw_map_ctx ctx, const struct vidl_yfw_datatree *, struct vidl_yfw_datatree *)"
 SIG_HOOK_CONT = ("(yfw_map_ctx ctx, const struct vidl_yfw_datatree *, unsigned int, "
                  "struct vidl_yfw_datatree *)")
 
-NODE_FORMS = ("container", "list", "leaf")
-PATH_OPTIONS = ("path", "cont", "list", "plain", "always", "config", "state")
-LEAF_OPTIONS = ("plain", "always", "config", "state", "delegate")
+# The OpenConfig container hook checks its arguments but not the count.
+SIG_OC_CONT_HOOK = ("(yfw_map_ctx ctx, const struct vidl_yfw_datatree *in, unsigned int, "
+                    "struct vidl_yfw_datatree *out)")
+
+NATIVE_FORMS = ("container", "list", "leaf")
+NATIVE_PATHS = ("path", "cont", "list", "plain", "always", "config", "state")
+NATIVE_LEAF = ("plain", "always", "config", "state", "delegate")
+
+OC_FORMS = ("container", "state", "list", "leaf", "key", "leaf-list")
+# option -> (number of arguments, which of them are paths)
+OC_OPTIONS = {"cont": (2, (0,)), "path": (1, (0,)), "leafref": (1, (0,)), "list": (2, (0,)),
+              "config": (2, (0,)), "key": (2, (0,)), "state": (3, (0,)), "delegate": (1, ()),
+              "duck": (0, ())}
+OC_ALLOWED = {"container": {"cont"}, "state": {"cont"}, "list": {"path", "leafref", "list"},
+              "leaf": {"config", "state", "delegate", "duck"},
+              "key": {"key", "delegate", "duck"}, "leaf-list": {"delegate", "duck"}}
 
 
 class ModelError(Exception):
@@ -72,6 +101,7 @@ class Node:
     line: int
     depth: int
     parent: "Node | None" = None
+    name: str = ""      # OpenConfig: the walker's suffix as written
     level: str = "lvla"
     root: bool = False
     inline: bool = False
@@ -105,10 +135,11 @@ class Entry:
 
 @dataclass
 class Model:
+    kind: str = ""  # native | openconfig
     stem: str = ""
     namespace: str = ""
-    operational: bool = False
     augments: str = ""
+    operational: bool = False
     defines: dict = field(default_factory=dict)
     entries: list = field(default_factory=list)
     tops: list = field(default_factory=list)
@@ -119,20 +150,15 @@ class Model:
 
     @property
     def prefix(self):
-        return f"ymap_vo_octunnel_{self.word}_"
+        direction = "vo" if self.kind == "native" else "ov"
+        return f"ymap_{direction}_octunnel_{self.word}_"
+
+    def path(self, n):
+        return self.augments + n.schema_path
 
 
 def word(tag):
     return tag.replace("-", "")
-
-
-def suffix(n):
-    top = n.top
-    if n is top:
-        return f"{n.level}_{word(top.tag)}"
-    if n.parent is top:
-        return f"{n.level}_{word(top.tag)}_{word(n.tag)}"
-    return f"{n.level}_{word(top.tag)}_{word(n.parent.tag)}_{word(n.tag)}"
 
 
 def expand(model, text, line):
@@ -144,6 +170,8 @@ def expand(model, text, line):
     return text
 
 
+# ---------------------------------------------------------------- reading
+
 def parse(text):
     model = Model()
     stack = []
@@ -154,8 +182,8 @@ def parse(text):
         indent = len(body) - len(body.lstrip(" "))
         words = body.split()
         head = words[0]
-        if indent == 0 and head == "native":
-            model.stem = words[1]
+        if indent == 0 and head in ("native", "openconfig"):
+            model.kind, model.stem = head, words[1]
         elif indent == 0 and head == "namespace":
             model.namespace = words[1]
         elif indent == 0 and head == "augments":
@@ -169,13 +197,18 @@ def parse(text):
                 raise ModelError(f"line {number}: expected 'entry NAME accepts TAG'")
             model.entries.append(Entry(words[1], words[3], number))
         else:
-            node = parse_node(model, words, number, indent)
+            if not model.kind:
+                raise ModelError(f"line {number}: the description starts with native or openconfig")
+            if indent % 2:
+                raise ModelError(f"line {number}: indent by two spaces a level")
+            node = (parse_native if model.kind == "native" else parse_oc)(model, words, number)
+            node.depth = indent // 2
             while stack and stack[-1].depth >= node.depth:
                 stack.pop()
             if node.depth != (stack[-1].depth + 1 if stack else 0):
                 raise ModelError(f"line {number}: indentation does not follow the tree")
             if stack:
-                if stack[-1].form == "leaf":
+                if stack[-1].form in ("leaf", "key", "leaf-list"):
                     raise ModelError(f"line {number}: a leaf has no children")
                 node.parent = stack[-1]
                 stack[-1].children.append(node)
@@ -186,15 +219,13 @@ def parse(text):
     return model
 
 
-def parse_node(model, words, number, indent):
-    if indent % 2:
-        raise ModelError(f"line {number}: indent by two spaces a level")
+def parse_native(model, words, number):
     flags = []
     while words and words[0] in ("root", "inline"):
         flags.append(words.pop(0))
-    if len(words) < 2 or words[0] not in NODE_FORMS:
+    if len(words) < 2 or words[0] not in NATIVE_FORMS:
         raise ModelError(f"line {number}: expected container, list or leaf")
-    node = Node(words[0], words[1], number, indent // 2)
+    node = Node(words[0], words[1], number, 0)
     node.root = "root" in flags
     node.inline = "inline" in flags
     rest = words[2:]
@@ -207,7 +238,7 @@ def parse_node(model, words, number, indent):
     for key, value in zip(rest[::2], rest[1::2]):
         if key in node.opts:
             raise ModelError(f"line {number}: '{key}' given twice")
-        if key in PATH_OPTIONS:
+        if key in NATIVE_PATHS:
             value = expand(model, value, number)
         elif key == "keys":
             value = value.split(",")
@@ -217,32 +248,39 @@ def parse_node(model, words, number, indent):
     return node
 
 
-def allowed_options(node):
-    if node.form == "container":
-        return {"cont"}
-    if node.form == "list":
-        return {"keys", "path", "list"}
-    return set(LEAF_OPTIONS)
+def parse_oc(model, words, number):
+    if len(words) < 3 or words[0] not in OC_FORMS:
+        raise ModelError(f"line {number}: expected FORM TAG NAME, FORM one of {', '.join(OC_FORMS)}")
+    node = Node(words[0], words[1], number, 0, name=words[2])
+    if not re.match(r"^lvl[a-d]_\w+$", node.name):
+        raise ModelError(f"line {number}: '{node.name}' is not a walker name (lvlX_...)")
+    rest = words[3:]
+    while rest:
+        key = rest.pop(0)
+        if key not in OC_OPTIONS:
+            raise ModelError(f"line {number}: unknown option '{key}'")
+        if key in node.opts:
+            raise ModelError(f"line {number}: '{key}' given twice")
+        count, paths = OC_OPTIONS[key]
+        if len(rest) < count:
+            raise ModelError(f"line {number}: '{key}' takes {count} values")
+        values = [rest.pop(0) for _ in range(count)]
+        for i in range(count):
+            if i in paths:
+                values[i] = expand(model, values[i], number)
+            else:
+                values[i] = model.defines.get(values[i], values[i])
+        node.opts[key] = values
+    return node
 
 
 def check(model):
     if not model.stem or not model.namespace:
-        raise ModelError("the description needs 'native STEM' and 'namespace CONST'")
-    for n in walk(model):
-        extra = set(n.opts) - allowed_options(n)
-        if extra:
-            raise ModelError(f"line {n.line}: {n.form} takes no {', '.join(sorted(extra))}")
-        if (n.root or n.inline) and n.parent is not None:
-            raise ModelError(f"line {n.line}: only a top node can be root or inline")
-        if n.form == "list" and "path" not in n.opts:
-            raise ModelError(f"line {n.line}: a list needs its path")
-        if n.form == "leaf":
-            o = n.opts
-            forms = [bool("plain" in o), bool("delegate" in o), bool("config" in o)]
-            if sum(forms) != 1:
-                raise ModelError(f"line {n.line}: a leaf is plain, delegate or config")
-            if ("always" in o or "state" in o) and "config" not in o:
-                raise ModelError(f"line {n.line}: always and state go with config")
+        raise ModelError("the description needs its kind and stem, and 'namespace CONST'")
+    if model.kind == "native":
+        check_native(model)
+    else:
+        check_oc(model)
     for e in model.entries:
         tops = [t for t in model.tops if t.tag == e.accepts]
         if len(tops) != 1:
@@ -258,6 +296,45 @@ def check(model):
         seen[name] = line
 
 
+def check_native(model):
+    allowed = {"container": {"cont"}, "list": {"keys", "path", "list"}, "leaf": set(NATIVE_LEAF)}
+    for n in walk(model):
+        extra = set(n.opts) - allowed[n.form]
+        if extra:
+            raise ModelError(f"line {n.line}: {n.form} takes no {', '.join(sorted(extra))}")
+        if (n.root or n.inline) and n.parent is not None:
+            raise ModelError(f"line {n.line}: only a top node can be root or inline")
+        if n.form == "list" and "path" not in n.opts:
+            raise ModelError(f"line {n.line}: a list needs its path")
+        if n.form == "leaf":
+            o = n.opts
+            if sum(("plain" in o, "delegate" in o, "config" in o)) != 1:
+                raise ModelError(f"line {n.line}: a leaf is plain, delegate or config")
+            if ("always" in o or "state" in o) and "config" not in o:
+                raise ModelError(f"line {n.line}: always and state go with config")
+
+
+def check_oc(model):
+    for n in walk(model):
+        extra = set(n.opts) - OC_ALLOWED[n.form]
+        if extra:
+            raise ModelError(f"line {n.line}: {n.form} takes no {', '.join(sorted(extra))}")
+        handlers = [k for k in ("config", "key", "state", "delegate", "duck") if k in n.opts]
+        if len(handlers) > 1:
+            raise ModelError(f"line {n.line}: a leaf has one handler")
+        if n.form == "list":
+            if "path" not in n.opts or "leafref" not in n.opts:
+                raise ModelError(f"line {n.line}: a list needs its path and leafref")
+            if not n.children or n.children[0].form != "key":
+                raise ModelError(f"line {n.line}: a list's first child is its key")
+            if any(c.form == "key" for c in n.children[1:]):
+                raise ModelError(f"line {n.line}: a list has one key")
+        elif n.form == "key" and (n.parent is None or n.parent.form != "list"):
+            raise ModelError(f"line {n.line}: a key leaf stands in a list")
+        if n.parent is None and n.form in ("leaf", "key", "leaf-list"):
+            raise ModelError(f"line {n.line}: a top node is a container or list")
+
+
 def walk(model):
     def rec(n):
         yield n
@@ -268,23 +345,46 @@ def walk(model):
         yield from rec(t)
 
 
-def visit_name(model, n):
-    return model.prefix + suffix(n)
+# ---------------------------------------------------------------- names
+
+def suffix(model, n):
+    if model.kind == "openconfig":
+        return n.name
+    top = n.top
+    if n is top:
+        return f"{n.level}_{word(top.tag)}"
+    if n.parent is top:
+        return f"{n.level}_{word(top.tag)}_{word(n.tag)}"
+    return f"{n.level}_{word(top.tag)}_{word(n.parent.tag)}_{word(n.tag)}"
+
+
+def walker_name(model, n):
+    return model.prefix + suffix(model, n)
+
+
+def is_leaf(n):
+    return n.form in ("leaf", "key", "leaf-list")
+
+
+def role(n):
+    if is_leaf(n):
+        return "leaf_"
+    return "list_" if n.form == "list" else "cont_"
 
 
 def handler_name(model, n):
-    if n.form == "container":
-        return model.prefix + "cont_" + suffix(n) if "cont" in n.opts else None
-    if n.form == "list":
-        return model.prefix + "list_" + suffix(n) if "list" in n.opts else None
-    return model.prefix + "leaf_" + suffix(n)
+    """The node's cont_/list_/leaf_ name, or None where it has none."""
+    if model.kind == "native":
+        if n.form == "container" and "cont" not in n.opts:
+            return None
+        if n.form == "list" and "list" not in n.opts:
+            return None
+    return model.prefix + role(n) + suffix(model, n)
 
 
-def hook_name(model, n):
-    handler = handler_name(model, n)
-    if handler:
-        return handler
-    return model.prefix + ("duck_map_container" if n.form == "container" else "duck_map_list")
+def native_hook(model, n):
+    return handler_name(model, n) or model.prefix + (
+        "duck_map_container" if n.form == "container" else "duck_map_list")
 
 
 def entry_parse_augments(model, e):
@@ -301,16 +401,19 @@ def exported_names(model):
         yield entry_parse_augments(model, e), "weak", e.line
     for n in walk(model):
         if not n.inline:
-            yield visit_name(model, n), "strong" if n.root else "weak", n.line
-        if n.form != "leaf":
-            yield visit_name(model, n) + "_parse_augments", "weak", n.line
+            yield walker_name(model, n), "strong" if n.root else "weak", n.line
+        if not is_leaf(n):
+            yield walker_name(model, n) + "_parse_augments", "weak", n.line
         if handler_name(model, n):
             yield handler_name(model, n), "weak", n.line
 
 
 def delegates(model):
-    return sorted({n.opts["delegate"] for n in walk(model) if "delegate" in n.opts})
+    return sorted({n.opts["delegate"] if model.kind == "native" else n.opts["delegate"][0]
+                   for n in walk(model) if "delegate" in n.opts})
 
+
+# ---------------------------------------------------------------- writing
 
 def c_string(s):
     return '"' + s + '"' if s is not None else "nullptr"
@@ -321,14 +424,17 @@ def banner(model, source):
             f"// Model {model.stem}, namespace {model.namespace}.\n")
 
 
+def is_cont_sig(model, name):
+    return name.endswith("duck_map_container") or name.startswith(model.prefix + "cont_")
+
+
 def gen_header(model, source):
     out = [banner(model, source), "#pragma once\n\n", '#include "octunnel/yfw_types.h"\n\n',
            'extern "C" {\n\n']
     for name, _, _ in exported_names(model):
-        sig = SIG_CONT if ("_cont_" in name or name.endswith("duck_map_container")) else SIG_MAP
-        out.append(f"verrno {name}{sig};\n")
+        out.append(f"verrno {name}{SIG_CONT if is_cont_sig(model, name) else SIG_MAP};\n")
     if delegates(model):
-        out.append("\n// Hand-written conversions that handlers of this model delegate to.\n")
+        out.append("\n// Hand-written functions that handlers of this model call.\n")
         for fn in delegates(model):
             out.append(f"verrno {fn}{SIG_MAP};\n")
     out.append("\n} // extern \"C\"\n")
@@ -341,68 +447,151 @@ def function(binding, name, sig, path, body):
             f"    return {body};\n}}\n\n")
 
 
+def alias(name, sig, target, path):
+    return (f"// {path}\nYFW_EXPORT verrno {name}{sig}\n"
+            f"    __attribute__((weak, alias(\"{target}\")));\n\n")
+
+
+def record(type_name, var, fields):
+    return f"static const {type_name} {var} = {{\n    " + ",\n    ".join(fields) + ",\n};\n"
+
+
+def parse_augments_fn(model, n, engine):
+    return function("weak", walker_name(model, n) + "_parse_augments", SIG_MAP, model.path(n),
+                    f"{engine}::default_parse_augments(__func__, ctx, in, out)")
+
+
 def gen_parser(model, source):
-    p = model.prefix
+    engine = "vo" if model.kind == "native" else "ov"
     out = [banner(model, source), f'#include "ymap_octunnel_{model.stem}.h"\n',
-           '#include "engine/vo_engine.h"\n\n', "namespace {\n",
-           f"constexpr vo::model model = {{{model.namespace}, "
-           f"{'true' if model.operational else 'false'}}};\n}} // namespace\n\n"]
+           f'#include "engine/{engine}_engine.h"\n\n', "namespace {\n"]
+    if model.kind == "native":
+        out.append(f"constexpr vo::model model = {{{model.namespace}, "
+                   f"{'true' if model.operational else 'false'}}};\n")
+    else:
+        out.append(f"constexpr ov::model model = {{{model.namespace}}};\n")
+    out.append("} // namespace\n\n")
     for n in walk(model):
-        s = suffix(n)
-        path = model.augments + n.schema_path
-        if n.form != "leaf":
-            pa = visit_name(model, n) + "_parse_augments"
-            out.append(function("weak", pa, SIG_MAP, path,
-                                "vo::default_parse_augments(__func__, ctx, in, out)"))
-        keys = "nullptr"
-        if n.opts.get("keys"):
-            keys = f"keys_{s}"
-            out.append(f"static const char *const {keys}[] = {{"
-                       + ", ".join(c_string(k) for k in n.opts["keys"]) + "};\n")
-        branches = "nullptr"
-        if n.children:
-            branches = f"branches_{s}"
-            out.append(f"static const vo::branch {branches}[] = {{\n")
-            for c in n.children:
-                out.append(f"    {{{c_string(c.tag)}, vo::form::{c.form}, {visit_name(model, c)}}},\n")
-            out.append("};\n")
-        fields = [f".name = {c_string(visit_name(model, n))}", ".mdl = &model",
-                  f".kind = vo::form::{n.form}"]
-        if n.form == "container":
-            fields.append(f".cont_hook = {hook_name(model, n)}")
+        if model.kind == "native":
+            out.append(native_walker(model, n))
         else:
-            fields.append(f".hook = {hook_name(model, n)}")
-        if n.form == "list":
-            fields += [f".list_path = {c_string(n.opts['path'])}", f".keys = {keys}",
-                       f".key_count = {len(n.opts.get('keys', []))}"]
-        if n.form != "leaf":
-            fields += [f".branches = {branches}", f".branch_count = {len(n.children)}",
-                       f".parse_augments = {visit_name(model, n)}_parse_augments"]
-        out.append(f"static const vo::node node_{s} = {{\n    "
-                   + ",\n    ".join(fields) + ",\n};\n")
-        if n.inline:
-            out.append("\n")
-        else:
-            out.append(function("strong" if n.root else "weak", visit_name(model, n), SIG_MAP,
-                                path, f"vo::visit(node_{suffix(n)}, ctx, in, out)"))
+            out.append(oc_walker(model, n))
     for e in model.entries:
-        t = e.target
-        pa = entry_parse_augments(model, e)
-        where = model.augments + t.schema_path
-        out.append(function("weak", pa, SIG_MAP, f"{where}, foreign children of the entry",
-                            "vo::default_parse_augments(__func__, ctx, in, out)"))
-        target = (f".inline_node = &node_{suffix(t)}" if t.inline
-                  else f".visit = {visit_name(model, t)}")
-        out.append(f"static const vo::entry entry_{e.name} = {{\n"
-                   f"    .name = {c_string(p + e.name)},\n    .mdl = &model,\n"
-                   f"    .accepts = {c_string(e.accepts)},\n    {target},\n"
-                   f"    .parse_augments = {pa},\n}};\n")
-        out.append(function("strong", p + e.name, SIG_MAP, f"augment entry for {where}",
-                            f"vo::augment_entry(entry_{e.name}, ctx, in, out)"))
+        out.append(entry_code(model, e, engine))
     return "".join(out).rstrip("\n") + "\n"
 
 
-def handler_body(n):
+def native_walker(model, n):
+    s = suffix(model, n)
+    out = []
+    if n.form != "leaf":
+        out.append(parse_augments_fn(model, n, "vo"))
+    keys = "nullptr"
+    if n.opts.get("keys"):
+        keys = f"keys_{s}"
+        out.append(f"static const char *const {keys}[] = {{"
+                   + ", ".join(c_string(k) for k in n.opts["keys"]) + "};\n")
+    branches = "nullptr"
+    if n.children:
+        branches = f"branches_{s}"
+        out.append(f"static const vo::branch {branches}[] = {{\n")
+        for c in n.children:
+            out.append(f"    {{{c_string(c.tag)}, vo::form::{c.form}, {walker_name(model, c)}}},\n")
+        out.append("};\n")
+    fields = [f".name = {c_string(walker_name(model, n))}", ".mdl = &model",
+              f".kind = vo::form::{n.form}"]
+    if n.form == "container":
+        fields.append(f".cont_hook = {native_hook(model, n)}")
+    elif n.form == "list":
+        fields.append(f".hook = {native_hook(model, n)}")
+    else:
+        fields.append(f".hook = {handler_name(model, n)}")
+    if n.form == "list":
+        fields += [f".list_path = {c_string(n.opts['path'])}", f".keys = {keys}",
+                   f".key_count = {len(n.opts.get('keys', []))}"]
+    if n.form != "leaf":
+        fields += [f".branches = {branches}", f".branch_count = {len(n.children)}",
+                   f".parse_augments = {walker_name(model, n)}_parse_augments"]
+    out.append(record("vo::node", f"node_{s}", fields))
+    if n.inline:
+        out.append("\n")
+    else:
+        out.append(function("strong" if n.root else "weak", walker_name(model, n), SIG_MAP,
+                            model.path(n), f"vo::visit(node_{s}, ctx, in, out)"))
+    return "".join(out)
+
+
+def gated(parent, child):
+    return parent.form == "state" or child.form == "state"
+
+
+def oc_walker(model, n):
+    s = suffix(model, n)
+    name = walker_name(model, n)
+    out = []
+    if is_leaf(n):
+        form = {"leaf": "ordinary", "key": "key", "leaf-list": "leaf_list"}[n.form]
+        handler = model.prefix + "duck_map_leaf" if "duck" in n.opts else handler_name(model, n)
+        out.append(record("ov::leaf", f"walker_{s}",
+                          [f".name = {c_string(name)}", f".form = ov::leaf_form::{form}",
+                           f".handler = {handler}"]))
+        out.append(function("weak", name, SIG_MAP, model.path(n), f"ov::walk(walker_{s}, ctx, in, out)"))
+        return "".join(out)
+    out.append(parse_augments_fn(model, n, "ov"))
+    children = [c for c in n.children if c.form != "key"]
+    table = "nullptr"
+    if children:
+        table = f"children_{s}"
+        out.append(f"static const ov::child {table}[] = {{\n")
+        for c in children:
+            out.append(f"    {{{c_string(c.tag)}, {walker_name(model, c)}, "
+                       f"{'true' if gated(n, c) else 'false'}}},\n")
+        out.append("};\n")
+    fields = [f".name = {c_string(name)}", ".mdl = &model"]
+    if n.form == "list":
+        key = n.children[0]
+        fields += [f".key_tag = {c_string(key.tag)}", f".key_fn = {walker_name(model, key)}",
+                   f".children = {table}", f".child_count = {len(children)}",
+                   f".list_path = {c_string(n.opts['path'][0])}",
+                   f".leafref_path = {c_string(n.opts['leafref'][0])}",
+                   f".hook = {handler_name(model, n)}"]
+        type_name = "ov::list"
+    else:
+        fields += [f".state_form = {'true' if n.form == 'state' else 'false'}",
+                   f".hook = {handler_name(model, n)}", f".children = {table}",
+                   f".child_count = {len(children)}"]
+        type_name = "ov::container"
+    fields.append(f".parse_augments = {name}_parse_augments")
+    out.append(record(type_name, f"walker_{s}", fields))
+    out.append(function("weak", name, SIG_MAP, model.path(n), f"ov::walk(walker_{s}, ctx, in, out)"))
+    return "".join(out)
+
+
+def entry_code(model, e, engine):
+    p = model.prefix
+    t = e.target
+    where = model.path(t)
+    pa = entry_parse_augments(model, e)
+    out = [function("weak", pa, SIG_MAP, f"{where}, foreign children of the entry",
+                    f"{engine}::default_parse_augments(__func__, ctx, in, out)")]
+    if engine == "vo":
+        target = (f".inline_node = &node_{suffix(model, t)}" if t.inline
+                  else f".visit = {walker_name(model, t)}")
+        out.append(record("vo::entry", f"entry_{e.name}",
+                          [f".name = {c_string(p + e.name)}", ".mdl = &model",
+                           f".accepts = {c_string(e.accepts)}", target,
+                           f".parse_augments = {pa}"]))
+    else:
+        out.append(record("ov::entry", f"entry_{e.name}",
+                          [f".name = {c_string(p + e.name)}", ".mdl = &model",
+                           f".accepts = {c_string(e.accepts)}",
+                           f".walker = {walker_name(model, t)}", f".parse_augments = {pa}"]))
+    out.append(function("strong", p + e.name, SIG_MAP, f"augment entry for {where}",
+                        f"{engine}::augment_entry(entry_{e.name}, ctx, in, out)"))
+    return "".join(out)
+
+
+def native_handler_body(n):
     o = n.opts
     if n.form == "container":
         return f'vo::cont_handler(__func__, ctx, in, subtree_count, out, {c_string(o["cont"])})'
@@ -411,24 +600,64 @@ def handler_body(n):
     if "plain" in o:
         return f'vo::plain_leaf(__func__, ctx, in, out, {c_string(o["plain"])})'
     if "delegate" in o:
-        return f'vo::delegate(__func__, ctx, in, out, {o["delegate"]})'
+        return f'yfw::delegate(__func__, ctx, in, out, {o["delegate"]})'
     return (f'vo::guarded_leaf(__func__, ctx, in, out, {c_string(o.get("always"))}, '
             f'{c_string(o["config"])}, {c_string(o.get("state"))})')
 
 
+def oc_handler_body(n):
+    o = n.opts
+    if "cont" in o:
+        path, ns = o["cont"]
+        return f"ov::cont_handler(__func__, ctx, in, subtree_count, out, {c_string(path)}, {ns})"
+    if "list" in o:
+        path, ns = o["list"]
+        return f"ov::list_handler(__func__, ctx, in, out, {c_string(path)}, {ns})"
+    if "config" in o:
+        path, ns = o["config"]
+        return f"ov::config_leaf(__func__, ctx, in, out, {c_string(path)}, {ns})"
+    if "key" in o:
+        path, ns = o["key"]
+        return f"ov::key_leaf(__func__, ctx, in, out, {c_string(path)}, {ns})"
+    if "state" in o:
+        path, ns, flag = o["state"]
+        return f"ov::state_leaf(__func__, ctx, in, out, {c_string(path)}, {ns}, {flag})"
+    if "delegate" in o:
+        return f"yfw::delegate(__func__, ctx, in, out, {o['delegate'][0]})"
+    return "ov::refuse_leaf(__func__, ctx, in, out)"
+
+
 def gen_auto(model, source):
     p = model.prefix
+    engine = "vo" if model.kind == "native" else "ov"
     out = [banner(model, source), f'#include "ymap_octunnel_{model.stem}.h"\n',
-           '#include "engine/vo_engine.h"\n\n']
-    for hook, sig in (("duck_map_container", SIG_HOOK_CONT), ("duck_map_list", SIG_HOOK_MAP),
-                      ("duck_map_leaf", SIG_HOOK_MAP)):
-        out.append(function("strong", p + hook, sig, f"default {hook[9:]} hook of the model",
-                            "vo::passing_hook(__func__, ctx)"))
+           f'#include "engine/{engine}_engine.h"\n\n']
+    if model.kind == "native":
+        hooks = (("duck_map_container", SIG_HOOK_CONT, "vo::passing_hook(__func__, ctx)"),
+                 ("duck_map_list", SIG_HOOK_MAP, "vo::passing_hook(__func__, ctx)"),
+                 ("duck_map_leaf", SIG_HOOK_MAP, "vo::passing_hook(__func__, ctx)"))
+    else:
+        hooks = (("duck_map_container", SIG_OC_CONT_HOOK,
+                  "ov::passing_container(__func__, ctx, in, out)"),
+                 ("duck_map_list", SIG_HOOK_MAP, "ov::passing_list(__func__, ctx)"),
+                 ("duck_map_leaf", SIG_MAP, "ov::refuse_leaf(__func__, ctx, in, out)"))
+    for hook, sig, body in hooks:
+        out.append(function("strong", p + hook, sig, f"default {hook[9:]} hook of the model", body))
     for n in walk(model):
         name = handler_name(model, n)
-        if name:
-            out.append(function("weak", name, SIG_CONT if n.form == "container" else SIG_MAP,
-                                model.augments + n.schema_path, handler_body(n)))
+        if not name:
+            continue
+        sig = SIG_CONT if n.form in ("container", "state") else SIG_MAP
+        if model.kind == "native":
+            out.append(function("weak", name, sig, model.path(n), native_handler_body(n)))
+        elif n.form in ("container", "state") and "cont" not in n.opts:
+            out.append(alias(name, sig, p + "duck_map_container", model.path(n)))
+        elif n.form == "list" and "list" not in n.opts:
+            out.append(alias(name, sig, p + "duck_map_list", model.path(n)))
+        elif is_leaf(n) and "duck" in n.opts:
+            out.append(alias(name, sig, p + "duck_map_leaf", model.path(n)))
+        else:
+            out.append(function("weak", name, sig, model.path(n), oc_handler_body(n)))
     return "".join(out).rstrip("\n") + "\n"
 
 

@@ -9,6 +9,7 @@
 #define NS_OC_INTERFACES "http://openconfig.net/yang/interfaces"
 #define NS_OC_IF_IP "http://openconfig.net/yang/interfaces/ip"
 #define NS_OC_IF_TUNNEL "http://openconfig.net/yang/interfaces/tunnel"
+#define NS_OC_VLAN "http://openconfig.net/yang/vlan"
 
 /* Native configuration */
 #define NS_VALMORA_IFMGR_CFG "http://valmora.com/ns/yang/Valmora-ifmgr-cfg"

@@ -22,8 +22,7 @@ extern "C" [[noreturn]] void __assert_fail(const char *assertion, const char *fi
     ((expr) ? (void)0 : __assert_fail(#expr, __FILE_NAME__, __LINE__, signature))
 #define YFW_ASSERT_CTX() YFW_ASSERT_SIG(((void *)0) != ctx, __PRETTY_FUNCTION__)
 
-namespace yfw
-{
+namespace yfw {
 
 inline yfw_map_request *request(yfw_map_ctx ctx)
 {
@@ -47,6 +46,11 @@ inline void set_error_tag(yfw_map_ctx ctx, const char *name)
     }
     ctx->map_state->error_tag = yfw_strdup(name, "YFW MAP");
 }
+
+// A generated handler around one hand-written conversion: the frame of a
+// mapping function, and the conversion's result.
+verrno delegate(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
+                vidl_yfw_datatree *out, map_function to);
 
 } // namespace yfw
 

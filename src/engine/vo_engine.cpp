@@ -2,10 +2,8 @@
 // native tree, visited by the table of their model.
 #include "engine/vo_engine.h"
 
-namespace vo
-{
-namespace
-{
+namespace vo {
+namespace {
 
 struct children {
     const vidl_yfw_datatree *array = nullptr;

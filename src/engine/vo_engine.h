@@ -10,8 +10,7 @@
 
 #include "engine/module.h"
 
-namespace vo
-{
+namespace vo {
 
 enum class form : uint8_t { container, list, leaf };
 
@@ -77,7 +76,5 @@ verrno plain_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
 verrno guarded_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                     vidl_yfw_datatree *out, const char *always, const char *config,
                     const char *state);
-verrno delegate(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
-                vidl_yfw_datatree *out, map_function to);
 
 } // namespace vo

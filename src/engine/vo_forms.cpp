@@ -3,10 +3,8 @@
 #include "conversions.h"
 #include "engine/vo_engine.h"
 
-namespace vo
-{
-namespace
-{
+namespace vo {
+namespace {
 
 verrno add(yfw_map_ctx ctx, vidl_yfw_datatree *out, const char *path, const char *value,
            const vidl_yfw_datatree *op_node = nullptr, uint32_t list_entry = 0)
@@ -76,17 +74,6 @@ verrno guarded_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in
         if (state != nullptr)
             rc = add(ctx, out, state, in->value);
     }
-    YFW_TRC(ctx, fn, "End");
-    return rc;
-}
-
-verrno delegate(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
-                vidl_yfw_datatree *out, map_function to)
-{
-    YFW_TRC(ctx, fn, "Start");
-    if (in == nullptr || out == nullptr)
-        YFW_INVALID_ARGS(ctx, fn);
-    verrno rc = to(ctx, in, out);
     YFW_TRC(ctx, fn, "End");
     return rc;
 }

@@ -9,8 +9,7 @@
 using namespace testing_support;
 using testing::ElementsAre;
 
-namespace
-{
+namespace {
 
 constexpr const char *TUN = NS_OC_IF_TUNNEL;
 
@@ -65,7 +64,7 @@ TEST(AddPath, CreatesMergesCopiesAndTakesOwnersNamespaces)
     const auto &cfgs = r.out()->subtrees[1];
     EXPECT_STREQ(cfgs.ns, NS_VALMORA_IFMGR_CFG);
     EXPECT_STREQ(cfgs.subtrees[0].ns, NS_VALMORA_IFMGR_CFG);
-    EXPECT_STREQ(cfgs.subtrees[0].subtrees[0].ns, NS_VALMORA_TUNNEL_GRE_CFG);
+    EXPECT_STREQ(yfwhost::tree_child(&cfgs.subtrees[0], "tunnel-ip")->ns, NS_VALMORA_TUNNEL_GRE_CFG);
 }
 
 TEST(AddPath, UnboundListEntryIsAlwaysANewInstance)
@@ -269,8 +268,7 @@ TEST(Platform, AddressTextAndNumericResolver)
     EXPECT_STREQ(vlm_inet_ntoa(htonl(0xffffff00u)), "255.255.255.0");
     EXPECT_STREQ(vlm_inet_ntoa(0), "0.0.0.0");
 
-    struct addrinfo hints {
-    };
+    struct addrinfo hints {};
     struct addrinfo *res = nullptr;
     hints.ai_family = AF_INET6;
     ASSERT_EQ(getaddrinfo_vlm("2001:db8::1", nullptr, &hints, &res), 0);

@@ -1,0 +1,287 @@
+// Hand-written functions of openconfig-if-tunnel: the tunnel endpoints, the
+// operational reads and the IPv4 prefix length, to native paths.
+#include "engine/ov_engine.h"
+#include "ymap_octunnel_openconfig_if_tunnel.h"
+
+#include <arpa/inet.h>
+#include <stdlib.h>
+#include <string.h>
+
+namespace {
+
+constexpr uint32_t FAMILY_NONE = 0xFFFFFFFFu;
+constexpr int ROUTER_WITHOUT_IPV6_TUNNELS = 13;
+
+// The tunnel id of an interface named "tunnel-ip<id>": the name behind its
+// first nine characters.  A shorter name gives an empty id rather than a
+// read past its end.
+const char *tunnel_id(const char *name)
+{
+    const char *p = name;
+    for (int i = 0; i < 9 && *p != '\0'; ++i)
+        ++p;
+    return p;
+}
+
+verrno add_gre(yfw_map_ctx ctx, vidl_yfw_datatree *out, const char *path, const char *value,
+               const vidl_yfw_datatree *op_node)
+{
+    return yfw_map_datatree_add_path_flagged(ctx, out, path, NS_VALMORA_TUNNEL_GRE_CFG, value,
+                                             op_node, nullptr, 0, 1);
+}
+
+// One endpoint's native paths: its two family leaves, its type leaf with
+// the value of each family, and the tunnel mode.
+struct endpoint {
+    const char *container;
+    const char *address;
+    const char *ipv6_address;
+    const char *type;
+    const char *type_ipv4;
+    const char *type_ipv6;
+    // The delete takes out the container and then each leaf, in this order.
+    const char *delete_order[4];
+};
+
+#define P "/interface-configurations/interface-configuration/tunnel-ip"
+constexpr endpoint source = {
+    P "/source",
+    P "/source/address",
+    P "/source/ipv6-address",
+    P "/source/type",
+    "2",
+    "3",
+    {P "/source", P "/source/address", P "/source/type", P "/source/ipv6-address"}};
+constexpr endpoint destination = {P "/destination",
+                                  P "/destination/address",
+                                  P "/destination/ipv6-address",
+                                  P "/destination/type",
+                                  "1",
+                                  "2",
+                                  {P "/destination", P "/destination/type",
+                                   P "/destination/address", P "/destination/ipv6-address"}};
+constexpr const char *mode = P "/mode/value";
+#undef P
+
+// Every path of a row is added; the row's result is its last add's.
+verrno endpoint_to_native(const endpoint &e, uint32_t family, yfw_map_ctx ctx,
+                          const vidl_yfw_datatree *in, vidl_yfw_datatree *out)
+{
+    verrno rc = YFW_OK;
+    if (yfw::is_read(ctx)) {
+        add_gre(ctx, out, e.address, in->value, nullptr);
+        rc = add_gre(ctx, out, e.ipv6_address, in->value, nullptr);
+    } else if (yfw_map_is_request_delete(in)) {
+        for (const char *path : e.delete_order)
+            rc = add_gre(ctx, out, path, nullptr, in);
+    } else if (family == AF_INET) {
+        add_gre(ctx, out, e.address, in->value, in);
+        add_gre(ctx, out, e.type, e.type_ipv4, in);
+        rc = add_gre(ctx, out, mode, "1", in);
+    } else if (family == AF_INET6) {
+        add_gre(ctx, out, e.ipv6_address, in->value, in);
+        add_gre(ctx, out, e.type, e.type_ipv6, in);
+        rc = add_gre(ctx, out, mode, "2", in);
+    }
+    return rc;
+}
+
+verrno refuse_ipv6(const char *fn, yfw_map_ctx ctx)
+{
+    YFW_ERR(ctx, fn, "IPV6 Mode not supported");
+    ctx->map_state->error_text = yfw_strdup("IPV6 mode not supported.", "YFW MAP");
+    YFW_TRC(ctx, fn, "End");
+    return YFW_ERR_NOT_SUPPORTED;
+}
+
+// ---------------------------------------------------------------- operational reads
+
+verrno add_oper(yfw_map_ctx ctx, vidl_yfw_datatree *out, const char *path, const char *value)
+{
+    return yfw_map_datatree_add_path_flagged(ctx, out, path, NS_VALMORA_TUNNEL_IP_MA_OPER, value,
+                                             nullptr, nullptr, 0, 0);
+}
+
+#define Q "/tunnel-ip-ma/database/tunnel-ids/tunnel-id"
+
+// A read of a tunnel's state leaf selects the native operational leaves
+// under the tunnel id of the interface being walked; a write selects nothing.
+verrno state_to_native(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
+                       vidl_yfw_datatree *out, const char *first, const char *second)
+{
+    YFW_TRC(ctx, fn, "Start");
+    if (in == nullptr || out == nullptr)
+        YFW_INVALID_ARGS(ctx, fn);
+    const char *name = nullptr;
+    verrno rc = yfw_map_get_node_info(ctx, "/interfaces/interface", "name", &name);
+    if (name != nullptr && yfw::is_read(ctx)) {
+        add_oper(ctx, out, Q "/tid", tunnel_id(name));
+        rc = add_oper(ctx, out, first, in->value);
+        if (second != nullptr)
+            rc = add_oper(ctx, out, second, in->value);
+    }
+    YFW_TRC(ctx, fn, "End");
+    return rc;
+}
+
+// ---------------------------------------------------------------- prefix length
+
+constexpr const char *netmask_path =
+    "/interface-configurations/interface-configuration/ipv4-network/addresses/primary/netmask";
+constexpr verrno INVALID_PREFIX_LENGTH = 16;
+
+// The dotted netmask of a prefix length; the shift is taken modulo 32, so a
+// read has no bound (40 gives 255.0.0.0).
+const char *netmask(uint32_t n)
+{
+    uint32_t word = n == 0 ? 0 : 0xFFFFFFFFu << ((32u - n) % 32u);
+    return vlm_inet_ntoa(htonl(word));
+}
+
+} // namespace
+
+// ---------------------------------------------------------------- endpoints
+
+// The family of an address text: 10 when it resolves as IPv6, 2 as IPv4,
+// 0xFFFFFFFF otherwise (no value included).  The platform's resolver decides.
+YFW_EXPORT uint32_t get_ntwk_family(const char *value)
+{
+    struct addrinfo hints;
+    struct addrinfo *result = nullptr;
+    memset(&hints, 0, sizeof hints);
+    hints.ai_family = AF_INET6;
+    if (getaddrinfo_vlm(value, nullptr, &hints, &result) == 0) {
+        freeaddrinfo_vlm(result);
+        return AF_INET6;
+    }
+    hints.ai_family = AF_INET;
+    if (getaddrinfo_vlm(value, nullptr, &hints, &result) == 0) {
+        freeaddrinfo_vlm(result);
+        return AF_INET;
+    }
+    return FAMILY_NONE;
+}
+
+// /interfaces/interface/tunnel/config/src
+YFW_EXPORT verrno to_low_config_src(yfw_map_ctx ctx, const struct vidl_yfw_datatree *in,
+                                    struct vidl_yfw_datatree *out)
+{
+    YFW_ASSERT_CTX();
+    YFW_TRC(ctx, __func__, "Start");
+    if (in == nullptr || out == nullptr)
+        YFW_INVALID_ARGS(ctx, __func__);
+    uint32_t family = get_ntwk_family(in->value);
+    if (family == AF_INET) {
+        YFW_TRC(ctx, __func__, "SRC IP :%s is ipv4", YFW_TEXT(in->value));
+    } else if (family == AF_INET6) {
+        if (platform_get_router_type() == ROUTER_WITHOUT_IPV6_TUNNELS)
+            return refuse_ipv6(__func__, ctx);
+        YFW_TRC(ctx, __func__, "SRC IP :%s is ipv6", YFW_TEXT(in->value));
+    }
+    verrno rc = endpoint_to_native(source, family, ctx, in, out);
+    YFW_TRC(ctx, __func__, "End");
+    return rc;
+}
+
+// /interfaces/interface/tunnel/config/dst
+YFW_EXPORT verrno to_low_config_dst(yfw_map_ctx ctx, const struct vidl_yfw_datatree *in,
+                                    struct vidl_yfw_datatree *out)
+{
+    YFW_ASSERT_CTX();
+    YFW_TRC(ctx, __func__, "Start");
+    if (in == nullptr || out == nullptr)
+        YFW_INVALID_ARGS(ctx, __func__);
+    uint32_t family = get_ntwk_family(in->value);
+    if (family == AF_INET) {
+        YFW_TRC(ctx, __func__, "Dst IP :%s is ipv4", YFW_TEXT(in->value));
+    } else if (family == AF_INET6) {
+        if (platform_get_router_type() == ROUTER_WITHOUT_IPV6_TUNNELS)
+            return refuse_ipv6(__func__, ctx);
+        YFW_TRC(ctx, __func__, "Dst IP :%s is ipv6", YFW_TEXT(in->value));
+    }
+    verrno rc = endpoint_to_native(destination, family, ctx, in, out);
+    YFW_TRC(ctx, __func__, "End");
+    return rc;
+}
+
+// ---------------------------------------------------------------- operational reads
+
+// /interfaces/interface/tunnel/state/src
+YFW_EXPORT verrno to_low_state_src(yfw_map_ctx ctx, const struct vidl_yfw_datatree *in,
+                                   struct vidl_yfw_datatree *out)
+{
+    YFW_ASSERT_CTX();
+    return state_to_native(__func__, ctx, in, out, Q "/idb-array/source-address/ipv4",
+                           Q "/idb-array/source-address/ipv6");
+}
+
+// /interfaces/interface/tunnel/state/dst
+YFW_EXPORT verrno to_low_state_dst(yfw_map_ctx ctx, const struct vidl_yfw_datatree *in,
+                                   struct vidl_yfw_datatree *out)
+{
+    YFW_ASSERT_CTX();
+    return state_to_native(__func__, ctx, in, out, Q "/idb-array/destination-address/ipv4",
+                           Q "/idb-array/destination-address/ipv6");
+}
+
+// /interfaces/interface/tunnel/state/ttl, in place of the generated refusal
+YFW_EXPORT verrno ymap_ov_octunnel_openconfigiftunnel_leaf_lvla_tunnel_state_ttl(
+    yfw_map_ctx ctx, const struct vidl_yfw_datatree *in, struct vidl_yfw_datatree *out)
+{
+    YFW_ASSERT_CTX();
+    return state_to_native(__func__, ctx, in, out, Q "/idb-array/ttl", nullptr);
+}
+
+// /interfaces/interface/tunnel/state/gre-key, in place of the generated refusal
+YFW_EXPORT verrno ymap_ov_octunnel_openconfigiftunnel_leaf_lvla_tunnel_state_grekey(
+    yfw_map_ctx ctx, const struct vidl_yfw_datatree *in, struct vidl_yfw_datatree *out)
+{
+    YFW_ASSERT_CTX();
+    return state_to_native(__func__, ctx, in, out, Q "/idb-array/key", nullptr);
+}
+#undef Q
+
+// ---------------------------------------------------------------- prefix length
+
+// The netmask text for a read of a prefix length, or none without a value.
+YFW_EXPORT const char *
+oc_tunnel_plat_to_vlm_inv_name_conv_prefixlength(const struct vidl_yfw_datatree *in)
+{
+    if ((in->present & YFW_PRESENT_VALUE) == 0)
+        return nullptr;
+    return netmask(static_cast<uint32_t>(atoi(in->value)));
+}
+
+// /interfaces/interface/tunnel/ipv4/addresses/address/config/prefix-length
+//
+// A read selects the native netmask; a delete leaves it to the address
+// leaves, which delete the primary address; an edit writes the netmask of a
+// prefix length from 0 to 32.  An edit without a value is refused like one
+// out of range: there is no netmask to write.
+YFW_EXPORT verrno to_low_config_preLen(yfw_map_ctx ctx, const struct vidl_yfw_datatree *in,
+                                       struct vidl_yfw_datatree *out)
+{
+    YFW_ASSERT_CTX();
+    YFW_TRC(ctx, __func__, "Start");
+    if (in == nullptr || out == nullptr)
+        YFW_INVALID_ARGS(ctx, __func__);
+    verrno rc = YFW_OK;
+    if (yfw::is_read(ctx)) {
+        rc = yfw_map_datatree_add_path_flagged(ctx, out, netmask_path, NS_VALMORA_IPV4_IO_CFG,
+                                               oc_tunnel_plat_to_vlm_inv_name_conv_prefixlength(in),
+                                               nullptr, nullptr, 0, 1);
+    } else if (!yfw_map_is_request_delete(in)) {
+        uint32_t n = (in->present & YFW_PRESENT_VALUE) != 0 && in->value != nullptr
+                         ? static_cast<uint32_t>(atoi(in->value))
+                         : 33;
+        if (n >= 33) {
+            YFW_ERR(ctx, __func__, "Invalid prefix-length");
+            YFW_TRC(ctx, __func__, "End");
+            return INVALID_PREFIX_LENGTH;
+        }
+        rc = yfw_map_datatree_add_path_flagged(ctx, out, netmask_path, NS_VALMORA_IPV4_IO_CFG,
+                                               netmask(n), in, nullptr, 0, 1);
+    }
+    YFW_TRC(ctx, __func__, "End");
+    return rc;
+}
