@@ -20,10 +20,8 @@
 #include <sstream>
 #include <unistd.h>
 
-namespace octunnel
-{
-namespace
-{
+namespace octunnel {
+namespace {
 
 constexpr int exit_refused = 1;
 constexpr int exit_unusable = 2;
@@ -80,6 +78,11 @@ std::string module_path(const std::string &option)
     return dir + "liboctunnel.so";
 }
 
+std::string source_name(const std::string &file)
+{
+    return file == "-" ? "<stdin>" : file;
+}
+
 std::string read_input(const std::string &file)
 {
     if (file == "-") {
@@ -130,6 +133,58 @@ void report_failure(verrno rc, yfwhost::Request &req)
         std::cerr << "error-text: " << req.state().error_text << '\n';
 }
 
+// One translation: the module loaded, the request set up with the options'
+// tracing, and what the module did written out at the end.
+class Session {
+public:
+    Session(const Options &o, std::string_view out_tag)
+        : o_(o), module_(module_path(o.module)), req_(o.kind, out_tag)
+    {
+        o.apply_marks(req_.header());
+        if (!o.log.empty()) {
+            log_ = open_output(o.log);
+            req_.log_to([this](std::string_view line) { log_ << line << '\n'; });
+        }
+        if (!o.ring.empty())
+            req_.enable_ring();
+        req_.notes = [this](uint32_t line, std::string_view text) {
+            std::cerr << "octunnel: note: " << source_name(o_.input);
+            if (line > 0)
+                std::cerr << ':' << line;
+            std::cerr << ": " << text << '\n';
+        };
+    }
+
+    const yfwhost::Module &module() const { return module_; }
+    yfwhost::Request &request() { return req_; }
+
+    // Writes the emissions and the ring, then the answer or the failure.
+    int finish(verrno rc)
+    {
+        if (!o_.emissions.empty()) {
+            std::ofstream os = open_output(o_.emissions);
+            write_emissions(req_, os);
+        }
+        if (!o_.ring.empty()) {
+            std::ofstream os = open_output(o_.ring);
+            for (const std::string &line : req_.ring())
+                os << line << '\n';
+        }
+        if (rc != YFW_OK) {
+            report_failure(rc, req_);
+            return exit_refused;
+        }
+        std::cout << write_document(req_.out());
+        return 0;
+    }
+
+private:
+    const Options &o_;
+    yfwhost::Module module_;
+    yfwhost::Request req_;
+    std::ofstream log_;
+};
+
 // Native data to OpenConfig.
 int to_oc(const Options &o)
 {
@@ -138,18 +193,9 @@ int to_oc(const Options &o)
     for (const yfwhost::Tree &root : roots)
         routes.push_back(&route(*root));
 
-    yfwhost::Module module(module_path(o.module));
-    yfwhost::Request req(o.kind);
-    o.apply_marks(req.header());
-
-    std::ofstream log;
-    if (!o.log.empty()) {
-        log = open_output(o.log);
-        req.log_to([&log](std::string_view line) { log << line << '\n'; });
-    }
-    if (!o.ring.empty())
-        req.enable_ring();
-
+    Session session(o, "data");
+    yfwhost::Request &req = session.request();
+    const yfwhost::Module &module = session.module();
     verrno rc = YFW_OK;
     for (std::size_t i = 0; i < roots.size() && rc == YFW_OK; ++i) {
         const NativeRoot &r = *routes[i];
@@ -167,22 +213,34 @@ int to_oc(const Options &o)
             if (yfwhost::ns_match(r.augment_ns, root->subtrees[c].ns))
                 rc = entry(req.ctx(), &root->subtrees[c], req.out());
     }
+    return session.finish(rc);
+}
 
-    if (!o.emissions.empty()) {
-        std::ofstream os = open_output(o.emissions);
-        write_emissions(req, os);
+// An OpenConfig request to the native request tree: an edit's <config>, or
+// a read's subtree <filter>.
+int to_native(const Options &o)
+{
+    std::vector<yfwhost::Tree> roots = read_document(read_input(o.input));
+    for (const yfwhost::Tree &root : roots)
+        if (std::string_view(root->tag) != "interfaces" ||
+            !yfwhost::ns_match(NS_OC_INTERFACES, root->ns))
+            throw InputError(static_cast<int>(root->fw_line),
+                             "<" + std::string(root->tag) + "> in namespace '" + root->ns +
+                                 "' is not the OpenConfig <interfaces> root (" NS_OC_INTERFACES
+                                 ")");
+    yfwhost::set_router_type(static_cast<int>(o.router_type));
+    yfwhost::set_resolve_names(o.resolve_names);
+
+    const bool read = o.kind == YFW_MAP_REQ_GET_CONFIG || o.kind == YFW_MAP_REQ_GET;
+    Session session(o, read ? "filter" : "config");
+    yfwhost::Request &req = session.request();
+    map_function root_walker = session.module().registration().oc_to_native_root;
+    verrno rc = YFW_OK;
+    for (std::size_t i = 0; i < roots.size() && rc == YFW_OK; ++i) {
+        req.add_input(roots[i].get());
+        rc = root_walker(req.ctx(), roots[i].get(), req.out());
     }
-    if (!o.ring.empty()) {
-        std::ofstream os = open_output(o.ring);
-        for (const std::string &line : req.ring())
-            os << line << '\n';
-    }
-    if (rc != YFW_OK) {
-        report_failure(rc, req);
-        return exit_refused;
-    }
-    std::cout << write_data(req.out());
-    return 0;
+    return session.finish(rc);
 }
 
 } // namespace
@@ -203,6 +261,21 @@ int main(int argc, char **argv)
                  "global-interface-configuration, ipv4-network, ipv6-network) to the "
                  "OpenConfig answer, printed inside a NETCONF <data> element.");
     o.add_common(*oc, "get");
+    CLI::App *native = app.add_subcommand(
+        "to-native", "An OpenConfig request on /interfaces (an edit, or a read whose tree is a "
+                     "subtree filter) to the native request tree, printed inside a NETCONF "
+                     "<config> (writing kinds) or <filter type=\"subtree\"> (reads).");
+    Options on;
+    on.add_common(*native, "edit");
+    native
+        ->add_option("--router-type", on.router_type_text,
+                     "What the platform answers as its router type (13 refuses IPv6 tunnel "
+                     "endpoints)")
+        ->type_name("N")
+        ->default_str("0");
+    native->add_flag("--resolve-names", on.resolve_names,
+                     "Let the resolver look names up (by default it takes numeric addresses only, "
+                     "so a translation never waits on the network)");
 
     try {
         app.parse(argc, argv);
@@ -210,12 +283,14 @@ int main(int argc, char **argv)
         int rc = app.exit(e);
         return rc == 0 ? 0 : exit_unusable;
     }
+    Options &chosen = native->parsed() ? on : o;
     try {
-        o.finish();
+        chosen.finish();
         if (oc->parsed())
             return to_oc(o);
+        return to_native(on);
     } catch (const InputError &e) {
-        std::cerr << "octunnel: " << (o.input == "-" ? "<stdin>" : o.input);
+        std::cerr << "octunnel: " << source_name(chosen.input);
         if (e.line > 0)
             std::cerr << ':' << e.line;
         std::cerr << ": " << e.what() << '\n';

@@ -2,8 +2,7 @@
 
 #include <stdexcept>
 
-namespace octunnel
-{
+namespace octunnel {
 
 uint32_t parse_number(const std::string &text, const std::string &what)
 {
@@ -61,6 +60,7 @@ void Options::finish()
     else
         kind = parse_number(kind_text, "--kind");
     read_view = parse_number(read_view_text, "--read-view");
+    router_type = parse_number(router_type_text, "--router-type");
 
     std::string rest = marks_text;
     while (!rest.empty()) {

@@ -6,8 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-namespace octunnel
-{
+namespace octunnel {
 
 struct Options {
     std::string kind_text;
@@ -15,10 +14,13 @@ struct Options {
     std::string marks_text;
     std::string emissions, log, ring, module;
     std::string input = "-";
+    std::string router_type_text = "0";
+    bool resolve_names = false;
 
     uint32_t kind = 0;
     uint32_t read_view = 0;
     uint32_t marks[9] = {}; // req_marks_a .. req_marks_i
+    uint32_t router_type = 0;
 
     void add_common(CLI::App &cmd, const std::string &default_kind);
     // Parses the texts; throws std::invalid_argument naming the option.

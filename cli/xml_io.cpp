@@ -8,16 +8,13 @@
 #include <pugixml.hpp>
 #include <sstream>
 
-namespace octunnel
-{
-namespace
-{
+namespace octunnel {
+namespace {
 
 constexpr std::array<const char *, 5> operation_names = {"merge", "replace", "create", "delete",
                                                          "remove"};
 
-class Reader
-{
+class Reader {
 public:
     explicit Reader(std::string_view text) : text_(text) {}
 
@@ -114,7 +111,8 @@ private:
 bool is_wrapper(const Reader &r, const pugi::xml_node &e)
 {
     auto local = Reader::split(e.name()).second;
-    return (local == "data" || local == "config") && r.ns_of_element(e) == NS_NETCONF_BASE;
+    return (local == "data" || local == "config" || local == "filter") &&
+           r.ns_of_element(e) == NS_NETCONF_BASE;
 }
 
 void write_node(pugi::xml_node parent, const vidl_yfw_datatree &n, const char *parent_ns)
@@ -185,11 +183,13 @@ std::vector<yfwhost::Tree> read_document(std::string_view text)
     return roots;
 }
 
-std::string write_data(const vidl_yfw_datatree *root)
+std::string write_document(const vidl_yfw_datatree *root)
 {
     pugi::xml_document doc;
-    pugi::xml_node data = doc.append_child("data");
+    pugi::xml_node data = doc.append_child(root->tag);
     data.append_attribute("xmlns") = NS_NETCONF_BASE;
+    if (std::string_view(root->tag) == "filter")
+        data.append_attribute("type") = "subtree";
     // Each top-level element declares the prefix of the operations below it,
     // so that it stands on its own outside the <data> envelope.
     for (std::size_t i = 0; i < yfwhost::tree_child_count(root); ++i) {

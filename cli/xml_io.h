@@ -8,8 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace octunnel
-{
+namespace octunnel {
 
 // A document that cannot be translated, with the line it is about (0 when
 // it is about the document as a whole).
@@ -19,13 +18,14 @@ struct InputError : std::runtime_error {
 };
 
 // Reads the top-level nodes of a document: bare, or wrapped in one NETCONF
-// <data> or <config> element.  Every node gets its tag, namespace, value,
+// <data>, <config> or <filter> element.  Every node gets its tag, namespace, value,
 // NETCONF operation attribute (as op) and source line.
 std::vector<yfwhost::Tree> read_document(std::string_view text);
 
-// The children of `root` as a NETCONF <data> document: an element declares
-// xmlns where its namespace differs from its parent's, and carries
-// nc:operation where the node has an operation.
-std::string write_data(const vidl_yfw_datatree *root);
+// `root` and its children as a NETCONF document; the root is the envelope
+// (<data>, <config>, or <filter>, which is marked as a subtree filter).  An
+// element declares xmlns where its namespace differs from its parent's, and
+// carries nc:operation where the node has an operation.
+std::string write_document(const vidl_yfw_datatree *root);
 
 } // namespace octunnel

@@ -1,7 +1,6 @@
 #include "yfwhost/host.h"
 
-namespace yfwhost
-{
+namespace yfwhost {
 
 const char *error_name(verrno code)
 {

@@ -4,8 +4,15 @@
 #include <dlfcn.h>
 #include <stdexcept>
 
-namespace yfwhost
+namespace yfwhost {
+namespace {
+const Module *loaded = nullptr;
+}
+
+const Module *Module::current()
 {
+    return loaded;
+}
 
 Module::Module(const std::string &path)
 {
@@ -19,10 +26,13 @@ Module::Module(const std::string &path)
         throw std::runtime_error(path + " has no yfw_map_reg_ociftunnel_oper");
     }
     reg(&reg_);
+    loaded = this;
 }
 
 Module::~Module()
 {
+    if (loaded == this)
+        loaded = nullptr;
     dlclose(handle_);
 }
 

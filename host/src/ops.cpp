@@ -9,8 +9,7 @@
 
 using yfwhost::Request;
 
-namespace
-{
+namespace {
 
 Request &req(yfw_map_ctx ctx)
 {
@@ -21,8 +20,7 @@ std::atomic<int> strcpy_budget{-1};
 
 } // namespace
 
-namespace yfwhost
-{
+namespace yfwhost {
 void fail_strcpy_after(int n)
 {
     strcpy_budget = n;

@@ -5,14 +5,12 @@
 #include <arpa/inet.h>
 #include <atomic>
 
-namespace
-{
+namespace {
 std::atomic<int> router_type{0};
 std::atomic<bool> resolve_names{false};
 } // namespace
 
-namespace yfwhost
-{
+namespace yfwhost {
 void set_router_type(int type)
 {
     router_type = type;

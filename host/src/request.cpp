@@ -7,10 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace yfwhost
-{
-namespace
-{
+namespace yfwhost {
+namespace {
 
 std::string_view text(const char *s)
 {
@@ -78,6 +76,19 @@ bool find_path(const vidl_yfw_datatree *from, const vidl_yfw_datatree *target,
 }
 
 } // namespace
+
+// A key among the children that a walker parked on the instance stack, the
+// newest record first.
+const char *Request::parked_value(std::string_view key) const
+{
+    for (auto it = itree_.rbegin(); it != itree_.rend(); ++it)
+        for (uint32_t i = 0; i < it->count && it->nodes != nullptr; ++i) {
+            const vidl_yfw_datatree &n = it->nodes[i];
+            if (n.tag != nullptr && key == n.tag && (n.present & YFW_PRESENT_VALUE) != 0)
+                return n.value;
+        }
+    return nullptr;
+}
 
 Request::Request(uint32_t kind, std::string_view out_tag, std::string_view out_ns)
     : out_(tree_new(out_tag, out_ns))
@@ -155,7 +166,11 @@ verrno Request::get_node_info(const char *list_path, const char *key, const char
             match = tag != nullptr && want[want.size() - 1 - k] == tag;
         }
         if (match) {
-            *value = child_value(hierarchy_[end].node, key);
+            const vidl_yfw_datatree *entry = hierarchy_[end].node;
+            *value = child_value(entry, key);
+            // Children detached for a schema walk wait on the instance stack.
+            if (*value == nullptr && tree_child_count(entry) == 0)
+                *value = parked_value(key);
             return YFW_OK;
         }
     }
@@ -284,6 +299,9 @@ vidl_yfw_datatree *Request::list_entry_for(vidl_yfw_datatree *parent, std::strin
     if (!keyed && last != nullptr)
         return last;
     vidl_yfw_datatree *entry = tree_add_child(parent, tag, ns);
+    if (binding.fixed_key != nullptr)
+        tree_set_value(tree_add_child(entry, binding.fixed_key, binding.key_ns),
+                       binding.fixed_value);
     if (keyed)
         tree_set_value(tree_add_child(entry, binding.key, binding.key_ns), key);
     return entry;

@@ -4,10 +4,8 @@
 
 #include <array>
 
-namespace yfwhost::schema
-{
-namespace
-{
+namespace yfwhost::schema {
+namespace {
 
 struct Owner {
     const char *path;
@@ -52,13 +50,31 @@ constexpr Anchor ipv6_address_anchors[] = {
     {NS_VALMORA_IPV6_MA_OPER, "address", "address", ""},
 };
 
+// Native entries asked for by an OpenConfig request: the OpenConfig list
+// entry that the walk stands in names them.  The running configuration is
+// the one an edit changes, hence "act".
+constexpr Anchor oc_interface[] = {{NS_OC_INTERFACES, "interface", "name", ""}};
+constexpr Anchor oc_address[] = {{NS_OC_IF_TUNNEL, "address", "ip", ""}};
+
+#define CFG "/interface-configurations/interface-configuration"
+#define DETAIL "/ipv6-network/nodes/node/interface-data/vrfs/vrf/details/detail"
 constexpr ListBinding lists[] = {
     {"/interfaces/interface", "name", NS_OC_INTERFACES, interface_anchors},
     {"/interfaces/interface/tunnel/ipv4/addresses/address", "ip", NS_OC_IF_TUNNEL,
      ipv4_address_anchors},
     {"/interfaces/interface/tunnel/ipv6/addresses/address", "ip", NS_OC_IF_TUNNEL,
      ipv6_address_anchors},
+    {CFG, "interface-name", NS_VALMORA_IFMGR_CFG, oc_interface, "active", "act"},
+    {CFG "/ipv6-network/addresses/regular-addresses/regular-address", "address",
+     NS_VALMORA_IPV6_MA_CFG, oc_address},
+    // The tunnel id is named by the added path itself.
+    {"/tunnel-ip-ma/database/tunnel-ids/tunnel-id", "tid", NS_VALMORA_TUNNEL_IP_MA_OPER, {}},
+    {"/ipv4-network/interfaces/interface", "interface-name", NS_VALMORA_IPV4_MA_OPER, oc_interface},
+    {DETAIL, "interface-name", NS_VALMORA_IPV6_MA_OPER, oc_interface},
+    {DETAIL "/address", "address", NS_VALMORA_IPV6_MA_OPER, oc_address},
 };
+#undef CFG
+#undef DETAIL
 
 struct Keys {
     const char *list_tag;

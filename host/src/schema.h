@@ -8,8 +8,7 @@
 #include <span>
 #include <string_view>
 
-namespace yfwhost::schema
-{
+namespace yfwhost::schema {
 
 // The namespace of the model that owns the node at `path` (absolute, without
 // prefixes), or null when the added path's own namespace applies.
@@ -30,6 +29,9 @@ struct ListBinding {
     const char *key;
     const char *key_ns;
     std::span<const Anchor> anchors;
+    // A key of the same value on every entry, written before the other.
+    const char *fixed_key = nullptr;
+    const char *fixed_value = nullptr;
 };
 
 // The binding of the list at `path`, or null for a node that is no list.

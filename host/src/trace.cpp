@@ -9,8 +9,7 @@
 #include <mutex>
 #include <string>
 
-namespace
-{
+namespace {
 
 std::atomic<uint32_t> trace_index{0};
 
@@ -40,8 +39,7 @@ bool site_keeps(int *cell, const char *format)
 
 } // namespace
 
-namespace yfwhost
-{
+namespace yfwhost {
 void set_log_site_filter(std::function<bool(const char *format)> keep)
 {
     std::lock_guard lock(filter_mutex);

@@ -5,10 +5,8 @@
 #include <cstring>
 #include <new>
 
-namespace yfwhost
-{
-namespace
-{
+namespace yfwhost {
+namespace {
 
 char *copy(std::string_view s)
 {

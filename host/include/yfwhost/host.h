@@ -22,11 +22,9 @@
 #include <string_view>
 #include <vector>
 
-namespace yfwhost
-{
+namespace yfwhost {
 
-namespace schema
-{
+namespace schema {
 struct ListBinding;
 }
 
@@ -70,8 +68,7 @@ struct Emission {
     uint32_t path_flag;
 };
 
-class Request
-{
+class Request {
 public:
     // `out_tag`/`out_ns` name the root record of the output tree.
     explicit Request(uint32_t kind, std::string_view out_tag = "data",
@@ -107,6 +104,15 @@ public:
     std::size_t hierarchy_depth() const { return hierarchy_.size(); }
     const std::vector<const vidl_yfw_datatree *> &output_list() const { return output_list_; }
     std::size_t itree_depth() const { return itree_.size(); }
+
+    // Notes of the framework's own about the request (parts it does not hand
+    // to the module), with the source line of the node they are about.
+    std::function<void(uint32_t line, std::string_view text)> notes;
+    void note(const vidl_yfw_datatree *node, std::string_view text)
+    {
+        if (notes)
+            notes(node != nullptr ? node->fw_line : 0, text);
+    }
 
     // Observation and faults, for tests of the module.  `events`, when set,
     // receives one line per hierarchy, output-list, stack, list-node and
@@ -150,6 +156,7 @@ public:
     };
 
 private:
+    const char *parked_value(std::string_view key) const;
     vidl_yfw_datatree *list_entry_for(vidl_yfw_datatree *parent, std::string_view tag,
                                       const char *ns, const schema::ListBinding &binding,
                                       const char *named_key);
@@ -192,8 +199,7 @@ constexpr verrno YFW_ERR_LEAFREF_MISMATCH = 0xaaf2fa00u;
 
 // The mapping module, loaded as the framework loads it: dlopen, then the
 // registration function looked up by its fixed name and called once.
-class Module
-{
+class Module {
 public:
     // Throws std::runtime_error naming the path and the loader's reason.
     explicit Module(const std::string &path);
@@ -202,6 +208,9 @@ public:
     Module &operator=(const Module &) = delete;
 
     const yfw_map_reg_mod_t &registration() const { return reg_; }
+    // The module loaded last, for the framework's own modules that step into
+    // it by name; null when none is loaded.
+    static const Module *current();
     // An exported function by name, or null.
     void *symbol(const char *name) const;
     map_function function(const char *name) const
