@@ -177,31 +177,40 @@ verrno Request::get_node_info(const char *list_path, const char *key, const char
     return YFW_OK;
 }
 
-// The node's NETCONF operation, inherited from its ancestors in the request
-// tree, merge by default; an addition unless it is a delete or a remove.
-bool Request::is_request_add(const vidl_yfw_datatree *node) const
+// The node, or its nearest ancestor in the request trees, that carries an
+// operation: the node's effective NETCONF operation.  Null: merge.
+const vidl_yfw_datatree *Request::op_holder(const vidl_yfw_datatree *node) const
 {
-    if (node == nullptr || header_.kind == YFW_MAP_REQ_GET_CONFIG ||
-        header_.kind == YFW_MAP_REQ_GET)
-        return false;
+    if (node == nullptr)
+        return nullptr;
     std::vector<const vidl_yfw_datatree *> path;
     for (const vidl_yfw_datatree *root : inputs_)
         if (find_path(root, node, path))
             break;
     if (path.empty())
         path.push_back(node);
-    for (auto it = path.rbegin(); it != path.rend(); ++it) {
+    for (auto it = path.rbegin(); it != path.rend(); ++it)
         if (((*it)->present & YFW_PRESENT_OP) != 0)
-            return (*it)->op != YFW_OP_DELETE && (*it)->op != YFW_OP_REMOVE;
-    }
-    return true;
+            return *it;
+    return nullptr;
+}
+
+// An addition unless the effective operation is a delete or a remove.
+bool Request::is_request_add(const vidl_yfw_datatree *node) const
+{
+    if (node == nullptr || header_.kind == YFW_MAP_REQ_GET_CONFIG ||
+        header_.kind == YFW_MAP_REQ_GET)
+        return false;
+    const vidl_yfw_datatree *holder = op_holder(node);
+    return holder == nullptr || (holder->op != YFW_OP_DELETE && holder->op != YFW_OP_REMOVE);
 }
 
 // Adds `path` below `tree`, creating what is missing and merging with what
-// is there.  In the output tree, a list in the path resolves to the instance
-// the walk stands in (see list_entry_for), and each node takes the namespace
-// of the model that owns it.  Below a request node (a list key that a
-// walker adds) the path is relative and taken as it stands.
+// is there.  The last node takes on the effective operation of `op_node`,
+// so that a later add (the merge pass of a replace) overrides an earlier.  In the output tree, a
+// list in the path resolves to the instance the walk stands in (see list_entry_for), and each node
+// takes the namespace of the model that owns it.  Below a request node (a list key that a walker
+// adds) the path is relative and taken as it stands.
 verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *ns,
                          const char *value, const vidl_yfw_datatree *op_node,
                          vidl_yfw_datatree **out_node, uint32_t list_entry, uint32_t path_flag)
@@ -252,8 +261,8 @@ verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *
     }
     if (value != nullptr)
         tree_set_value(node, value);
-    if (op_node != nullptr && (op_node->present & YFW_PRESENT_OP) != 0)
-        tree_set_op(node, op_node->op);
+    if (const vidl_yfw_datatree *holder = op_holder(op_node); holder != nullptr)
+        tree_set_op(node, holder->op);
     if (out_node != nullptr)
         *out_node = node;
     return YFW_OK;
@@ -275,7 +284,10 @@ vidl_yfw_datatree *Request::list_entry_for(vidl_yfw_datatree *parent, std::strin
         for (const schema::Anchor &a : binding.anchors) {
             if (n->tag == nullptr || std::strcmp(n->tag, a.tag) != 0 || !ns_match(a.ns, n->ns))
                 continue;
-            if (const char *v = value_at(n, a.key_path); v != nullptr) {
+            const char *v = value_at(n, a.key_path);
+            if (v == nullptr && tree_child_count(n) == 0)
+                v = parked_value(a.key_path); // an entry walked by its schema
+            if (v != nullptr) {
                 key = std::string(a.prefix) + v;
                 keyed = true;
             }

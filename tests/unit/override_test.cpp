@@ -7,8 +7,7 @@
 using namespace testing_support;
 using testing::ElementsAre;
 
-namespace
-{
+namespace {
 
 std::vector<std::string> translate(const char *module_path)
 {

@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace testing_support
-{
+namespace testing_support {
 
 // A tree written as nested initializer lists:
 //   N("tunnel-ip-ma", NS, {N("database", {N("ttl", "64")})})

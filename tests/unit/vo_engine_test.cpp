@@ -18,8 +18,7 @@ using namespace testing_support;
 using testing::ElementsAre;
 using yfwhost::Request;
 
-namespace
-{
+namespace {
 
 constexpr const char *NS = "urn:test:native";
 

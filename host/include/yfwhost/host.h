@@ -157,6 +157,7 @@ public:
 
 private:
     const char *parked_value(std::string_view key) const;
+    const vidl_yfw_datatree *op_holder(const vidl_yfw_datatree *node) const;
     vidl_yfw_datatree *list_entry_for(vidl_yfw_datatree *parent, std::string_view tag,
                                       const char *ns, const schema::ListBinding &binding,
                                       const char *named_key);
