@@ -127,16 +127,21 @@ void Request::hierarchy_add(const vidl_yfw_datatree *node, int level)
     record("hier+ " + std::string(text(node->tag)) + " " + std::to_string(level));
 }
 
-// The node to remove is always the top; anything else is a fault of the
-// walk, which the events show and the hierarchy does not paper over.
+// The node to remove is the top but after a walker's early return (a
+// failed leafref check leaves its list node in place); it is taken out
+// wherever it stands, and the event says it was not the top.
 void Request::hierarchy_remove(const vidl_yfw_datatree *node)
 {
-    if (hierarchy_.empty() || hierarchy_.back().node != node) {
-        record("hier- " + std::string(text(node != nullptr ? node->tag : nullptr)) + " NOT-TOP");
+    auto it = std::find_if(hierarchy_.rbegin(), hierarchy_.rend(),
+                           [node](const Level &l) { return l.node == node; });
+    std::string tag(text(node != nullptr ? node->tag : nullptr));
+    if (it == hierarchy_.rend()) {
+        record("hier- " + tag + " NOT-LISTED");
         return;
     }
-    hierarchy_.pop_back();
-    record("hier- " + std::string(text(node->tag)));
+    const bool top = it == hierarchy_.rbegin();
+    hierarchy_.erase(std::next(it).base());
+    record("hier- " + tag + (top ? "" : " NOT-TOP"));
 }
 
 verrno Request::update_current_list_node(const char *list_path)

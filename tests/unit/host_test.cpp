@@ -64,7 +64,8 @@ TEST(AddPath, CreatesMergesCopiesAndTakesOwnersNamespaces)
     const auto &cfgs = r.out()->subtrees[1];
     EXPECT_STREQ(cfgs.ns, NS_VALMORA_IFMGR_CFG);
     EXPECT_STREQ(cfgs.subtrees[0].ns, NS_VALMORA_IFMGR_CFG);
-    EXPECT_STREQ(yfwhost::tree_child(&cfgs.subtrees[0], "tunnel-ip")->ns, NS_VALMORA_TUNNEL_GRE_CFG);
+    EXPECT_STREQ(yfwhost::tree_child(&cfgs.subtrees[0], "tunnel-ip")->ns,
+                 NS_VALMORA_TUNNEL_GRE_CFG);
 }
 
 TEST(AddPath, UnboundListEntryIsAlwaysANewInstance)
