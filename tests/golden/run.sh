@@ -11,6 +11,9 @@
 #   expected.emissions the --emissions file
 #   expected.stderr    stderr
 #   expected.rc        the exit status (default 0)
+#   input.yanglint     yanglint's data type of the OpenConfig request in
+#                      input.xml (edit, get); !TYPE when the models must
+#                      refuse it
 # Set GOLDEN_UPDATE=1 to write what the tool does now as the expectation.
 set -uo pipefail
 tool=$1 yang=$2 case=$3
@@ -49,15 +52,34 @@ if [ ! -f "$case/expected.stderr" ] && [ -s "$work/stderr" ]; then
   echo "unexpected stderr:"; cat "$work/stderr"; fail=1
 fi
 
-# The answer's content, without the NETCONF <data> element around it, must
-# be a valid get reply of the OpenConfig models.
-if [ "$rc" = 0 ] && [ "$(wc -l <"$work/stdout")" -gt 1 ]; then
-  sed '1d;$d' "$work/stdout" >"$work/reply.xml"
-  # ietf-netconf lets the nc:operation of a deleted entry through.
-  if ! yanglint -Q -p "$yang" -t get "$yang/ietf-netconf.yang" "$yang/openconfig-vlan-types.yang" \
+# yanglint with the OpenConfig models; ietf-netconf lets nc:operation through.
+oc_yanglint() { # type file
+  yanglint -Q -p "$yang" -t "$1" "$yang/ietf-netconf.yang" "$yang/openconfig-vlan-types.yang" \
       "$yang/openconfig-if-types.yang" "$yang/openconfig-interfaces.yang" \
       "$yang/openconfig-vlan.yang" "$yang/openconfig-if-ip.yang" \
-      "$yang/openconfig-if-tunnel.yang" "$work/reply.xml"; then
+      "$yang/openconfig-if-tunnel.yang" "$2"
+}
+
+# An OpenConfig request, without its NETCONF <config> or <filter> element,
+# must fit the models. A filter's selection nodes are empty elements, which
+# no typed leaf accepts, so they are left out of its check.
+if [ -f "$case/input.yanglint" ]; then
+  want=$(cat "$case/input.yanglint")
+  sed -e '/^<\(config\|filter\) xmlns="urn:ietf:params:xml:ns:netconf:base:1.0"/d' \
+      -e '/^<\/\(config\|filter\)>$/d' "$case/input.xml" >"$work/request.xml"
+  [ "${want#!}" = get ] && sed -i '/^[[:space:]]*<[^>]*\/>[[:space:]]*$/d' "$work/request.xml"
+  if oc_yanglint "${want#!}" "$work/request.xml" 2>"$work/yanglint"; then
+    [ "$want" != "${want#!}" ] && { echo "the models accept the request, expected: $want"; fail=1; }
+  elif [ "$want" = "${want#!}" ]; then
+    cat "$work/yanglint"; echo "the request does not validate against the OpenConfig models"; fail=1
+  fi
+fi
+
+# An OpenConfig answer (to-oc), without the NETCONF <data> element around
+# it, must be a valid get reply of the OpenConfig models.
+if [ "$rc" = 0 ] && [ "${args%% *}" = to-oc ] && [ "$(wc -l <"$work/stdout")" -gt 1 ]; then
+  sed '1d;$d' "$work/stdout" >"$work/reply.xml"
+  if ! oc_yanglint get "$work/reply.xml"; then
     echo "the answer does not validate against the OpenConfig models"; fail=1
   fi
 fi
