@@ -62,6 +62,44 @@ vidl_yfw_datatree *find_or_add(vidl_yfw_datatree *parent, std::string_view tag, 
     return tree_add_child(parent, tag, ns);
 }
 
+bool removing(uint32_t op)
+{
+    return op == YFW_OP_DELETE || op == YFW_OP_REMOVE;
+}
+
+// A node that an earlier add of this request removed and a later one writes
+// (to it, or below it): its old content goes and the new stands, which is a
+// replace.  This is how the two passes of a replace meet in one tree.
+void rewrite(vidl_yfw_datatree *n)
+{
+    if ((n->present & YFW_PRESENT_OP) != 0 && removing(n->op))
+        tree_set_op(n, YFW_OP_REPLACE);
+}
+
+// The operation a node ends with after an add that carries a request node:
+// a removal never weakens the client's delete, and a write after a removal
+// is a replace.  Adds without one (selections, plain steps of a path,
+// answers) leave operations alone.
+void take_operation(vidl_yfw_datatree *n, const vidl_yfw_datatree *op_node,
+                    const vidl_yfw_datatree *holder)
+{
+    if (op_node == nullptr)
+        return;
+    if (holder == nullptr) {
+        rewrite(n); // merge by default
+        return;
+    }
+    const bool had = (n->present & YFW_PRESENT_OP) != 0;
+    if (removing(holder->op)) {
+        if (!(had && n->op == YFW_OP_DELETE))
+            tree_set_op(n, holder->op);
+    } else if (had && removing(n->op)) {
+        tree_set_op(n, YFW_OP_REPLACE);
+    } else {
+        tree_set_op(n, holder->op);
+    }
+}
+
 bool find_path(const vidl_yfw_datatree *from, const vidl_yfw_datatree *target,
                std::vector<const vidl_yfw_datatree *> &path)
 {
@@ -211,8 +249,8 @@ bool Request::is_request_add(const vidl_yfw_datatree *node) const
 }
 
 // Adds `path` below `tree`, creating what is missing and merging with what
-// is there.  The last node takes on the effective operation of `op_node`,
-// so that a later add (the merge pass of a replace) overrides an earlier.  In the output tree, a
+// is there.  The last node takes on the effective operation of `op_node`
+// (see take_operation).  In the output tree, a
 // list in the path resolves to the instance the walk stands in (see list_entry_for), and each node
 // takes the namespace of the model that owns it.  Below a request node (a list key that a walker
 // adds) the path is relative and taken as it stands.
@@ -244,6 +282,8 @@ verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *
 
     const bool absolute = tree == out_.get();
     const char *given_ns = ns != nullptr ? ns : "";
+    const vidl_yfw_datatree *holder = op_holder(op_node);
+    const bool writing = op_node != nullptr && (holder == nullptr || !removing(holder->op));
     std::string schema_path;
     vidl_yfw_datatree *node = tree;
     for (std::size_t i = 0; i < steps.size(); ++i) {
@@ -263,11 +303,12 @@ verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *
         } else {
             node = find_or_add(node, steps[i], step_ns);
         }
+        if (!last && writing)
+            rewrite(node);
     }
     if (value != nullptr)
         tree_set_value(node, value);
-    if (const vidl_yfw_datatree *holder = op_holder(op_node); holder != nullptr)
-        tree_set_op(node, holder->op);
+    take_operation(node, op_node, holder);
     if (out_node != nullptr)
         *out_node = node;
     return YFW_OK;
