@@ -68,6 +68,27 @@ TEST(AddPath, CreatesMergesCopiesAndTakesOwnersNamespaces)
                  NS_VALMORA_TUNNEL_GRE_CFG);
 }
 
+// Operations from request nodes: a write after a removal is a replace, a
+// removal never weakens a delete, adds without a request node touch nothing.
+TEST(AddPath, RepeatedAddsSettleOnOneOperation)
+{
+    yfwhost::Request r(1);
+    auto req = build(N("tunnel", TUN, {N("ttl", "5")}).with_op(YFW_OP_REMOVE));
+    r.add_input(req.get());
+    const vidl_yfw_datatree *ttl = &req->subtrees[0]; // inherits remove
+    add(r, "/c/t", nullptr, req.get());               // removal of the container
+    add(r, "/c/t/ttl", nullptr, ttl);                 // and of its leaf
+    yfwhost::tree_set_op(req.get(), YFW_OP_MERGE);
+    add(r, "/c/t/ttl", "5", ttl); // written again: replace, and its parent too
+    add(r, "/c/x", nullptr, req.get());
+    yfwhost::tree_set_op(req.get(), YFW_OP_DELETE);
+    add(r, "/c/d", nullptr, req.get());
+    yfwhost::tree_set_op(req.get(), YFW_OP_REMOVE);
+    add(r, "/c/d", nullptr, req.get()); // a removal keeps the delete
+    add(r, "/c/d");                     // a plain step changes nothing
+    EXPECT_EQ(xml(*r.out()), "data\n  c\n    t op1\n      ttl=5 op1\n    x op0\n    d op3\n");
+}
+
 TEST(AddPath, UnboundListEntryIsAlwaysANewInstance)
 {
     yfwhost::Request r(YFW_MAP_REQ_GET);
