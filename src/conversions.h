@@ -22,4 +22,8 @@ verrno to_high_state_dst(yfw_map_ctx ctx, const struct vidl_yfw_datatree *in,
 verrno to_high_config_preLen(yfw_map_ctx ctx, const struct vidl_yfw_datatree *in,
                              struct vidl_yfw_datatree *out);
 
+// OpenConfig tunnel leaves to native paths.
+uint32_t get_ntwk_family(const char *value);
+const char *oc_tunnel_plat_to_vlm_inv_name_conv_prefixlength(const struct vidl_yfw_datatree *in);
+
 } // extern "C"

@@ -1,5 +1,6 @@
 // Hand-written functions of openconfig-if-tunnel: the tunnel endpoints, the
 // operational reads and the IPv4 prefix length, to native paths.
+#include "conversions.h"
 #include "engine/ov_engine.h"
 #include "ymap_octunnel_openconfig_if_tunnel.h"
 
@@ -94,6 +95,32 @@ verrno refuse_ipv6(const char *fn, yfw_map_ctx ctx)
     return YFW_ERR_NOT_SUPPORTED;
 }
 
+// The family of the address decides the native leaves; an IPv6 endpoint is
+// refused on a router without IPv6 tunnels, in every kind of request.
+verrno endpoint_conversion(const char *fn, const endpoint &e, yfw_map_ctx ctx,
+                           const vidl_yfw_datatree *in, vidl_yfw_datatree *out)
+{
+    YFW_FRAME_START(ctx, fn, in, out);
+    uint32_t family = get_ntwk_family(in->value);
+    const bool src = &e == &source;
+    if (family == AF_INET) {
+        if (src)
+            YFW_TRC(ctx, fn, "SRC IP :%s is ipv4", YFW_TEXT(in->value));
+        else
+            YFW_TRC(ctx, fn, "Dst IP :%s is ipv4", YFW_TEXT(in->value));
+    } else if (family == AF_INET6) {
+        if (platform_get_router_type() == ROUTER_WITHOUT_IPV6_TUNNELS)
+            return refuse_ipv6(fn, ctx);
+        if (src)
+            YFW_TRC(ctx, fn, "SRC IP :%s is ipv6", YFW_TEXT(in->value));
+        else
+            YFW_TRC(ctx, fn, "Dst IP :%s is ipv6", YFW_TEXT(in->value));
+    }
+    verrno rc = endpoint_to_native(e, family, ctx, in, out);
+    YFW_TRC(ctx, fn, "End");
+    return rc;
+}
+
 // ---------------------------------------------------------------- operational reads
 
 verrno add_oper(yfw_map_ctx ctx, vidl_yfw_datatree *out, const char *path, const char *value)
@@ -109,9 +136,7 @@ verrno add_oper(yfw_map_ctx ctx, vidl_yfw_datatree *out, const char *path, const
 verrno state_to_native(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                        vidl_yfw_datatree *out, const char *first, const char *second)
 {
-    YFW_TRC(ctx, fn, "Start");
-    if (in == nullptr || out == nullptr)
-        YFW_INVALID_ARGS(ctx, fn);
+    YFW_FRAME_START(ctx, fn, in, out);
     const char *name = nullptr;
     verrno rc = yfw_map_get_node_info(ctx, "/interfaces/interface", "name", &name);
     if (name != nullptr && yfw::is_read(ctx)) {
@@ -167,20 +192,7 @@ YFW_EXPORT verrno to_low_config_src(yfw_map_ctx ctx, const struct vidl_yfw_datat
                                     struct vidl_yfw_datatree *out)
 {
     YFW_ASSERT_CTX();
-    YFW_TRC(ctx, __func__, "Start");
-    if (in == nullptr || out == nullptr)
-        YFW_INVALID_ARGS(ctx, __func__);
-    uint32_t family = get_ntwk_family(in->value);
-    if (family == AF_INET) {
-        YFW_TRC(ctx, __func__, "SRC IP :%s is ipv4", YFW_TEXT(in->value));
-    } else if (family == AF_INET6) {
-        if (platform_get_router_type() == ROUTER_WITHOUT_IPV6_TUNNELS)
-            return refuse_ipv6(__func__, ctx);
-        YFW_TRC(ctx, __func__, "SRC IP :%s is ipv6", YFW_TEXT(in->value));
-    }
-    verrno rc = endpoint_to_native(source, family, ctx, in, out);
-    YFW_TRC(ctx, __func__, "End");
-    return rc;
+    return endpoint_conversion(__func__, source, ctx, in, out);
 }
 
 // /interfaces/interface/tunnel/config/dst
@@ -188,20 +200,7 @@ YFW_EXPORT verrno to_low_config_dst(yfw_map_ctx ctx, const struct vidl_yfw_datat
                                     struct vidl_yfw_datatree *out)
 {
     YFW_ASSERT_CTX();
-    YFW_TRC(ctx, __func__, "Start");
-    if (in == nullptr || out == nullptr)
-        YFW_INVALID_ARGS(ctx, __func__);
-    uint32_t family = get_ntwk_family(in->value);
-    if (family == AF_INET) {
-        YFW_TRC(ctx, __func__, "Dst IP :%s is ipv4", YFW_TEXT(in->value));
-    } else if (family == AF_INET6) {
-        if (platform_get_router_type() == ROUTER_WITHOUT_IPV6_TUNNELS)
-            return refuse_ipv6(__func__, ctx);
-        YFW_TRC(ctx, __func__, "Dst IP :%s is ipv6", YFW_TEXT(in->value));
-    }
-    verrno rc = endpoint_to_native(destination, family, ctx, in, out);
-    YFW_TRC(ctx, __func__, "End");
-    return rc;
+    return endpoint_conversion(__func__, destination, ctx, in, out);
 }
 
 // ---------------------------------------------------------------- operational reads
@@ -262,9 +261,7 @@ YFW_EXPORT verrno to_low_config_preLen(yfw_map_ctx ctx, const struct vidl_yfw_da
                                        struct vidl_yfw_datatree *out)
 {
     YFW_ASSERT_CTX();
-    YFW_TRC(ctx, __func__, "Start");
-    if (in == nullptr || out == nullptr)
-        YFW_INVALID_ARGS(ctx, __func__);
+    YFW_FRAME_START(ctx, __func__, in, out);
     verrno rc = YFW_OK;
     if (yfw::is_read(ctx)) {
         rc = yfw_map_datatree_add_path_flagged(ctx, out, netmask_path, NS_VALMORA_IPV4_IO_CFG,

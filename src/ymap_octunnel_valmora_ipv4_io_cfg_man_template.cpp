@@ -11,9 +11,7 @@ YFW_EXPORT verrno to_high_config_preLen(yfw_map_ctx ctx, const struct vidl_yfw_d
                                         struct vidl_yfw_datatree *out)
 {
     YFW_ASSERT_CTX();
-    YFW_TRC(ctx, __func__, "Start");
-    if (in == nullptr || out == nullptr)
-        YFW_INVALID_ARGS(ctx, __func__);
+    YFW_FRAME_START(ctx, __func__, in, out);
     YFW_TRC(ctx, __func__, "End");
     return YFW_OK;
 }

@@ -54,6 +54,15 @@ verrno delegate(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
 
 } // namespace yfw
 
+// The opening of every mapping function: Start, then the exit for a null
+// `in` or `out` (an ERR, the error path and YFW_ERR_INVALID_ARG, no End).
+#define YFW_FRAME_START(ctx, fn, in, out)                                                          \
+    do {                                                                                           \
+        YFW_TRC(ctx, fn, "Start");                                                                 \
+        if ((in) == nullptr || (out) == nullptr)                                                   \
+            YFW_INVALID_ARGS(ctx, fn);                                                             \
+    } while (0)
+
 // The exit of every function that is handed a null `in` or `out`.
 #define YFW_INVALID_ARGS(ctx, fn)                                                                  \
     do {                                                                                           \
