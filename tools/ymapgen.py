@@ -48,8 +48,20 @@ leaf, its first child) or leaf-list:
 
 A leaf without a handler option is refused (a twin of duck_map_leaf).
 Containers and lists without a handler have their cont_/list_ names as
-aliases of the model's duck hooks.  A node is known in a child loop only
-in a GET when it is a `state` container or any child of one.
+aliases of the model's duck hooks (`twin`: a body of the hook's own under
+the list's name).  A node is known in a child loop only in a GET when it is
+a `state` container or any child of one.  `root` before a top node exports
+its walker as a strong model root.  The header line `hooks-only` gives the
+model no cont_/list_/leaf_ names at all: every walker calls a duck hook.
+
+    copy NAME...                        # the top walkers NAME... once more,
+      augments /interfaces/interface/routed-vlan   # hung elsewhere,
+      define LIST /oc-if:.../oc-vlan:routed-vlan  # with their own defines
+    entry augment_lvla_routed_vlan accepts ipv4 walker lvlb_ipv4
+
+A copy gives each name of the copied trees the next level letter its stem
+has not used (lvla becomes lvlb, or lvlc where the stem already has an
+lvlb; lvlb becomes lvld).  An entry names its walker where tags repeat.
 
 Output, in --out-dir: ymap_octunnel_<stem>.h (declarations),
 ymap_octunnel_<stem>_parser.cpp (walkers, parse_augments, entries, tables),
@@ -84,8 +96,8 @@ OC_FORMS = ("container", "state", "list", "leaf", "key", "leaf-list")
 # option -> (number of arguments, which of them are paths)
 OC_OPTIONS = {"cont": (2, (0,)), "path": (1, (0,)), "leafref": (1, (0,)), "list": (2, (0,)),
               "config": (2, (0,)), "key": (2, (0,)), "state": (3, (0,)), "delegate": (1, ()),
-              "duck": (0, ())}
-OC_ALLOWED = {"container": {"cont"}, "state": {"cont"}, "list": {"path", "leafref", "list"},
+              "duck": (0, ()), "twin": (0, ())}
+OC_ALLOWED = {"container": {"cont"}, "state": {"cont"}, "list": {"path", "leafref", "list", "twin"},
               "leaf": {"config", "state", "delegate", "duck"},
               "key": {"key", "delegate", "duck"}, "leaf-list": {"delegate", "duck"}}
 
@@ -103,6 +115,8 @@ class Node:
     parent: "Node | None" = None
     name: str = ""      # OpenConfig: the walker's suffix as written
     level: str = "lvla"
+    base: str = ""      # OpenConfig copies: where the top hangs
+    defines: dict = field(default_factory=dict)  # OpenConfig copies: their own
     root: bool = False
     inline: bool = False
     opts: dict = field(default_factory=dict)
@@ -130,7 +144,16 @@ class Entry:
     name: str
     accepts: str
     line: int
+    walker: str = ""
     target: "Node | None" = None
+
+
+@dataclass
+class Copy:
+    names: list
+    line: int
+    augments: str = ""
+    defines: dict = field(default_factory=dict)
 
 
 @dataclass
@@ -140,8 +163,10 @@ class Model:
     namespace: str = ""
     augments: str = ""
     operational: bool = False
+    hooks_only: bool = False
     defines: dict = field(default_factory=dict)
     entries: list = field(default_factory=list)
+    copies: list = field(default_factory=list)
     tops: list = field(default_factory=list)
 
     @property
@@ -154,7 +179,7 @@ class Model:
         return f"ymap_{direction}_octunnel_{self.word}_"
 
     def path(self, n):
-        return self.augments + n.schema_path
+        return (n.top.base or self.augments) + n.schema_path
 
 
 def word(tag):
@@ -175,6 +200,7 @@ def expand(model, text, line):
 def parse(text):
     model = Model()
     stack = []
+    copy = None
     for number, raw in enumerate(text.splitlines(), 1):
         body = raw.split("#", 1)[0].rstrip()
         if not body.strip():
@@ -182,7 +208,23 @@ def parse(text):
         indent = len(body) - len(body.lstrip(" "))
         words = body.split()
         head = words[0]
-        if indent == 0 and head in ("native", "openconfig"):
+        if indent == 0:
+            copy = None
+        if copy is not None:
+            if head == "augments" and len(words) == 2:
+                copy.augments = words[1]
+            elif head == "define" and len(words) == 3:
+                copy.defines[words[1]] = words[2]
+            else:
+                raise ModelError(f"line {number}: a copy takes 'augments PATH' and 'define NAME VALUE'")
+            continue
+        if indent == 0 and head == "copy":
+            copy = Copy(words[1:], number)
+            model.copies.append(copy)
+            stack = []
+        elif indent == 0 and head == "hooks-only":
+            model.hooks_only = True
+        elif indent == 0 and head in ("native", "openconfig"):
             model.kind, model.stem = head, words[1]
         elif indent == 0 and head == "namespace":
             model.namespace = words[1]
@@ -193,9 +235,11 @@ def parse(text):
         elif indent == 0 and head == "define":
             model.defines[words[1]] = words[2]
         elif indent == 0 and head == "entry":
-            if len(words) != 4 or words[2] != "accepts":
-                raise ModelError(f"line {number}: expected 'entry NAME accepts TAG'")
-            model.entries.append(Entry(words[1], words[3], number))
+            if len(words) not in (4, 6) or words[2] != "accepts" or (
+                    len(words) == 6 and words[4] != "walker"):
+                raise ModelError(f"line {number}: expected 'entry NAME accepts TAG [walker NAME]'")
+            model.entries.append(Entry(words[1], words[3], number,
+                                       words[5] if len(words) == 6 else ""))
         else:
             if not model.kind:
                 raise ModelError(f"line {number}: the description starts with native or openconfig")
@@ -215,6 +259,9 @@ def parse(text):
             else:
                 model.tops.append(node)
             stack.append(node)
+    if model.kind == "openconfig":
+        make_copies(model)
+        expand_oc(model)
     check(model)
     return model
 
@@ -249,9 +296,12 @@ def parse_native(model, words, number):
 
 
 def parse_oc(model, words, number):
+    root = bool(words) and words[0] == "root"
+    if root:
+        words = words[1:]
     if len(words) < 3 or words[0] not in OC_FORMS:
         raise ModelError(f"line {number}: expected FORM TAG NAME, FORM one of {', '.join(OC_FORMS)}")
-    node = Node(words[0], words[1], number, 0, name=words[2])
+    node = Node(words[0], words[1], number, 0, name=words[2], root=root)
     if not re.match(r"^lvl[a-d]_\w+$", node.name):
         raise ModelError(f"line {number}: '{node.name}' is not a walker name (lvlX_...)")
     rest = words[3:]
@@ -264,14 +314,60 @@ def parse_oc(model, words, number):
         count, paths = OC_OPTIONS[key]
         if len(rest) < count:
             raise ModelError(f"line {number}: '{key}' takes {count} values")
-        values = [rest.pop(0) for _ in range(count)]
-        for i in range(count):
-            if i in paths:
-                values[i] = expand(model, values[i], number)
-            else:
-                values[i] = model.defines.get(values[i], values[i])
-        node.opts[key] = values
+        node.opts[key] = [rest.pop(0) for _ in range(count)]
     return node
+
+
+def next_level_names(model):
+    """Each walker name of the model's trees, moved to the next level letter
+    that its stem has not used: the name it takes in a copy."""
+    used = {}
+    for n in walk(model):
+        level, stem = n.name.split("_", 1)
+        used.setdefault(stem, set()).add(level)
+    moved = {}
+    for n in walk(model):
+        level, stem = n.name.split("_", 1)
+        letter = chr(ord(level[3]) + len(used[stem]))
+        moved[n.name] = f"lvl{letter}_{stem}" if letter <= "d" else None
+    return moved
+
+
+def clone(node, parent, moved):
+    if moved[node.name] is None:
+        raise ModelError(f"line {node.line}: no level letter left for a copy of {node.name}")
+    c = Node(node.form, node.tag, node.line, node.depth, parent, moved[node.name],
+             opts={k: list(v) for k, v in node.opts.items()})
+    c.children = [clone(k, c, moved) for k in node.children]
+    return c
+
+
+def make_copies(model):
+    if not model.copies:
+        return
+    moved = next_level_names(model)
+    for copy in model.copies:
+        for name in copy.names:
+            tops = [t for t in model.tops if t.name == name]
+            if len(tops) != 1:
+                raise ModelError(f"line {copy.line}: no top walker '{name}' to copy")
+            c = clone(tops[0], None, moved)
+            c.base = copy.augments
+            c.defines = copy.defines
+            model.tops.append(c)
+
+
+def expand_oc(model):
+    """Paths and namespaces of the options, with the defines of the node's
+    copy before the model's."""
+    for n in walk(model):
+        saved = model.defines
+        model.defines = {**saved, **n.top.defines}
+        for key, values in n.opts.items():
+            _, paths = OC_OPTIONS[key]
+            for i, v in enumerate(values):
+                values[i] = expand(model, v, n.line) if i in paths else model.defines.get(v, v)
+        model.defines = saved
 
 
 def check(model):
@@ -282,7 +378,8 @@ def check(model):
     else:
         check_oc(model)
     for e in model.entries:
-        tops = [t for t in model.tops if t.tag == e.accepts]
+        tops = [t for t in model.tops
+                if t.tag == e.accepts and (not e.walker or t.name == e.walker)]
         if len(tops) != 1:
             raise ModelError(f"line {e.line}: no single top node '{e.accepts}' for the entry")
         e.target = tops[0]
@@ -379,6 +476,8 @@ def handler_name(model, n):
             return None
         if n.form == "list" and "list" not in n.opts:
             return None
+    elif model.hooks_only:
+        return None
     return model.prefix + role(n) + suffix(model, n)
 
 
@@ -529,13 +628,14 @@ def oc_walker(model, n):
     s = suffix(model, n)
     name = walker_name(model, n)
     out = []
+    binding = "strong" if n.root else "weak"
     if is_leaf(n):
         form = {"leaf": "ordinary", "key": "key", "leaf-list": "leaf_list"}[n.form]
-        handler = model.prefix + "duck_map_leaf" if "duck" in n.opts else handler_name(model, n)
+        handler = oc_hook(model, n)
         out.append(record("ov::leaf", f"walker_{s}",
                           [f".name = {c_string(name)}", f".form = ov::leaf_form::{form}",
                            f".handler = {handler}"]))
-        out.append(function("weak", name, SIG_MAP, model.path(n), f"ov::walk(walker_{s}, ctx, in, out)"))
+        out.append(function(binding, name, SIG_MAP, model.path(n), f"ov::walk(walker_{s}, ctx, in, out)"))
         return "".join(out)
     out.append(parse_augments_fn(model, n, "ov"))
     children = [c for c in n.children if c.form != "key"]
@@ -554,17 +654,27 @@ def oc_walker(model, n):
                    f".children = {table}", f".child_count = {len(children)}",
                    f".list_path = {c_string(n.opts['path'][0])}",
                    f".leafref_path = {c_string(n.opts['leafref'][0])}",
-                   f".hook = {handler_name(model, n)}"]
+                   f".hook = {oc_hook(model, n)}"]
         type_name = "ov::list"
     else:
         fields += [f".state_form = {'true' if n.form == 'state' else 'false'}",
-                   f".hook = {handler_name(model, n)}", f".children = {table}",
+                   f".hook = {oc_hook(model, n)}", f".children = {table}",
                    f".child_count = {len(children)}"]
         type_name = "ov::container"
     fields.append(f".parse_augments = {name}_parse_augments")
     out.append(record(type_name, f"walker_{s}", fields))
-    out.append(function("weak", name, SIG_MAP, model.path(n), f"ov::walk(walker_{s}, ctx, in, out)"))
+    out.append(function(binding, name, SIG_MAP, model.path(n), f"ov::walk(walker_{s}, ctx, in, out)"))
     return "".join(out)
+
+
+def oc_hook(model, n):
+    """What an OpenConfig walker calls: its own handler name, or a duck hook
+    where the node has none or the leaf calls duck_map_leaf itself."""
+    if "duck" in n.opts or handler_name(model, n) is None:
+        hook = {"container": "duck_map_container", "state": "duck_map_container",
+                "list": "duck_map_list"}.get(n.form, "duck_map_leaf")
+        return model.prefix + hook
+    return handler_name(model, n)
 
 
 def entry_code(model, e, engine):
@@ -652,6 +762,9 @@ def gen_auto(model, source):
             out.append(function("weak", name, sig, model.path(n), native_handler_body(n)))
         elif n.form in ("container", "state") and "cont" not in n.opts:
             out.append(alias(name, sig, p + "duck_map_container", model.path(n)))
+        elif n.form == "list" and "twin" in n.opts:
+            out.append(function("weak", name, SIG_HOOK_MAP, model.path(n),
+                                "ov::passing_list(__func__, ctx)"))
         elif n.form == "list" and "list" not in n.opts:
             out.append(alias(name, sig, p + "duck_map_list", model.path(n)))
         elif is_leaf(n) and "duck" in n.opts:
