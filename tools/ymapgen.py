@@ -24,6 +24,7 @@ are listed, any other child goes the way of an unsupported tag:
     config P       leaf: adds P when config_or_state_allowed
     state P        leaf: with config, adds P under the same predicate
     delegate F     leaf: the handler calls the hand-written F
+    also NAME      the handler is also exported as NAME (a weak alias)
 
 Names follow the native grammar: the visit of a node is
 ymap_vo_octunnel_<word>_<lvl>_<top>[_<parent>]_<node>, its handler the same
@@ -289,7 +290,7 @@ def parse_native(model, words, number):
             value = expand(model, value, number)
         elif key == "keys":
             value = value.split(",")
-        elif key != "delegate":
+        elif key not in ("delegate", "also"):
             raise ModelError(f"line {number}: unknown option '{key}'")
         node.opts[key] = value
     return node
@@ -394,7 +395,8 @@ def check(model):
 
 
 def check_native(model):
-    allowed = {"container": {"cont"}, "list": {"keys", "path", "list"}, "leaf": set(NATIVE_LEAF)}
+    allowed = {"container": {"cont"}, "list": {"keys", "path", "list"},
+               "leaf": set(NATIVE_LEAF) | {"also"}}
     for n in walk(model):
         extra = set(n.opts) - allowed[n.form]
         if extra:
@@ -505,6 +507,8 @@ def exported_names(model):
             yield walker_name(model, n) + "_parse_augments", "weak", n.line
         if handler_name(model, n):
             yield handler_name(model, n), "weak", n.line
+        if "also" in n.opts:
+            yield model.prefix + n.opts["also"], "weak", n.line
 
 
 def delegates(model):
@@ -760,6 +764,8 @@ def gen_auto(model, source):
         sig = SIG_CONT if n.form in ("container", "state") else SIG_MAP
         if model.kind == "native":
             out.append(function("weak", name, sig, model.path(n), native_handler_body(n)))
+            if "also" in n.opts:
+                out.append(alias(p + n.opts["also"], sig, name, model.path(n)))
         elif n.form in ("container", "state") and "cont" not in n.opts:
             out.append(alias(name, sig, p + "duck_map_container", model.path(n)))
         elif n.form == "list" and "twin" in n.opts:

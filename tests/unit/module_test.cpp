@@ -6,13 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <set>
-#include <sstream>
 
 using namespace testing_support;
 using testing::ElementsAre;
@@ -410,124 +404,6 @@ TEST(ConfigOrStateAllowed, EachMarkHidesConfigurationInReadViewTwoOnly)
     outside.req_marks_e = 0x40000;
     outside.req_marks_i = 0xFFFF;
     EXPECT_TRUE(allowed(&outside)) << "bits outside the masks count for nothing";
-}
-
-// ---------------------------------------------------------------- exports
-
-std::map<std::string, char> dynamic_symbols()
-{
-    std::map<std::string, char> symbols;
-    std::string cmd = std::string("nm -D --defined-only ") + OCTUNNEL_MODULE_PATH;
-    FILE *p = popen(cmd.c_str(), "r");
-    char line[512];
-    while (p != nullptr && std::fgets(line, sizeof line, p) != nullptr) {
-        std::istringstream is(line);
-        std::string address, type, name;
-        if (is >> address >> type >> name)
-            symbols[name] = type[0];
-    }
-    if (p != nullptr)
-        pclose(p);
-    return symbols;
-}
-
-// Every name the generator wrote is exported with its binding; hand-written
-// definitions of generated names win as strong symbols.
-TEST(Exports, GeneratedNamesAreWeakAndEntryPointsStrong)
-{
-    auto symbols = dynamic_symbols();
-    ASSERT_FALSE(symbols.empty());
-    const std::set<std::string> overridden = {
-        "ymap_vo_octunnel_valmoraifmgrcfg_lvla_interfaceconfigurations_interfaceconfiguration_"
-        "parse_augments",
-        "ymap_ov_octunnel_openconfigiftunnel_leaf_lvla_tunnel_state_ttl",
-        "ymap_ov_octunnel_openconfigiftunnel_leaf_lvla_tunnel_state_grekey"};
-    std::size_t generated = 0;
-    for (const auto &file : std::filesystem::directory_iterator(OCTUNNEL_GEN_DIR)) {
-        if (file.path().extension() != ".names")
-            continue;
-        std::ifstream names(file.path());
-        std::string name, binding;
-        while (names >> name >> binding) {
-            ++generated;
-            char want = binding == "weak" && !overridden.contains(name) ? 'W' : 'T';
-            EXPECT_EQ(symbols[name], want) << name;
-            symbols.erase(name);
-        }
-    }
-    EXPECT_GT(generated, 500u);
-    for (const char *hand :
-         {"yfw_map_reg_ociftunnel_oper", "config_or_state_allowed", "to_high_config_src",
-          "to_high_config_dst", "to_high_state_src", "to_high_state_dst", "to_high_config_preLen",
-          "get_ntwk_family", "to_low_config_src", "to_low_config_dst", "to_low_state_src",
-          "to_low_state_dst", "to_low_config_preLen",
-          "oc_tunnel_plat_to_vlm_inv_name_conv_prefixlength"}) {
-        EXPECT_EQ(symbols[hand], 'T') << hand;
-        symbols.erase(hand);
-    }
-    EXPECT_THAT(symbols, IsEmpty()) << "exported but not one of the module's names";
-}
-
-// Names the framework and the handlers' tables are known by.
-TEST(Exports, TheModulesWellKnownNamesExist)
-{
-    for (const char *name : {
-             "ymap_vo_octunnel_valmoratunnelipmaoper_lvla_tunnelipma",
-             "ymap_vo_octunnel_valmoraifmgrcfg_lvla_interfaceconfigurations",
-             "ymap_vo_octunnel_valmoraifmgrcfg_lvla_globalinterfaceconfiguration",
-             "ymap_vo_octunnel_valmoraipv4iooper_lvla_ipv4network",
-             "ymap_vo_octunnel_valmoraipv6maoper_lvla_ipv6network",
-             "ymap_vo_octunnel_valmoraipv4maoper_augment_lvla_ipv4_network",
-             "ymap_vo_octunnel_valmoraipv4iocfg_augment_lvla_interface_configuration",
-             "ymap_vo_octunnel_valmoraipv4iocfg_augment_lvlb_interface_configuration",
-             "ymap_vo_octunnel_valmoraipv6macfg_augment_lvla_interface_configuration",
-             "ymap_vo_octunnel_valmoratunnelgrecfg_augment_lvla_interface_configuration",
-             "ymap_vo_octunnel_valmoraipv4iocfg_lvla_ipv4network",
-             "ymap_vo_octunnel_valmoraipv6macfg_lvla_ipv6network",
-             "ymap_vo_octunnel_valmoratunnelgrecfg_lvla_tunnelip",
-             "ymap_vo_octunnel_valmoraipv4maoper_lvla_interfaces",
-             "ymap_vo_octunnel_valmoraipv4iocfg_lvla_interface_configuration_parse_augments",
-             "ymap_vo_octunnel_valmoraipv6macfg_lvla_interface_configuration_parse_augments",
-             "ymap_vo_octunnel_valmoratunnelgrecfg_lvla_interface_configuration_parse_augments",
-             "ymap_vo_octunnel_valmoraipv4maoper_lvla_ipv4_network_parse_augments",
-             "ymap_vo_octunnel_valmoraipv4iocfg_lvlb_interface_configuration_parse_augments",
-             "ymap_vo_octunnel_valmoraipv4iocfg_lvla_ipv4networkforwarding_parse_augments",
-             "ymap_vo_octunnel_valmoraipv4iooper_lvla_ipv4network_parse_augments",
-             "ymap_vo_octunnel_valmoraipv6macfg_lvla_ipv6network_addresses",
-             "ymap_vo_octunnel_valmoraipv6maoper_lvla_ipv6network_interfacedata_vrfs",
-             "ymap_vo_octunnel_valmoratunnelipmaoper_lvla_tunnelipma_database",
-             "ymap_vo_octunnel_valmoratunnelipmaoper_lvla_tunnelipma_database_tunnelids",
-             "ymap_vo_octunnel_valmoratunnelipmaoper_lvla_tunnelipma_tunnelids_tunnelid",
-             "ymap_vo_octunnel_valmoratunnelipmaoper_lvla_tunnelipma_tunnelid_idbarray",
-             "ymap_vo_octunnel_valmoratunnelgrecfg_lvlb_tunnelip_destination_address",
-             "ymap_vo_octunnel_valmoraipv4iocfg_leaf_lvla_ipv4network_primary_address",
-             "ymap_vo_octunnel_valmoraipv4iocfg_leaf_lvla_ipv4network_primary_netmask",
-             "ymap_vo_octunnel_valmoraipv6macfg_leaf_lvla_ipv6network_regularaddress_address",
-             "ymap_vo_octunnel_valmoraipv6macfg_leaf_lvla_ipv6network_regularaddress_prefixlength",
-             "ymap_vo_octunnel_valmoraipv6macfg_leaf_lvla_ipv6network_autoconfiguration_enable",
-             "ymap_vo_octunnel_valmoraipv6macfg_leaf_lvla_ipv6network_mtu",
-             "ymap_vo_octunnel_valmoraipv6macfg_list_lvla_ipv6network_regularaddresses_"
-             "regularaddress",
-             "ymap_vo_octunnel_valmoratunnelgrecfg_leaf_lvla_tunnelip_ttl_value",
-             "ymap_vo_octunnel_valmoratunnelgrecfg_leaf_lvla_tunnelip_key_value",
-             "ymap_vo_octunnel_valmoratunnelgrecfg_leaf_lvla_tunnelip_source_address",
-             "ymap_vo_octunnel_valmoratunnelgrecfg_leaf_lvla_tunnelip_source_ipv6address",
-             "ymap_vo_octunnel_valmoratunnelgrecfg_leaf_lvlb_tunnelip_destination_address",
-             "ymap_vo_octunnel_valmoratunnelgrecfg_leaf_lvlb_tunnelip_destination_ipv6address",
-             "ymap_vo_octunnel_valmoratunnelgrecfg_cont_lvla_tunnelip",
-             "ymap_vo_octunnel_valmoraipv4iocfg_cont_lvla_ipv4network",
-             "ymap_vo_octunnel_valmoraipv4iocfg_cont_lvla_ipv4network_addresses",
-             "ymap_vo_octunnel_valmoraipv4maoper_leaf_lvla_interfaces_detail_primaryaddress",
-             "ymap_vo_octunnel_valmoraipv4maoper_leaf_lvla_interfaces_detail_prefixlength",
-             "ymap_vo_octunnel_valmoraipv6maoper_leaf_lvla_ipv6network_address_addressstate",
-             "ymap_vo_octunnel_valmoratunnelipmaoper_leaf_lvla_tunnelipma_sourceaddress_ipv4",
-             "ymap_vo_octunnel_valmoratunnelipmaoper_leaf_lvla_tunnelipma_sourceaddress_ipv6",
-             "ymap_vo_octunnel_valmoratunnelipmaoper_leaf_lvla_tunnelipma_destinationaddress_ipv4",
-             "ymap_vo_octunnel_valmoratunnelipmaoper_leaf_lvla_tunnelipma_destinationaddress_ipv6",
-             "ymap_vo_octunnel_valmoratunnelipmaoper_leaf_lvla_tunnelipma_idbarray_ttl",
-             "ymap_vo_octunnel_valmoratunnelipmaoper_leaf_lvla_tunnelipma_idbarray_key",
-         })
-        EXPECT_NE(module().symbol(name), nullptr) << name;
 }
 
 } // namespace
