@@ -60,6 +60,8 @@ struct Walk {
         verrno rc = YFW_OK;
         for (std::size_t i = 0; i < yfwhost::tree_child_count(&parent) && rc == YFW_OK; ++i) {
             const vidl_yfw_datatree &c = parent.subtrees[i];
+            if (is(c, "index", NS_OC_INTERFACES))
+                continue; // the subinterface's key
             if (is(c, "ipv4", NS_OC_IF_IP))
                 rc = enter(ipv4_entry, c);
             else if (is(c, "ipv6", NS_OC_IF_IP))
