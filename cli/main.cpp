@@ -1,10 +1,12 @@
-// octunnel: translates NETCONF documents through the tunnel mapping module,
-// loaded into the reference host the way the framework loads it, and shows
-// what the module did.
+// octunnel: translates NETCONF documents, in XML or in RFC 7951 JSON,
+// through the tunnel mapping module, loaded into the reference host the way
+// the framework loads it, and shows what the module did.
 //
 // Exit codes: 0 the translation succeeded; 1 the module refused it (its code
 // and error details on stderr, nothing on stdout); 2 the tool could not run
 // it (usage, unreadable or malformed input, a module that does not load).
+#include "json_io.h"
+#include "json_schema.h"
 #include "options.h"
 #include "xml_io.h"
 
@@ -16,6 +18,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <unistd.h>
@@ -78,6 +81,16 @@ std::string module_path(const std::string &option)
     return dir + "liboctunnel.so";
 }
 
+// Where the OpenConfig YANG models are read from for a JSON answer.
+std::string yang_dir(const std::string &option)
+{
+    if (!option.empty())
+        return option;
+    if (const char *env = std::getenv("OCTUNNEL_YANG_DIR"); env != nullptr && *env != '\0')
+        return env;
+    return OCTUNNEL_DEFAULT_YANG_DIR;
+}
+
 std::string source_name(const std::string &file)
 {
     return file == "-" ? "<stdin>" : file;
@@ -92,6 +105,12 @@ std::string read_input(const std::string &file)
     if (!in)
         throw UsageError("cannot read " + file);
     return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::vector<yfwhost::Tree> read_roots(const Options &o)
+{
+    std::string text = read_input(o.input);
+    return o.json ? read_json_document(text) : read_document(text);
 }
 
 std::ofstream open_output(const std::string &file)
@@ -134,11 +153,12 @@ void report_failure(verrno rc, yfwhost::Request &req)
 }
 
 // One translation: the module loaded, the request set up with the options'
-// tracing, and what the module did written out at the end.
+// tracing, and what the module did written out at the end.  A JSON answer
+// is written with what `schema` knows of its models.
 class Session {
 public:
-    Session(const Options &o, std::string_view out_tag)
-        : o_(o), module_(module_path(o.module)), req_(o.kind, out_tag)
+    Session(const Options &o, std::string_view out_tag, const JsonSchema *schema = nullptr)
+        : o_(o), schema_(schema), module_(module_path(o.module)), req_(o.kind, out_tag)
     {
         o.apply_marks(req_.header());
         if (!o.log.empty()) {
@@ -174,12 +194,16 @@ public:
             report_failure(rc, req_);
             return exit_refused;
         }
-        std::cout << write_document(req_.out());
+        if (o_.json)
+            std::cout << write_json_document(req_.out(), *schema_);
+        else
+            std::cout << write_document(req_.out());
         return 0;
     }
 
 private:
     const Options &o_;
+    const JsonSchema *schema_;
     yfwhost::Module module_;
     yfwhost::Request req_;
     std::ofstream log_;
@@ -188,12 +212,15 @@ private:
 // Native data to OpenConfig.
 int to_oc(const Options &o)
 {
-    std::vector<yfwhost::Tree> roots = read_document(read_input(o.input));
+    std::vector<yfwhost::Tree> roots = read_roots(o);
     std::vector<const NativeRoot *> routes;
     for (const yfwhost::Tree &root : roots)
         routes.push_back(&route(*root));
+    std::unique_ptr<OpenConfigSchema> schema;
+    if (o.json)
+        schema = std::make_unique<OpenConfigSchema>(yang_dir(o.yang_dir));
 
-    Session session(o, "data");
+    Session session(o, "data", schema.get());
     yfwhost::Request &req = session.request();
     const yfwhost::Module &module = session.module();
     verrno rc = YFW_OK;
@@ -220,7 +247,7 @@ int to_oc(const Options &o)
 // a read's subtree <filter>.
 int to_native(const Options &o)
 {
-    std::vector<yfwhost::Tree> roots = read_document(read_input(o.input));
+    std::vector<yfwhost::Tree> roots = read_roots(o);
     for (const yfwhost::Tree &root : roots)
         if (std::string_view(root->tag) != "interfaces" ||
             !yfwhost::ns_match(NS_OC_INTERFACES, root->ns))
@@ -232,7 +259,8 @@ int to_native(const Options &o)
     yfwhost::set_resolve_names(o.resolve_names);
 
     const bool read = o.kind == YFW_MAP_REQ_GET_CONFIG || o.kind == YFW_MAP_REQ_GET;
-    Session session(o, read ? "filter" : "config");
+    NativeSchema schema;
+    Session session(o, read ? "filter" : "config", &schema);
     yfwhost::Request &req = session.request();
     map_function root_walker = session.module().registration().oc_to_native_root;
     verrno rc = YFW_OK;
@@ -249,22 +277,44 @@ int to_native(const Options &o)
 int main(int argc, char **argv)
 {
     using namespace octunnel;
-    CLI::App app{"Translates NETCONF documents between the native models of the router and "
-                 "OpenConfig tunnel interfaces, through the tunnel mapping module."};
+    CLI::App app{"Translates documents between the native models of the router and OpenConfig "
+                 "tunnel interfaces, through the tunnel mapping module."};
     app.require_subcommand(1);
-    app.footer("Exit status: 0 translated; 1 the module refused the input (its error on "
-               "stderr); 2 usage, input or installation error.");
+    // Help footers, kept within 80 columns.
+    const std::string kinds = "Request kinds (--kind): get (10), get-config (0), edit (1), or any "
+                              "number,\n  decimal or 0x.\n";
+    const std::string formats =
+        "Formats (--format), of the input and of the answer alike:\n"
+        "  xml   NETCONF XML (the default), with nc:operation attributes\n"
+        "  json  RFC 7951 JSON, with ietf-netconf:operation metadata; no NETCONF envelope\n"
+        "  --emissions, --log and --ring do not change with the format.\n";
+    const std::string exits = "Exit status:\n"
+                              "  0  translated\n"
+                              "  1  the module refused the input (its error on stderr, nothing "
+                              "on stdout)\n"
+                              "  2  usage, input or installation error\n";
+    const std::string environment =
+        "Environment: OCTUNNEL_MODULE (the module), OCTUNNEL_YANG_DIR (to-oc: the\n"
+        "  OpenConfig models of a JSON answer).";
+    app.footer(kinds + formats + exits + environment +
+               "\nSee 'octunnel SUBCOMMAND --help' for the options of each.");
 
     Options o;
     CLI::App *oc = app.add_subcommand(
         "to-oc", "Native data (tunnel-ip-ma, interface-configurations, "
                  "global-interface-configuration, ipv4-network, ipv6-network) to the "
-                 "OpenConfig answer, printed inside a NETCONF <data> element.");
+                 "OpenConfig answer: in XML inside a NETCONF <data> element, in JSON bare.");
     o.add_common(*oc, "get");
+    oc->add_option("--yang-dir", o.yang_dir,
+                   "Directory of the OpenConfig YANG models that type a JSON answer (default: "
+                   "$OCTUNNEL_YANG_DIR, else " OCTUNNEL_DEFAULT_YANG_DIR ")")
+        ->type_name("DIR");
+    oc->footer(kinds + formats + exits + environment);
     CLI::App *native = app.add_subcommand(
         "to-native", "An OpenConfig request on /interfaces (an edit, or a read whose tree is a "
-                     "subtree filter) to the native request tree, printed inside a NETCONF "
-                     "<config> (writing kinds) or <filter type=\"subtree\"> (reads).");
+                     "subtree filter) to the native request tree: in XML inside a NETCONF "
+                     "<config> (writing kinds) or <filter type=\"subtree\"> (reads), in JSON "
+                     "bare, every value a string.");
     Options on;
     on.add_common(*native, "edit");
     native
@@ -276,6 +326,7 @@ int main(int argc, char **argv)
     native->add_flag("--resolve-names", on.resolve_names,
                      "Let the resolver look names up (by default it takes numeric addresses only, "
                      "so a translation never waits on the network)");
+    native->footer(kinds + formats + exits + environment);
 
     try {
         app.parse(argc, argv);

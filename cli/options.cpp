@@ -24,6 +24,10 @@ void Options::add_common(CLI::App &cmd, const std::string &default_kind)
                    "Request kind: get (10), get-config (0), edit (1), or a number")
         ->type_name("KIND")
         ->default_str(default_kind);
+    cmd.add_option("--format", format_text,
+                   "Syntax of the input and of the answer: xml (NETCONF XML) or json (RFC 7951)")
+        ->type_name("xml|json")
+        ->default_str("xml");
     cmd.add_option("--read-view", read_view_text, "The request's read view (decimal or 0x)")
         ->type_name("N")
         ->default_str("0");
@@ -59,6 +63,9 @@ void Options::finish()
                                     "' is not get, get-config, edit or a number");
     else
         kind = parse_number(kind_text, "--kind");
+    if (format_text != "xml" && format_text != "json")
+        throw std::invalid_argument("--format: '" + format_text + "' is not xml or json");
+    json = format_text == "json";
     read_view = parse_number(read_view_text, "--read-view");
     router_type = parse_number(router_type_text, "--router-type");
 

@@ -15,12 +15,15 @@ struct Options {
     std::string emissions, log, ring, module;
     std::string input = "-";
     std::string router_type_text = "0";
+    std::string format_text = "xml";
+    std::string yang_dir;
     bool resolve_names = false;
 
     uint32_t kind = 0;
     uint32_t read_view = 0;
     uint32_t marks[9] = {}; // req_marks_a .. req_marks_i
     uint32_t router_type = 0;
+    bool json = false; // --format json: RFC 7951 in and out
 
     void add_common(CLI::App &cmd, const std::string &default_kind);
     // Parses the texts; throws std::invalid_argument naming the option.

@@ -1,18 +1,16 @@
 #include "xml_io.h"
 
 #include "octunnel/yfw_namespaces.h"
+#include "yang_names.h"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
+#include <optional>
 #include <pugixml.hpp>
 #include <sstream>
 
 namespace octunnel {
 namespace {
-
-constexpr std::array<const char *, 5> operation_names = {"merge", "replace", "create", "delete",
-                                                         "remove"};
 
 class Reader {
 public:
@@ -95,12 +93,10 @@ public:
             if (prefix.empty() || prefix == "xmlns" || local != "operation" ||
                 namespace_of(e, prefix) != NS_NETCONF_BASE)
                 continue;
-            auto it = std::find(operation_names.begin(), operation_names.end(),
-                                std::string_view(a.value()));
-            if (it == operation_names.end())
-                throw InputError(line_of(e), "unknown operation '" + std::string(a.value()) +
-                                                 "' (merge, replace, create, delete, remove)");
-            yfwhost::tree_set_op(node, static_cast<uint32_t>(it - operation_names.begin()));
+            std::optional<uint32_t> op = operation_of(a.value());
+            if (!op)
+                throw InputError(line_of(e), unknown_operation(a.value()));
+            yfwhost::tree_set_op(node, *op);
         }
     }
 
@@ -121,8 +117,9 @@ void write_node(pugi::xml_node parent, const vidl_yfw_datatree &n, const char *p
     if (n.ns != nullptr && (parent_ns == nullptr || std::string_view(n.ns) != parent_ns))
         e.append_attribute("xmlns") = n.ns;
     if ((n.present & YFW_PRESENT_OP) != 0) {
-        e.append_attribute("nc:operation") =
-            n.op < operation_names.size() ? operation_names[n.op] : std::to_string(n.op).c_str();
+        std::string op = n.op < operation_names.size() ? std::string(operation_names[n.op])
+                                                       : std::to_string(n.op);
+        e.append_attribute("nc:operation") = op.c_str();
     }
     if ((n.present & YFW_PRESENT_VALUE) != 0 && n.value != nullptr)
         e.text() = n.value;

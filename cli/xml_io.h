@@ -1,21 +1,14 @@
 // NETCONF XML documents to and from the host's data trees.
 #pragma once
 
+#include "input_error.h"
 #include "yfwhost/host.h"
 
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace octunnel {
-
-// A document that cannot be translated, with the line it is about (0 when
-// it is about the document as a whole).
-struct InputError : std::runtime_error {
-    InputError(int line, const std::string &what) : std::runtime_error(what), line(line) {}
-    int line;
-};
 
 // Reads the top-level nodes of a document: bare, or wrapped in one NETCONF
 // <data>, <config> or <filter> element.  Every node gets its tag, namespace, value,

@@ -1,0 +1,27 @@
+// RFC 7951 JSON documents to and from the host's data trees.
+#pragma once
+
+#include "json_schema.h"
+#include "yfwhost/host.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace octunnel {
+
+// Reads the top-level nodes of a JSON document: one object whose members are
+// module-qualified roots, bare or inside one "ietf-netconf:data", "config" or
+// "filter" member.  The trees are those that read_document builds from the
+// same document in XML: a member's namespace is its module's, a list or
+// leaf-list gives one node per entry, a scalar becomes the node's text, and
+// the metadata "ietf-netconf:operation" its op.  Throws InputError with the
+// line of the member at fault.
+std::vector<yfwhost::Tree> read_json_document(std::string_view text);
+
+// The children of `root` (the envelope, which JSON does not write) as a JSON
+// document, lists and values as `schema` tells, operations as metadata.
+// Throws std::runtime_error for a namespace that has no module name.
+std::string write_json_document(const vidl_yfw_datatree *root, const JsonSchema &schema);
+
+} // namespace octunnel
