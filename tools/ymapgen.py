@@ -559,9 +559,16 @@ def record(type_name, var, fields):
     return f"static const {type_name} {var} = {{\n    " + ",\n    ".join(fields) + ",\n};\n"
 
 
+def default_parse_augments_call(engine):
+    # Native: the foreign child is dropped.  OpenConfig: it fails an adding request.
+    if engine == "vo":
+        return "yfw::pass(__func__, ctx, in, out)"
+    return "ov::default_parse_augments(__func__, ctx, in, out)"
+
+
 def parse_augments_fn(model, n, engine):
     return function("weak", walker_name(model, n) + "_parse_augments", SIG_MAP, model.path(n),
-                    f"{engine}::default_parse_augments(__func__, ctx, in, out)")
+                    default_parse_augments_call(engine))
 
 
 def gen_parser(model, source):
@@ -687,7 +694,7 @@ def entry_code(model, e, engine):
     where = model.path(t)
     pa = entry_parse_augments(model, e)
     out = [function("weak", pa, SIG_MAP, f"{where}, foreign children of the entry",
-                    f"{engine}::default_parse_augments(__func__, ctx, in, out)")]
+                    default_parse_augments_call(engine))]
     if engine == "vo":
         target = (f".inline_node = &node_{suffix(model, t)}" if t.inline
                   else f".visit = {walker_name(model, t)}")
@@ -747,13 +754,13 @@ def gen_auto(model, source):
     out = [banner(model, source), f'#include "ymap_octunnel_{model.stem}.h"\n',
            f'#include "engine/{engine}_engine.h"\n\n']
     if model.kind == "native":
-        hooks = (("duck_map_container", SIG_HOOK_CONT, "vo::passing_hook(__func__, ctx)"),
-                 ("duck_map_list", SIG_HOOK_MAP, "vo::passing_hook(__func__, ctx)"),
-                 ("duck_map_leaf", SIG_HOOK_MAP, "vo::passing_hook(__func__, ctx)"))
+        hooks = (("duck_map_container", SIG_HOOK_CONT, "yfw::end_only(__func__, ctx)"),
+                 ("duck_map_list", SIG_HOOK_MAP, "yfw::end_only(__func__, ctx)"),
+                 ("duck_map_leaf", SIG_HOOK_MAP, "yfw::end_only(__func__, ctx)"))
     else:
         hooks = (("duck_map_container", SIG_OC_CONT_HOOK,
-                  "ov::passing_container(__func__, ctx, in, out)"),
-                 ("duck_map_list", SIG_HOOK_MAP, "ov::passing_list(__func__, ctx)"),
+                  "yfw::pass(__func__, ctx, in, out)"),
+                 ("duck_map_list", SIG_HOOK_MAP, "yfw::end_only(__func__, ctx)"),
                  ("duck_map_leaf", SIG_MAP, "ov::refuse_leaf(__func__, ctx, in, out)"))
     for hook, sig, body in hooks:
         out.append(function("strong", p + hook, sig, f"default {hook[9:]} hook of the model", body))
@@ -770,7 +777,7 @@ def gen_auto(model, source):
             out.append(alias(name, sig, p + "duck_map_container", model.path(n)))
         elif n.form == "list" and "twin" in n.opts:
             out.append(function("weak", name, SIG_HOOK_MAP, model.path(n),
-                                "ov::passing_list(__func__, ctx)"))
+                                "yfw::end_only(__func__, ctx)"))
         elif n.form == "list" and "list" not in n.opts:
             out.append(alias(name, sig, p + "duck_map_list", model.path(n)))
         elif is_leaf(n) and "duck" in n.opts:

@@ -12,4 +12,17 @@ verrno delegate(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
     return rc;
 }
 
+verrno pass(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in, vidl_yfw_datatree *out)
+{
+    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_TRC(ctx, fn, "End");
+    return YFW_OK;
+}
+
+verrno end_only(const char *fn, yfw_map_ctx ctx)
+{
+    YFW_TRC(ctx, fn, "End");
+    return YFW_OK;
+}
+
 } // namespace yfw

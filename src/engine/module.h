@@ -51,6 +51,10 @@ inline void set_error_tag(yfw_map_ctx ctx, const char *name)
 // mapping function, and the conversion's result.
 verrno delegate(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                 vidl_yfw_datatree *out, map_function to);
+// A function that does nothing but its frame and answers YFW_OK.
+verrno pass(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in, vidl_yfw_datatree *out);
+// A hook that checks nothing and only traces its End.
+verrno end_only(const char *fn, yfw_map_ctx ctx);
 
 } // namespace yfw
 

@@ -138,26 +138,33 @@ verrno container_children(const container &c, yfw_map_ctx ctx, const children &c
     return code;
 }
 
-// The schema of a container, each child handed the container's own node:
-// the ungated children in table order, then (in a GET) the gated ones, then
-// parse_augments.  A deletion is seen by the children as a removal.
-void container_schema(const container &c, yfw_map_ctx ctx, vidl_yfw_datatree *in,
-                      vidl_yfw_datatree *out)
+// The children of a schema walk, each handed `in` and their results
+// dropped: the ungated ones in table order, then `op` back to delete where
+// the walk had made the deletion a removal, then (in a GET) the gated ones.
+void schema_children(const child *children, uint32_t count, bool was_delete, yfw_map_ctx ctx,
+                     vidl_yfw_datatree *in, vidl_yfw_datatree *out)
 {
-    yfw_map_state *st = ctx->map_state;
-    schema_walk_guard guard(st);
-    const bool was_delete = !c.state_form && is_delete(in) && has_op(in, YFW_OP_DELETE);
-    if (was_delete)
-        set_op(in, YFW_OP_REMOVE);
-    for (uint32_t i = 0; i < c.child_count; ++i)
-        if (!c.children[i].gated)
-            c.children[i].fn(ctx, in, out);
+    for (uint32_t i = 0; i < count; ++i)
+        if (!children[i].gated)
+            children[i].fn(ctx, in, out);
     if (was_delete)
         set_op(in, YFW_OP_DELETE);
     if (is_get(ctx))
-        for (uint32_t i = 0; i < c.child_count; ++i)
-            if (c.children[i].gated)
-                c.children[i].fn(ctx, in, out);
+        for (uint32_t i = 0; i < count; ++i)
+            if (children[i].gated)
+                children[i].fn(ctx, in, out);
+}
+
+// The schema of a container: its children, then parse_augments.  A deletion
+// is seen by the children as a removal.
+void container_schema(const container &c, yfw_map_ctx ctx, vidl_yfw_datatree *in,
+                      vidl_yfw_datatree *out)
+{
+    schema_walk_guard guard(ctx->map_state);
+    const bool was_delete = !c.state_form && is_delete(in) && has_op(in, YFW_OP_DELETE);
+    if (was_delete)
+        set_op(in, YFW_OP_REMOVE);
+    schema_children(c.children, c.child_count, was_delete, ctx, in, out);
     c.parse_augments(ctx, in, out);
 }
 
@@ -412,15 +419,7 @@ void childless_schema(const list &l, yfw_map_ctx ctx, vidl_yfw_datatree *in, vid
         }
     }
     l.key_fn(ctx, in, out);
-    for (uint32_t i = 0; i < l.child_count; ++i)
-        if (!l.children[i].gated)
-            l.children[i].fn(ctx, in, out);
-    if (was_delete)
-        set_op(in, YFW_OP_DELETE);
-    if (is_get(ctx))
-        for (uint32_t i = 0; i < l.child_count; ++i)
-            if (l.children[i].gated)
-                l.children[i].fn(ctx, in, out);
+    schema_children(l.children, l.child_count, was_delete, ctx, in, out);
     l.parse_augments(ctx, in, out);
     if (m.delete_owned) {
         st->delete_walk = 0;
@@ -697,20 +696,6 @@ verrno refuse_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
     yfw::set_error_tag(ctx, in->tag);
     YFW_TRC(ctx, fn, "End");
     return YFW_ERR_UNSUPPORTED_TAG;
-}
-
-verrno passing_container(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
-                         vidl_yfw_datatree *out)
-{
-    YFW_FRAME_START(ctx, fn, in, out);
-    YFW_TRC(ctx, fn, "End");
-    return YFW_OK;
-}
-
-verrno passing_list(const char *fn, yfw_map_ctx ctx)
-{
-    YFW_TRC(ctx, fn, "End");
-    return YFW_OK;
 }
 
 } // namespace ov

@@ -76,14 +76,12 @@ verrno augment_entry(const entry &e, yfw_map_ctx ctx, const vidl_yfw_datatree *i
                      vidl_yfw_datatree *out);
 
 // Defaults: a foreign child fails an adding request and is passed over
-// otherwise; an unmapped leaf is refused; containers and lists pass.
+// otherwise; an unmapped leaf is refused; containers pass (yfw::pass) and
+// lists pass with their End alone (yfw::end_only).
 verrno default_parse_augments(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                               vidl_yfw_datatree *out);
 verrno refuse_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                    vidl_yfw_datatree *out);
-verrno passing_container(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
-                         vidl_yfw_datatree *out);
-verrno passing_list(const char *fn, yfw_map_ctx ctx);
 
 // Handler forms: each adds one native path in `ns` to the native tree.
 // A configuration leaf: its value (reads, writes) or its operation (writes,

@@ -192,18 +192,4 @@ verrno augment_entry(const entry &e, yfw_map_ctx ctx, const vidl_yfw_datatree *i
     return rc;
 }
 
-verrno default_parse_augments(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
-                              vidl_yfw_datatree *out)
-{
-    YFW_FRAME_START(ctx, fn, in, out);
-    YFW_TRC(ctx, fn, "End");
-    return YFW_OK;
-}
-
-verrno passing_hook(const char *fn, yfw_map_ctx ctx)
-{
-    YFW_TRC(ctx, fn, "End");
-    return YFW_OK;
-}
-
 } // namespace vo

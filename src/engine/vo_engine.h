@@ -57,11 +57,8 @@ verrno visit(const node &n, yfw_map_ctx ctx, const vidl_yfw_datatree *in, vidl_y
 verrno augment_entry(const entry &e, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                      vidl_yfw_datatree *out);
 
-// Defaults: a parse_augments that drops the foreign child, and the three
-// hooks that pass.
-verrno default_parse_augments(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
-                              vidl_yfw_datatree *out);
-verrno passing_hook(const char *fn, yfw_map_ctx ctx);
+// Defaults: a parse_augments drops the foreign child (yfw::pass), and the
+// three hooks pass (yfw::end_only).
 
 // Handler forms.  Each adds full OpenConfig paths in NS_OC_IF_TUNNEL.
 verrno cont_handler(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
