@@ -43,8 +43,8 @@ struct Walk {
     Recorded r;
     yfwhost::Tree tree;
     verrno rc;
-    Walk(map_function walker, const N &spec, uint32_t kind = YFW_MAP_REQ_GET)
-        : r(kind), tree(build(spec))
+    Walk(map_function walker, const N &shape, uint32_t kind = YFW_MAP_REQ_GET)
+        : r(kind), tree(build(shape))
     {
         r.req.add_input(tree.get());
         rc = walker(r.ctx(), tree.get(), r.out());

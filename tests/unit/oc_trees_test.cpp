@@ -28,10 +28,10 @@ struct Result {
     std::vector<std::string> events;
 };
 
-Result walk(const char *fn, const N &spec, uint32_t kind)
+Result walk(const char *fn, const N &shape, uint32_t kind)
 {
     Recorded r(kind);
-    auto tree = build(spec);
+    auto tree = build(shape);
     r.req.add_input(tree.get());
     map_function f = module().function(fn);
     EXPECT_NE(f, nullptr) << fn;

@@ -153,10 +153,10 @@ struct Walk : ::testing::Test {
     std::unique_ptr<Recorded> r;
     yfwhost::Tree tree;
 
-    verrno run(uint32_t kind, const N &spec, map_function fn = walk_top)
+    verrno run(uint32_t kind, const N &shape, map_function fn = walk_top)
     {
         r = std::make_unique<Recorded>(kind);
-        tree = build(spec);
+        tree = build(shape);
         r->req.add_input(tree.get());
         return fn(r->ctx(), tree.get(), r->out());
     }
@@ -286,8 +286,8 @@ TEST_F(Walk, ChildlessWriteRunsTheHookAlone)
 
 TEST_F(Walk, DeletedContainerIsWalkedAsARemovalAndGetsItsOperationBack)
 {
-    N spec = top_({N("config", {}).with_op(YFW_OP_DELETE)});
-    ASSERT_EQ(run(1, spec), YFW_OK);
+    N shape = top_({N("config", {}).with_op(YFW_OP_DELETE)});
+    ASSERT_EQ(run(1, shape), YFW_OK);
     EXPECT_THAT(calls(), ElementsAre("hook top 1", "hook config op3 0", "leaf a config op4 sw1 dw0",
                                      "leaf b config op4", "leaf tag config op4 sw1 dw0",
                                      "augments config op3"));
@@ -308,8 +308,8 @@ TEST_F(Walk, DeletedContainerWithChildrenIsRefused)
 
 TEST_F(Walk, InstanceDeletedByItsKeyExpandsUnderDeleteWalkAndKeepsRemove)
 {
-    N spec("items", NS, {N("item", {N("id", "7")}).with_op(YFW_OP_DELETE)});
-    ASSERT_EQ(run(1, spec, walk_items), YFW_OK);
+    N shape("items", NS, {N("item", {N("id", "7")}).with_op(YFW_OP_DELETE)});
+    ASSERT_EQ(run(1, shape, walk_items), YFW_OK);
     EXPECT_THAT(calls(),
                 ElementsAre("hook items 1", "lhook item op3 dw2", "leaf id id sw0 dw0",
                             "hook item op4 0", "leaf x item op4 sw1 dw1", "augments item op4",
@@ -323,8 +323,8 @@ TEST_F(Walk, InstanceDeletedByItsKeyExpandsUnderDeleteWalkAndKeepsRemove)
 // Outside the keyed kinds, where a list without children is an error.
 TEST_F(Walk, DeletedListWithoutChildrenSeesRemoveAndGetsDeleteBack)
 {
-    N spec("items", NS, {N("item", {}).with_op(YFW_OP_DELETE)});
-    ASSERT_EQ(run(2, spec, walk_items), YFW_OK);
+    N shape("items", NS, {N("item", {}).with_op(YFW_OP_DELETE)});
+    ASSERT_EQ(run(2, shape, walk_items), YFW_OK);
     EXPECT_THAT(calls(),
                 ElementsAre("hook items 1", "lhook item op3 dw0", "leaf id item op4 sw1 dw1",
                             "hook item op4 0", "leaf x item op4 sw1 dw1", "augments item op4",
@@ -338,8 +338,8 @@ TEST_F(Walk, DeletedListWithoutChildrenSeesRemoveAndGetsDeleteBack)
 
 TEST_F(Walk, ReplaceOfAContainerRemovesByTheSchemaThenMerges)
 {
-    N spec = top_({N("config", {N("a", "1")}).with_op(YFW_OP_REPLACE)});
-    ASSERT_EQ(run(1, spec), YFW_OK);
+    N shape = top_({N("config", {N("a", "1")}).with_op(YFW_OP_REPLACE)});
+    ASSERT_EQ(run(1, shape), YFW_OK);
     EXPECT_THAT(calls(),
                 ElementsAre("hook top 1", "hook config op4 0", "leaf a config op4 sw1 dw0",
                             "leaf b config op4", "leaf tag config op4 sw1 dw0",
@@ -353,9 +353,9 @@ TEST_F(Walk, ReplaceOfAContainerRemovesByTheSchemaThenMerges)
 
 TEST_F(Walk, ReplaceOfAListEntryDeletesByKeyThenWalksKeyAndConfig)
 {
-    N spec("items", NS,
+    N shape("items", NS,
            {N("item", {N("id", "3"), N("config", {N("x", "9")})}).with_op(YFW_OP_REPLACE)});
-    ASSERT_EQ(run(1, spec, walk_items), YFW_OK);
+    ASSERT_EQ(run(1, shape, walk_items), YFW_OK);
     EXPECT_THAT(calls(),
                 ElementsAre("hook items 1", "lhook item op4 dw2", "leaf id id sw0 dw0",
                             "hook item op4 0", "leaf x item op4 sw1 dw1", "augments item op4",
@@ -411,8 +411,8 @@ TEST_F(Walk, KeyTestsByRequestKind)
 
 TEST_F(Walk, KeyedWriteChecksTheLeafrefAndAFailureLeavesTheNodeInTheHierarchy)
 {
-    N spec("items", NS, {N("item", {N("id", "1"), N("config", {N("id", "2")})})});
-    ASSERT_EQ(run(1, spec, walk_items), yfwhost::YFW_ERR_LEAFREF_MISMATCH);
+    N shape("items", NS, {N("item", {N("id", "1"), N("config", {N("id", "2")})})});
+    ASSERT_EQ(run(1, shape, walk_items), yfwhost::YFW_ERR_LEAFREF_MISMATCH);
     EXPECT_THAT(events({"leafref", "ERR"}),
                 ElementsAre("leafref /top/items/item", "ERR item leafref value check fail"));
     EXPECT_EQ(r->req.hierarchy_depth(), 1u) << "items left; item stays";
@@ -455,8 +455,8 @@ TEST_F(Walk, ReadOfAnInstanceByItsKeyWalksTheRestByTheSchema)
 
 TEST_F(Walk, UnknownTagsByNamespaceAndKind)
 {
-    N spec = top_({N("mtu", NS, "1500"), N("vlan", "urn:other", "5")});
-    ASSERT_EQ(run(YFW_MAP_REQ_GET_CONFIG, spec), YFW_OK);
+    N shape = top_({N("mtu", NS, "1500"), N("vlan", "urn:other", "5")});
+    ASSERT_EQ(run(YFW_MAP_REQ_GET_CONFIG, shape), YFW_OK);
     EXPECT_THAT(
         events({"ERR", "augments"}),
         ElementsAre("ERR top Unsupported tag is specified in the request.", "augments vlan"));

@@ -48,7 +48,7 @@ TEST(Override, DecliningNestedListEndsItsOuterEntryOnly)
         return N("detail",
                  {N("interface-name", name), address("2001:db8::1"), address("2001:db8::2")});
     };
-    N spec("ipv6-network", NS_VALMORA_IPV6_MA_OPER,
+    N shape("ipv6-network", NS_VALMORA_IPV6_MA_OPER,
            {N("nodes",
               {N("node", {N("node-name", "0"),
                           N("interface-data",
@@ -60,7 +60,7 @@ TEST(Override, DecliningNestedListEndsItsOuterEntryOnly)
         SCOPED_TRACE(path);
         yfwhost::Module module(path);
         Recorded r(YFW_MAP_REQ_GET);
-        auto tree = build(spec);
+        auto tree = build(shape);
         EXPECT_EQ(module.function(root)(r.ctx(), tree.get(), r.out()), YFW_OK);
         std::size_t adds = only(r.events, {"add"}).size();
         EXPECT_EQ(adds, path == std::string(OCTUNNEL_MODULE_PATH) ? 4u : 0u);

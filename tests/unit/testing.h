@@ -43,20 +43,20 @@ struct N {
     }
 };
 
-inline void fill(vidl_yfw_datatree *node, const N &spec)
+inline void fill(vidl_yfw_datatree *node, const N &shape)
 {
-    if (spec.value)
-        yfwhost::tree_set_value(node, *spec.value);
-    if (spec.op)
-        yfwhost::tree_set_op(node, *spec.op);
-    for (const N &c : spec.children)
+    if (shape.value)
+        yfwhost::tree_set_value(node, *shape.value);
+    if (shape.op)
+        yfwhost::tree_set_op(node, *shape.op);
+    for (const N &c : shape.children)
         fill(yfwhost::tree_add_child(node, c.tag, c.ns.empty() ? node->ns : c.ns), c);
 }
 
-inline yfwhost::Tree build(const N &spec)
+inline yfwhost::Tree build(const N &shape)
 {
-    yfwhost::Tree root(yfwhost::tree_new(spec.tag, spec.ns));
-    fill(root.get(), spec);
+    yfwhost::Tree root(yfwhost::tree_new(shape.tag, shape.ns));
+    fill(root.get(), shape);
     return root;
 }
 

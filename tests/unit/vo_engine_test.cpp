@@ -221,10 +221,10 @@ TEST_F(EngineTest, OutputListAddThatDidNotTakeIsNotUndone)
 
 TEST_F(EngineTest, NullTagStopsTheLoopWhereItStands)
 {
-    N spec("r", NS,
+    N shape("r", NS,
            {N("c", {N("x", "1")}), N("c", {N("x", "2")}), N("c"), N("c", {N("x", "4")}),
             N("c", {N("x", "5")})});
-    auto root = build(spec);
+    auto root = build(shape);
     std::free(root->subtrees[2].tag);
     root->subtrees[2].tag = nullptr;
     EXPECT_EQ(vo::visit(node_r, r.ctx(), root.get(), r.out()), YFW_ERR_NO_SUBTREES);
@@ -291,16 +291,16 @@ TEST_F(EngineTest, ChildrenByTagThenByNamespace)
 
 TEST_F(EngineTest, OperationalModelTakesBranchesOnlyInAGet)
 {
-    N spec("r", NS, {N("c", {N("x", "1")}), N("c", "urn:other", {})});
+    N shape("r", NS, {N("c", {N("x", "1")}), N("c", "urn:other", {})});
     for (uint32_t kind : {0u, 1u, 8u}) {
         SCOPED_TRACE(kind);
         Recorded other(kind);
-        auto t = build(spec);
+        auto t = build(shape);
         ASSERT_EQ(vo::visit(node_oper_r, other.ctx(), t.get(), other.out()), YFW_OK);
         EXPECT_THAT(only(other.events, {"hook", "add", "TRC r Unsupported", "augments"}),
                     ElementsAre("hook r 2", "TRC r Unsupported tag. Ignoring.", "augments c"));
     }
-    ASSERT_EQ(walk(node_oper_r, spec), YFW_OK);
+    ASSERT_EQ(walk(node_oper_r, shape), YFW_OK);
     EXPECT_THAT(events({"hook", "add", "augments"}),
                 ElementsAre("hook r 2", "hook c 1", "add /o/x", "hook c 0"));
 }
