@@ -99,6 +99,16 @@ verrno unknown_tag(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *chi
     return YFW_ERR_UNSUPPORTED_TAG;
 }
 
+// The end of the two passes of a replace: the flags cleared and the node's
+// replace back, unless a replace nested below has already ended the pass.
+void end_replace(yfw_map_state *st, vidl_yfw_datatree *in)
+{
+    st->walk_flags &= ~(YFW_WALK_REPLACE_CLEAR | YFW_WALK_REPLACE_WRITE);
+    if (st->replace_pass == 1)
+        set_op(in, YFW_OP_REPLACE);
+    st->replace_pass = 0;
+}
+
 // Sets schema_walk for the length of a schema walk, unless an outer walker
 // already did; only the walker that set it clears it.
 struct schema_walk_guard {
@@ -220,10 +230,7 @@ verrno walk(const container &c, yfw_map_ctx ctx, const vidl_yfw_datatree *node,
                 // The hook declines the node.  Outside pass one of a replace
                 // the walker leaves at once, putting back what it changed.
                 if (replace) {
-                    st->walk_flags &= ~(YFW_WALK_REPLACE_CLEAR | YFW_WALK_REPLACE_WRITE);
-                    if (st->replace_pass == 1)
-                        set_op(in, YFW_OP_REPLACE);
-                    st->replace_pass = 0;
+                    end_replace(st, in);
                 }
                 if (joined)
                     yfw_map_remove_from_node_hierarchy(ctx, in);
@@ -258,10 +265,7 @@ verrno walk(const container &c, yfw_map_ctx ctx, const vidl_yfw_datatree *node,
         }
     }
     if (replace) {
-        st->walk_flags &= ~(YFW_WALK_REPLACE_CLEAR | YFW_WALK_REPLACE_WRITE);
-        if (st->replace_pass == 1)
-            set_op(in, YFW_OP_REPLACE);
-        st->replace_pass = 0;
+        end_replace(st, in);
     }
     if (joined)
         yfw_map_remove_from_node_hierarchy(ctx, in);
@@ -575,10 +579,7 @@ verrno walk(const list &l, yfw_map_ctx ctx, const vidl_yfw_datatree *node, vidl_
     }
 
     if (replace) {
-        st->walk_flags &= ~(YFW_WALK_REPLACE_CLEAR | YFW_WALK_REPLACE_WRITE);
-        if (st->replace_pass == 1)
-            set_op(in, YFW_OP_REPLACE);
-        st->replace_pass = 0;
+        end_replace(st, in);
     }
     if (m.record != nullptr && m.record->nodes != nullptr)
         yfw_map_util_itree_stack_pop(ctx);
