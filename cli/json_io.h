@@ -1,12 +1,8 @@
 // RFC 7951 JSON documents to and from the host's data trees.
 #pragma once
 
+#include "document.h"
 #include "json_schema.h"
-#include "yfwhost/host.h"
-
-#include <string>
-#include <string_view>
-#include <vector>
 
 namespace octunnel {
 
@@ -17,11 +13,12 @@ namespace octunnel {
 // leaf-list gives one node per entry, a scalar becomes the node's text, and
 // the metadata "ietf-netconf:operation" its op.  Throws InputError with the
 // line of the member at fault.
-std::vector<yfwhost::Tree> read_json_document(std::string_view text);
+Document read_json_document(Input &input);
 
 // The children of `root` (the envelope, which JSON does not write) as a JSON
 // document, lists and values as `schema` tells, operations as metadata.
-// Throws std::runtime_error for a namespace that has no module name.
-std::string write_json_document(const vidl_yfw_datatree *root, const JsonSchema &schema);
+// Throws std::runtime_error, before writing anything, for a namespace that
+// has no module name.
+void write_json_document(const vidl_yfw_datatree *root, const JsonSchema &schema, Output &out);
 
 } // namespace octunnel

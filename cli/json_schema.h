@@ -6,8 +6,11 @@
 
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <vector>
 
 struct ly_ctx;
+struct lys_module;
 
 namespace octunnel {
 
@@ -16,12 +19,18 @@ enum class ValueKind { string, number, boolean, empty };
 
 class JsonSchema {
 public:
+    // A node of the models, as the schema knows it; null for one it does
+    // not know (nor anything below it).
+    using Node = const void *;
+
     virtual ~JsonSchema() = default;
-    // `path` is a data path in JSON form: each step qualified by its module
-    // where the module changes, "/openconfig-interfaces:interfaces/interface".
-    virtual NodeKind kind(const std::string &path) const = 0;
-    // How `value` of the leaf or leaf-list at `path` is written.
-    virtual ValueKind value_kind(const std::string &path, std::string_view value) const = 0;
+    // What stands above every top-level node.
+    virtual Node root() const = 0;
+    // The child `name` of `parent`, from the module `module`.
+    virtual Node child(Node parent, std::string_view module, std::string_view name) const = 0;
+    virtual NodeKind kind(Node node) const = 0;
+    // How `value` of the leaf or leaf-list `node` is written.
+    virtual ValueKind value_kind(Node node, std::string_view value) const = 0;
 };
 
 // The native models as the module's model descriptions give them (their
@@ -29,11 +38,16 @@ public:
 // modules are not at hand, so every value is written as a string.
 class NativeSchema final : public JsonSchema {
 public:
-    NodeKind kind(const std::string &path) const override;
-    ValueKind value_kind(const std::string &, std::string_view) const override
-    {
-        return ValueKind::string;
-    }
+    NativeSchema();
+    ~NativeSchema() override;
+    Node root() const override;
+    Node child(Node parent, std::string_view module, std::string_view name) const override;
+    NodeKind kind(Node node) const override;
+    ValueKind value_kind(Node, std::string_view) const override { return ValueKind::string; }
+
+private:
+    struct Step;
+    std::vector<Step> steps_;
 };
 
 // The OpenConfig models of /interfaces (openconfig-interfaces, -if-ip,
@@ -47,15 +61,21 @@ public:
     OpenConfigSchema(const OpenConfigSchema &) = delete;
     OpenConfigSchema &operator=(const OpenConfigSchema &) = delete;
 
-    NodeKind kind(const std::string &path) const override;
+    Node root() const override;
+    Node child(Node parent, std::string_view module, std::string_view name) const override;
+    NodeKind kind(Node node) const override;
     // A number for the 8- to 32-bit integer types, true/false for boolean,
     // [null] for empty, by the member type a union value matches and the
     // target type of a leafref; a string for everything else, and for a
     // value that does not fit its type.
-    ValueKind value_kind(const std::string &path, std::string_view value) const override;
+    ValueKind value_kind(Node node, std::string_view value) const override;
 
 private:
     ::ly_ctx *ctx_ = nullptr;
+    // Whether a leaf's values need checking against its type: those of a
+    // type that writes as a string whatever the value do not.
+    mutable std::unordered_map<const void *, bool> checked_;
+    mutable std::vector<std::pair<std::string, const ::lys_module *>> modules_;
 };
 
 } // namespace octunnel

@@ -14,14 +14,15 @@
 #include "yfwhost/host.h"
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <iostream>
-#include <iterator>
 #include <memory>
-#include <nlohmann/json.hpp>
-#include <sstream>
+#include <optional>
+#include <rapidjson/writer.h>
 #include <unistd.h>
+#include <utility>
 
 namespace octunnel {
 namespace {
@@ -96,45 +97,87 @@ std::string source_name(const std::string &file)
     return file == "-" ? "<stdin>" : file;
 }
 
-std::string read_input(const std::string &file)
+Document read_input(const Options &o)
 {
-    if (file == "-") {
-        return std::string(std::istreambuf_iterator<char>(std::cin), {});
+    Input input(o.input);
+    return o.json ? read_json_document(input) : read_document(input);
+}
+
+// A file the tool writes: whole, or not at all.  It is written under a name
+// of its own beside the one asked for and takes that name once complete, so
+// that a reader never sees it half-written, and a run that fails leaves
+// nothing behind.
+class OutputFile {
+public:
+    explicit OutputFile(const std::string &path) : path_(path), temp_(path + ".XXXXXX")
+    {
+        int fd = mkstemp(temp_.data());
+        if (fd < 0 || (file_ = fdopen(fd, "w")) == nullptr)
+            throw UsageError("cannot write " + path_ + ": " + std::strerror(errno));
+        out_.emplace(file_);
     }
-    std::ifstream in(file, std::ios::binary);
-    if (!in)
-        throw UsageError("cannot read " + file);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-std::vector<yfwhost::Tree> read_roots(const Options &o)
-{
-    std::string text = read_input(o.input);
-    return o.json ? read_json_document(text) : read_document(text);
-}
-
-std::ofstream open_output(const std::string &file)
-{
-    std::ofstream out(file);
-    if (!out)
-        throw UsageError("cannot write " + file);
-    return out;
-}
-
-void write_emissions(const yfwhost::Request &req, std::ostream &os)
-{
-    for (const yfwhost::Emission &e : req.emissions()) {
-        nlohmann::ordered_json j;
-        j["tree"] = e.to_out ? "out" : "request";
-        j["path"] = e.path;
-        j["ns"] = e.ns;
-        j["value"] = e.value ? nlohmann::ordered_json(*e.value) : nullptr;
-        j["op_node"] = e.op_node;
-        j["op"] = e.op ? nlohmann::ordered_json(*e.op) : nullptr;
-        j["list_entry"] = e.list_entry;
-        j["path_flag"] = e.path_flag;
-        os << j.dump() << '\n';
+    ~OutputFile()
+    {
+        out_.reset();
+        if (file_ != nullptr) {
+            std::fclose(file_);
+            std::remove(temp_.c_str());
+        }
     }
+    OutputFile(const OutputFile &) = delete;
+    OutputFile &operator=(const OutputFile &) = delete;
+
+    Output &out() { return *out_; }
+    void commit()
+    {
+        out_->flush();
+        std::FILE *f = std::exchange(file_, nullptr);
+        if (std::fclose(f) != 0 || std::rename(temp_.c_str(), path_.c_str()) != 0) {
+            std::remove(temp_.c_str());
+            throw UsageError("cannot write " + path_ + ": " + std::strerror(errno));
+        }
+    }
+
+private:
+    std::string path_;
+    std::string temp_;
+    std::FILE *file_ = nullptr;
+    std::optional<Output> out_;
+};
+
+// One line of JSON for each path the module added.
+void write_emission(const yfwhost::Emission &e, Output &out)
+{
+    OutputStream stream{out};
+    rapidjson::Writer<OutputStream> j(stream);
+    auto string = [&](std::string_view s) {
+        j.String(s.data(), static_cast<rapidjson::SizeType>(s.size()));
+    };
+    j.StartObject();
+    j.Key("tree");
+    string(e.to_out ? "out" : "request");
+    j.Key("path");
+    string(e.path);
+    j.Key("ns");
+    string(e.ns);
+    j.Key("value");
+    if (e.value)
+        string(*e.value);
+    else
+        j.Null();
+    j.Key("op_node");
+    j.Bool(e.op_node);
+    j.Key("op");
+    if (e.op)
+        j.Uint(*e.op);
+    else
+        j.Null();
+    j.Key("list_entry");
+    j.Uint(e.list_entry);
+    j.Key("path_flag");
+    j.Uint(e.path_flag);
+    j.EndObject();
+    out.put('\n');
 }
 
 void report_failure(verrno rc, yfwhost::Request &req)
@@ -161,12 +204,23 @@ public:
         : o_(o), schema_(schema), module_(module_path(o.module)), req_(o.kind, out_tag)
     {
         o.apply_marks(req_.header());
-        if (!o.log.empty()) {
-            log_ = open_output(o.log);
-            req_.log_to([this](std::string_view line) { log_ << line << '\n'; });
+        if (!o.emissions.empty()) {
+            emissions_.emplace(o.emissions);
+            req_.on_emission = [this](const yfwhost::Emission &e) {
+                write_emission(e, emissions_->out());
+            };
         }
-        if (!o.ring.empty())
+        if (!o.log.empty()) {
+            log_.emplace(o.log);
+            req_.log_to([this](std::string_view line) {
+                log_->out().put(line);
+                log_->out().put('\n');
+            });
+        }
+        if (!o.ring.empty()) {
+            ring_.emplace(o.ring);
             req_.enable_ring();
+        }
         req_.notes = [this](uint32_t line, std::string_view text) {
             std::cerr << "octunnel: note: " << source_name(o_.input);
             if (line > 0)
@@ -178,26 +232,29 @@ public:
     const yfwhost::Module &module() const { return module_; }
     yfwhost::Request &request() { return req_; }
 
-    // Writes the emissions and the ring, then the answer or the failure.
+    // Writes the emissions, the log and the ring, then the answer or the
+    // failure.
     int finish(verrno rc)
     {
-        if (!o_.emissions.empty()) {
-            std::ofstream os = open_output(o_.emissions);
-            write_emissions(req_, os);
+        if (ring_) {
+            for (const std::string &line : req_.ring()) {
+                ring_->out().put(line);
+                ring_->out().put('\n');
+            }
         }
-        if (!o_.ring.empty()) {
-            std::ofstream os = open_output(o_.ring);
-            for (const std::string &line : req_.ring())
-                os << line << '\n';
-        }
+        for (std::optional<OutputFile> *file : {&emissions_, &log_, &ring_})
+            if (*file)
+                (*file)->commit();
         if (rc != YFW_OK) {
             report_failure(rc, req_);
             return exit_refused;
         }
+        Output out(stdout);
         if (o_.json)
-            std::cout << write_json_document(req_.out(), *schema_);
+            write_json_document(req_.out(), *schema_, out);
         else
-            std::cout << write_document(req_.out());
+            write_document(req_.out(), out);
+        out.flush();
         return 0;
     }
 
@@ -206,15 +263,15 @@ private:
     const JsonSchema *schema_;
     yfwhost::Module module_;
     yfwhost::Request req_;
-    std::ofstream log_;
+    std::optional<OutputFile> emissions_, log_, ring_;
 };
 
 // Native data to OpenConfig.
 int to_oc(const Options &o)
 {
-    std::vector<yfwhost::Tree> roots = read_roots(o);
+    Document doc = read_input(o);
     std::vector<const NativeRoot *> routes;
-    for (const yfwhost::Tree &root : roots)
+    for (const vidl_yfw_datatree *root : doc.roots)
         routes.push_back(&route(*root));
     std::unique_ptr<OpenConfigSchema> schema;
     if (o.json)
@@ -223,11 +280,11 @@ int to_oc(const Options &o)
     Session session(o, "data", schema.get());
     yfwhost::Request &req = session.request();
     const yfwhost::Module &module = session.module();
+    req.add_input(doc.tree.get());
     verrno rc = YFW_OK;
-    for (std::size_t i = 0; i < roots.size() && rc == YFW_OK; ++i) {
+    for (std::size_t i = 0; i < doc.roots.size() && rc == YFW_OK; ++i) {
         const NativeRoot &r = *routes[i];
-        vidl_yfw_datatree *root = roots[i].get();
-        req.add_input(root);
+        vidl_yfw_datatree *root = doc.roots[i];
         map_function walker = r.walker != nullptr ? module.function(r.walker)
                                                   : module.registration().native_to_oc_root;
         if (walker == nullptr)
@@ -247,8 +304,8 @@ int to_oc(const Options &o)
 // a read's subtree <filter>.
 int to_native(const Options &o)
 {
-    std::vector<yfwhost::Tree> roots = read_roots(o);
-    for (const yfwhost::Tree &root : roots)
+    Document doc = read_input(o);
+    for (const vidl_yfw_datatree *root : doc.roots)
         if (std::string_view(root->tag) != "interfaces" ||
             !yfwhost::ns_match(NS_OC_INTERFACES, root->ns))
             throw InputError(static_cast<int>(root->fw_line),
@@ -263,11 +320,10 @@ int to_native(const Options &o)
     Session session(o, read ? "filter" : "config", &schema);
     yfwhost::Request &req = session.request();
     map_function root_walker = session.module().registration().oc_to_native_root;
+    req.add_input(doc.tree.get());
     verrno rc = YFW_OK;
-    for (std::size_t i = 0; i < roots.size() && rc == YFW_OK; ++i) {
-        req.add_input(roots[i].get());
-        rc = root_walker(req.ctx(), roots[i].get(), req.out());
-    }
+    for (std::size_t i = 0; i < doc.roots.size() && rc == YFW_OK; ++i)
+        rc = root_walker(req.ctx(), doc.roots[i], req.out());
     return session.finish(rc);
 }
 

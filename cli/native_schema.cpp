@@ -1,7 +1,6 @@
 #include "json_schema.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace octunnel {
 namespace {
@@ -10,36 +9,63 @@ struct Row {
     std::string_view path; // schema path without module names
     NodeKind kind;
 };
-// Sorted by path.
 constexpr Row rows[] = {
 #include "native_schema.inc"
 };
 
-// "/Valmora-ifmgr-cfg:interface-configurations/x" to "/interface-configurations/x"
-std::string without_modules(const std::string &path)
-{
-    std::string plain;
-    std::size_t start = 0;
-    while (start < path.size()) {
-        std::size_t end = path.find('/', start + 1);
-        std::string_view step(path.data() + start + 1,
-                              (end == std::string::npos ? path.size() : end) - start - 1);
-        if (std::size_t colon = step.find(':'); colon != std::string_view::npos)
-            step.remove_prefix(colon + 1);
-        plain.append("/").append(step);
-        start = end == std::string::npos ? path.size() : end;
-    }
-    return plain;
-}
-
 } // namespace
 
-NodeKind NativeSchema::kind(const std::string &path) const
+// The rows as a tree of steps: module names play no part in native paths.
+struct NativeSchema::Step {
+    std::string_view name;
+    NodeKind kind = NodeKind::unknown;
+    std::vector<std::pair<std::string_view, std::size_t>> children;
+};
+
+NativeSchema::NativeSchema() : steps_(1)
 {
-    std::string plain = without_modules(path);
-    auto it = std::lower_bound(std::begin(rows), std::end(rows), plain,
-                               [](const Row &r, const std::string &p) { return r.path < p; });
-    return it != std::end(rows) && it->path == plain ? it->kind : NodeKind::unknown;
+    for (const Row &row : rows) {
+        std::size_t at = 0;
+        std::string_view path = row.path;
+        while (!path.empty()) {
+            path.remove_prefix(1); // the '/'
+            std::string_view name = path.substr(0, path.find('/'));
+            path.remove_prefix(name.size());
+            auto &kids = steps_[at].children;
+            auto it = std::find_if(kids.begin(), kids.end(),
+                                   [&](const auto &c) { return c.first == name; });
+            if (it != kids.end()) {
+                at = it->second;
+                continue;
+            }
+            steps_[at].children.emplace_back(name, steps_.size());
+            at = steps_.size();
+            steps_.push_back(Step{name, NodeKind::unknown, {}});
+        }
+        steps_[at].kind = row.kind;
+    }
+}
+
+NativeSchema::~NativeSchema() = default;
+
+JsonSchema::Node NativeSchema::root() const
+{
+    return &steps_[0];
+}
+
+JsonSchema::Node NativeSchema::child(Node parent, std::string_view, std::string_view name) const
+{
+    if (parent == nullptr)
+        return nullptr;
+    for (const auto &[step, index] : static_cast<const Step *>(parent)->children)
+        if (step == name)
+            return &steps_[index];
+    return nullptr;
+}
+
+NodeKind NativeSchema::kind(Node node) const
+{
+    return node != nullptr ? static_cast<const Step *>(node)->kind : NodeKind::unknown;
 }
 
 } // namespace octunnel

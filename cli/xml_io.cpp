@@ -4,129 +4,349 @@
 #include "yang_names.h"
 
 #include <algorithm>
-#include <cctype>
+#include <cstring>
+#include <libxml/parser.h>
+#include <libxml/parserInternals.h>
+#include <libxml/xmlerror.h>
 #include <optional>
-#include <pugixml.hpp>
-#include <sstream>
 
 namespace octunnel {
 namespace {
 
+// ------------------------------------------------------------------ reading
+//
+// libxml2 reads the text piece by piece and calls back for each element, so
+// the tree is built as the text goes by, without a second copy of the
+// document.  libxml2 holds the document to XML 1.0: well-formed, UTF-8,
+// only the characters XML allows, no entity it does not declare.
+//
+// A NETCONF document may hold several top-level elements, which XML allows
+// only inside one element: the text is read as if inside an element of our
+// own, on the line where the document starts, so line numbers stay those of
+// the document.
+
+constexpr std::string_view fragment_open = "<octunnel-document>";
+constexpr std::string_view fragment_close = "</octunnel-document>";
+
+std::string_view chars(const xmlChar *s)
+{
+    return s != nullptr ? std::string_view(reinterpret_cast<const char *>(s)) : std::string_view();
+}
+
+bool blank(std::string_view s)
+{
+    return s.find_first_not_of(" \t\r\n") == std::string_view::npos;
+}
+
+std::string qualified(const xmlChar *prefix, const xmlChar *local)
+{
+    std::string name(chars(prefix));
+    if (!name.empty())
+        name += ':';
+    return name.append(chars(local));
+}
+
+bool is_envelope(std::string_view local, std::string_view ns)
+{
+    return (local == "data" || local == "config" || local == "filter") && ns == NS_NETCONF_BASE;
+}
+
 class Reader {
 public:
-    explicit Reader(std::string_view text) : text_(text) {}
-
-    int line_of(std::ptrdiff_t offset) const
+    Reader() : builder_("", "")
     {
-        if (offset < 0)
-            return 0;
-        auto end = text_.begin() + std::min<std::ptrdiff_t>(offset, std::ssize(text_));
-        return 1 + static_cast<int>(std::count(text_.begin(), end, '\n'));
+        xmlSAXHandler sax{};
+        sax.initialized = XML_SAX2_MAGIC;
+        sax.startElementNs = &Reader::start;
+        sax.endElementNs = &Reader::end;
+        sax.characters = &Reader::text;
+        sax.cdataBlock = &Reader::text;
+        sax.serror = &Reader::libxml_error;
+        ctxt_ = xmlCreatePushParserCtxt(&sax, this, nullptr, 0, nullptr);
+        if (ctxt_ == nullptr)
+            throw std::bad_alloc();
+        // The text is UTF-8 whatever its declaration says; nothing is
+        // fetched from the network or substituted from a DTD.
+        xmlCtxtUseOptions(ctxt_, XML_PARSE_NONET | XML_PARSE_IGNORE_ENC | XML_PARSE_NOCDATA);
+        xmlSwitchEncoding(ctxt_, XML_CHAR_ENCODING_UTF8);
     }
-    int line_of(const pugi::xml_node &n) const { return line_of(n.offset_debug()); }
-
-    // The namespace bound to `prefix` ("" for the default) where `n` stands.
-    std::string namespace_of(const pugi::xml_node &n, std::string_view prefix) const
+    ~Reader()
     {
-        std::string attr = prefix.empty() ? "xmlns" : "xmlns:" + std::string(prefix);
-        for (pugi::xml_node p = n; p && p.type() == pugi::node_element; p = p.parent())
-            if (pugi::xml_attribute a = p.attribute(attr.c_str()))
-                return a.value();
-        if (prefix.empty())
-            return "";
-        throw InputError(line_of(n),
-                         "namespace prefix '" + std::string(prefix) + "' is not declared");
+        if (ctxt_->myDoc != nullptr)
+            xmlFreeDoc(ctxt_->myDoc);
+        xmlFreeParserCtxt(ctxt_);
     }
+    Reader(const Reader &) = delete;
+    Reader &operator=(const Reader &) = delete;
 
-    static std::pair<std::string_view, std::string_view> split(const char *qname)
+    Document read(Input &input)
     {
-        std::string_view q(qname);
-        std::size_t colon = q.find(':');
-        if (colon == std::string_view::npos)
-            return {"", q};
-        return {q.substr(0, colon), q.substr(colon + 1)};
-    }
-
-    std::string ns_of_element(const pugi::xml_node &n) const
-    {
-        return namespace_of(n, split(n.name()).first);
-    }
-
-    void fill(vidl_yfw_datatree *node, const pugi::xml_node &e) const
-    {
-        node->fw_line = static_cast<uint32_t>(line_of(e));
-        read_operation(node, e);
-        std::string text;
-        bool has_text = false, has_elements = false;
-        for (pugi::xml_node c : e.children()) {
-            if (c.type() == pugi::node_element) {
-                has_elements = true;
-            } else if (c.type() == pugi::node_pcdata || c.type() == pugi::node_cdata) {
-                has_text = true;
-                text += c.value();
-            }
-        }
-        bool blank = std::all_of(text.begin(), text.end(),
-                                 [](unsigned char ch) { return std::isspace(ch) != 0; });
-        if (has_elements && !blank)
-            throw InputError(line_of(e),
-                             "<" + std::string(e.name()) + "> holds both text and elements");
-        if (!has_elements) {
-            if (has_text)
-                yfwhost::tree_set_value(node, text);
-            return;
-        }
-        for (pugi::xml_node c = e.first_child(); c; c = c.next_sibling()) {
-            if (c.type() != pugi::node_element)
-                continue;
-            // `child` stays valid while it is filled: only its own array grows.
-            vidl_yfw_datatree *child =
-                yfwhost::tree_add_child(node, split(c.name()).second, ns_of_element(c));
-            fill(child, c);
-        }
-    }
-
-    void read_operation(vidl_yfw_datatree *node, const pugi::xml_node &e) const
-    {
-        for (pugi::xml_attribute a : e.attributes()) {
-            auto [prefix, local] = split(a.name());
-            if (prefix.empty() || prefix == "xmlns" || local != "operation" ||
-                namespace_of(e, prefix) != NS_NETCONF_BASE)
-                continue;
-            std::optional<uint32_t> op = operation_of(a.value());
-            if (!op)
-                throw InputError(line_of(e), unknown_operation(a.value()));
-            yfwhost::tree_set_op(node, *op);
-        }
+        std::string_view piece = input.next();
+        std::size_t head = prolog(piece);
+        feed(piece.substr(0, head));
+        feed(fragment_open);
+        feed(piece.substr(head));
+        for (piece = input.next(); !piece.empty(); piece = input.next())
+            feed(piece);
+        feed(fragment_close);
+        feed({}, true);
+        return finish();
     }
 
 private:
-    std::string_view text_;
+    // What is open: the element of our own around the document first, then
+    // one frame for each element of the document.
+    struct Frame {
+        const xmlChar *prefix = nullptr;
+        const xmlChar *local = nullptr;
+        int line = 0;
+        bool has_text = false;
+        bool has_elements = false;
+        bool nonblank = false;
+        std::string text;
+    };
+
+    // The XML declaration (and a byte order mark) must come first, before
+    // the element around the document: the length of what does.  A DOCTYPE
+    // has no place in a NETCONF message and is refused here, where it can
+    // still be told from the document's own elements.
+    std::size_t prolog(std::string_view piece)
+    {
+        std::size_t at = piece.starts_with("\xEF\xBB\xBF") ? 3 : 0;
+        if (piece.substr(at).starts_with("<?xml") && piece.size() > at + 5 &&
+            std::strchr(" \t\r\n", piece[at + 5]) != nullptr) {
+            std::size_t end = piece.find("?>", at);
+            if (end != std::string_view::npos)
+                at = end + 2;
+        }
+        std::size_t head = at;
+        for (;;) {
+            at = piece.find_first_not_of(" \t\r\n", at);
+            if (at == std::string_view::npos)
+                break;
+            if (piece.substr(at).starts_with("<!--")) {
+                std::size_t end = piece.find("-->", at + 4);
+                if (end == std::string_view::npos)
+                    break;
+                at = end + 3;
+                continue;
+            }
+            if (piece.substr(at).starts_with("<!DOCTYPE")) {
+                LineCounter lines;
+                lines.pass(piece.substr(0, at));
+                throw InputError(lines.line(),
+                                 "a DOCTYPE has no place in a NETCONF message; it is refused");
+            }
+            break;
+        }
+        return head;
+    }
+
+    void feed(std::string_view text, bool last = false)
+    {
+        if (!error_)
+            xmlParseChunk(ctxt_, text.data(), static_cast<int>(text.size()), last ? 1 : 0);
+        if (error_)
+            throw *error_;
+    }
+
+    int line() const { return xmlSAX2GetLineNumber(ctxt_); }
+
+    void fail(int line, std::string what)
+    {
+        if (!error_)
+            error_.emplace(line, std::move(what));
+        xmlStopParser(ctxt_);
+    }
+
+    Frame &open_frame()
+    {
+        if (frames_.size() == depth_)
+            frames_.emplace_back();
+        Frame &f = frames_[depth_++];
+        f.has_text = f.has_elements = f.nonblank = false;
+        f.text.clear();
+        return f;
+    }
+
+    static void start(void *self, const xmlChar *local, const xmlChar *prefix, const xmlChar *uri,
+                      int, const xmlChar **, int attribute_count, int, const xmlChar **attributes)
+    {
+        auto &r = *static_cast<Reader *>(self);
+        if (r.error_)
+            return;
+        const int line = r.line();
+        if (r.depth_ > 0)
+            r.frames_[r.depth_ - 1].has_elements = true;
+        Frame &f = r.open_frame();
+        f.prefix = prefix;
+        f.local = local;
+        f.line = line;
+        if (r.depth_ == 1)
+            return; // ours, around the document
+        if (r.depth_ - 1 > max_depth) {
+            r.fail(line,
+                   "the document nests deeper than " + std::to_string(max_depth) + " elements");
+            return;
+        }
+        if (prefix != nullptr && uri == nullptr) {
+            r.fail(line, "namespace prefix '" + std::string(chars(prefix)) + "' is not declared");
+            return;
+        }
+        vidl_yfw_datatree &node = r.builder_.open(chars(local), chars(uri), line);
+        if (r.depth_ <= 3 && r.first_envelope_[r.depth_ - 2].empty() &&
+            is_envelope(chars(local), chars(uri)))
+            r.first_envelope_[r.depth_ - 2] = {qualified(prefix, local), line};
+        // Attributes come in fives: local name, prefix, namespace, value, end.
+        for (int i = 0; i < attribute_count; ++i) {
+            const xmlChar **a = attributes + 5 * i;
+            if (a[1] == nullptr || chars(a[0]) != "operation")
+                continue;
+            if (a[2] == nullptr) {
+                r.fail(line, "namespace prefix '" + std::string(chars(a[1])) + "' is not declared");
+                return;
+            }
+            if (chars(a[2]) != NS_NETCONF_BASE)
+                continue;
+            std::string_view value(reinterpret_cast<const char *>(a[3]),
+                                   static_cast<std::size_t>(a[4] - a[3]));
+            std::optional<uint32_t> op = operation_of(value);
+            if (!op) {
+                r.fail(line, unknown_operation(value));
+                return;
+            }
+            yfwhost::tree_set_op(&node, *op);
+        }
+    }
+
+    static void end(void *self, const xmlChar *, const xmlChar *, const xmlChar *)
+    {
+        auto &r = *static_cast<Reader *>(self);
+        if (r.error_)
+            return;
+        Frame &f = r.frames_[--r.depth_];
+        if (r.depth_ == 0)
+            return;
+        if (f.has_elements && f.nonblank) {
+            r.fail(f.line, "<" + qualified(f.prefix, f.local) + "> holds both text and elements");
+            return;
+        }
+        if (!f.has_elements && f.has_text)
+            r.builder_.set_value(r.builder_.top(), f.text);
+        r.builder_.close();
+    }
+
+    static void text(void *self, const xmlChar *ch, int len)
+    {
+        auto &r = *static_cast<Reader *>(self);
+        if (r.error_ || r.depth_ == 0)
+            return;
+        std::string_view piece(reinterpret_cast<const char *>(ch), static_cast<std::size_t>(len));
+        Frame &f = r.frames_[r.depth_ - 1];
+        f.has_text = true;
+        f.nonblank = f.nonblank || !blank(piece);
+        if (r.depth_ == 1 && f.nonblank) {
+            r.fail(r.line(), "text outside any element");
+            return;
+        }
+        if (!f.has_elements)
+            f.text.append(piece);
+    }
+
+    static void libxml_error(void *self, xmlErrorPtr e)
+    {
+        auto &r = *static_cast<Reader *>(self);
+        // Namespace prefixes are checked where they matter, with our words.
+        if (e == nullptr || e->level < XML_ERR_ERROR || e->domain == XML_FROM_NAMESPACE)
+            return;
+        std::string what = e->message != nullptr ? e->message : "not well-formed";
+        while (!what.empty() && (what.back() == '\n' || what.back() == ' '))
+            what.pop_back();
+        r.fail(e->line, "malformed XML: " + what);
+    }
+
+    Document finish()
+    {
+        Document doc{builder_.finish(), {}};
+        vidl_yfw_datatree *holder = doc.tree.get();
+        std::size_t tops = yfwhost::tree_child_count(holder);
+        if (tops == 0)
+            throw InputError(0, "the document holds no element");
+        vidl_yfw_datatree *inside = holder;
+        std::size_t nested = 0; // the depth at which envelopes are out of place
+        if (tops == 1 && is_envelope(holder->subtrees[0].tag, holder->subtrees[0].ns)) {
+            inside = &holder->subtrees[0];
+            // The envelope's own attributes are not the request's.
+            inside->present &= ~YFW_PRESENT_OP;
+            inside->op = 0;
+            nested = 1;
+        }
+        if (!first_envelope_[nested].empty())
+            throw InputError(first_envelope_[nested].line,
+                             "<" + first_envelope_[nested].name +
+                                 "> may only wrap the whole document");
+        for (std::size_t i = 0; i < yfwhost::tree_child_count(inside); ++i)
+            doc.roots.push_back(&inside->subtrees[i]);
+        return doc;
+    }
+
+    struct Envelope {
+        std::string name;
+        int line = 0;
+        bool empty() const { return name.empty(); }
+    };
+
+    xmlParserCtxtPtr ctxt_;
+    yfwhost::TreeBuilder builder_;
+    std::vector<Frame> frames_;
+    std::size_t depth_ = 0;
+    // The first envelope element among the top-level elements, and among
+    // the children of the first top-level element.
+    Envelope first_envelope_[2];
+    std::optional<InputError> error_;
 };
 
-bool is_wrapper(const Reader &r, const pugi::xml_node &e)
-{
-    auto local = Reader::split(e.name()).second;
-    return (local == "data" || local == "config" || local == "filter") &&
-           r.ns_of_element(e) == NS_NETCONF_BASE;
-}
+// ------------------------------------------------------------------ writing
+//
+// Two spaces a level; an element with a value on one line, one without value
+// or children closed at once (<name />).
 
-void write_node(pugi::xml_node parent, const vidl_yfw_datatree &n, const char *parent_ns)
+void escape(Output &out, std::string_view s, bool attribute)
 {
-    pugi::xml_node e = parent.append_child(n.tag != nullptr ? n.tag : "");
-    if (n.ns != nullptr && (parent_ns == nullptr || std::string_view(n.ns) != parent_ns))
-        e.append_attribute("xmlns") = n.ns;
-    if ((n.present & YFW_PRESENT_OP) != 0) {
-        std::string op = n.op < operation_names.size() ? std::string(operation_names[n.op])
-                                                       : std::to_string(n.op);
-        e.append_attribute("nc:operation") = op.c_str();
+    std::size_t from = 0;
+    for (std::size_t i = 0; i < s.size(); ++i) {
+        auto c = static_cast<unsigned char>(s[i]);
+        const char *with = nullptr;
+        char code[8];
+        if (c == '&')
+            with = "&amp;";
+        else if (c == '<')
+            with = "&lt;";
+        else if (c == '>' && !attribute)
+            with = "&gt;";
+        else if (c == '"' && attribute)
+            with = "&quot;";
+        else if (c < 32 && (attribute || (c != '\t' && c != '\n' && c != '\r'))) {
+            std::snprintf(code, sizeof code, "&#%02u;", c);
+            with = code;
+        }
+        if (with == nullptr)
+            continue;
+        out.put(s.substr(from, i - from));
+        out.put(with);
+        from = i + 1;
     }
-    if ((n.present & YFW_PRESENT_VALUE) != 0 && n.value != nullptr)
-        e.text() = n.value;
-    for (std::size_t i = 0; i < yfwhost::tree_child_count(&n); ++i)
-        write_node(e, n.subtrees[i], n.ns);
+    out.put(s.substr(from));
 }
 
+void indent(Output &out, int depth)
+{
+    for (int i = 0; i < depth; ++i)
+        out.put("  ");
+}
+
+// Whether a node or one below it carries an operation.  Answers are shallow:
+// their depth is that of the paths the module adds.
 bool has_operation(const vidl_yfw_datatree &n)
 {
     if ((n.present & YFW_PRESENT_OP) != 0)
@@ -137,66 +357,83 @@ bool has_operation(const vidl_yfw_datatree &n)
     return false;
 }
 
-} // namespace
-
-std::vector<yfwhost::Tree> read_document(std::string_view text)
+void write_node(Output &out, const vidl_yfw_datatree &n, const char *parent_ns, int depth, bool top,
+                bool indented = true)
 {
-    Reader reader(text);
-    pugi::xml_document doc;
-    pugi::xml_parse_result parsed = doc.load_buffer(
-        text.data(), text.size(), pugi::parse_default | pugi::parse_fragment, pugi::encoding_utf8);
-    if (!parsed)
-        throw InputError(reader.line_of(parsed.offset),
-                         std::string("malformed XML: ") + parsed.description());
-
-    std::vector<pugi::xml_node> tops;
-    for (pugi::xml_node n : doc.children()) {
-        if (n.type() == pugi::node_element)
-            tops.push_back(n);
-        else if (n.type() == pugi::node_pcdata &&
-                 std::string_view(n.value()).find_first_not_of(" \t\r\n") != std::string::npos)
-            throw InputError(reader.line_of(n), "text outside any element");
+    const char *tag = n.tag != nullptr ? n.tag : "";
+    if (indented)
+        indent(out, depth);
+    out.put('<');
+    out.put(tag);
+    if (n.ns != nullptr && (parent_ns == nullptr || std::strcmp(n.ns, parent_ns) != 0)) {
+        out.put(" xmlns=\"");
+        escape(out, n.ns, true);
+        out.put('"');
     }
-    if (tops.empty())
-        throw InputError(0, "the document holds no element");
-    if (tops.size() == 1 && is_wrapper(reader, tops[0])) {
-        pugi::xml_node wrapper = tops[0];
-        tops.clear();
-        for (pugi::xml_node n = wrapper.first_child(); n; n = n.next_sibling())
-            if (n.type() == pugi::node_element)
-                tops.push_back(n);
+    if ((n.present & YFW_PRESENT_OP) != 0) {
+        out.put(" nc:operation=\"");
+        if (n.op < operation_names.size())
+            out.put(operation_names[n.op]);
+        else
+            out.put(std::to_string(n.op));
+        out.put('"');
     }
-
-    std::vector<yfwhost::Tree> roots;
-    for (const pugi::xml_node &e : tops) {
-        if (is_wrapper(reader, e))
-            throw InputError(reader.line_of(e),
-                             std::string("<") + e.name() + "> may only wrap the whole document");
-        yfwhost::Tree root(
-            yfwhost::tree_new(Reader::split(e.name()).second, reader.ns_of_element(e)));
-        reader.fill(root.get(), e);
-        roots.push_back(std::move(root));
+    // A top-level element declares the prefix of the operations below it,
+    // so that it stands on its own outside the envelope.
+    if (top && has_operation(n))
+        out.put(" xmlns:nc=\"" NS_NETCONF_BASE "\"");
+    const bool value = (n.present & YFW_PRESENT_VALUE) != 0 && n.value != nullptr;
+    const std::size_t count = yfwhost::tree_child_count(&n);
+    if (!value && count == 0) {
+        out.put(" />\n");
+        return;
     }
-    return roots;
+    out.put('>');
+    if (value)
+        escape(out, n.value, false);
+    if (count == 0) {
+        out.put("</");
+        out.put(tag);
+        out.put(">\n");
+        return;
+    }
+    if (!value)
+        out.put('\n');
+    // After a value the first child follows it on its line.
+    for (std::size_t i = 0; i < count; ++i)
+        write_node(out, n.subtrees[i], n.ns, depth + 1, false, !(value && i == 0));
+    indent(out, depth);
+    out.put("</");
+    out.put(tag);
+    out.put(">\n");
 }
 
-std::string write_document(const vidl_yfw_datatree *root)
+} // namespace
+
+Document read_document(Input &input)
 {
-    pugi::xml_document doc;
-    pugi::xml_node data = doc.append_child(root->tag);
-    data.append_attribute("xmlns") = NS_NETCONF_BASE;
+    Reader reader;
+    return reader.read(input);
+}
+
+void write_document(const vidl_yfw_datatree *root, Output &out)
+{
+    out.put('<');
+    out.put(root->tag);
+    out.put(" xmlns=\"" NS_NETCONF_BASE "\"");
     if (std::string_view(root->tag) == "filter")
-        data.append_attribute("type") = "subtree";
-    // Each top-level element declares the prefix of the operations below it,
-    // so that it stands on its own outside the <data> envelope.
-    for (std::size_t i = 0; i < yfwhost::tree_child_count(root); ++i) {
-        write_node(data, root->subtrees[i], NS_NETCONF_BASE);
-        if (has_operation(root->subtrees[i]))
-            data.last_child().append_attribute("xmlns:nc") = NS_NETCONF_BASE;
+        out.put(" type=\"subtree\"");
+    const std::size_t count = yfwhost::tree_child_count(root);
+    if (count == 0) {
+        out.put(" />\n");
+        return;
     }
-    std::ostringstream os;
-    doc.save(os, "  ", pugi::format_indent | pugi::format_no_declaration, pugi::encoding_utf8);
-    return os.str();
+    out.put(">\n");
+    for (std::size_t i = 0; i < count; ++i)
+        write_node(out, root->subtrees[i], NS_NETCONF_BASE, 1, true);
+    out.put("</");
+    out.put(root->tag);
+    out.put(">\n");
 }
 
 } // namespace octunnel

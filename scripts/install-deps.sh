@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake python3
   libgtest-dev libgmock-dev
-  libpugixml-dev nlohmann-json3-dev libcli11-dev libyang2-dev pkgconf
+  libxml2-dev rapidjson-dev libcli11-dev libyang2-dev pkgconf
   libyang-tools
 )
 

@@ -72,7 +72,8 @@ verrno yfw_map_get_node_info(yfw_map_ctx ctx, const char *list_path, const char 
 verrno yfw_map_check_oc_leafref(yfw_map_ctx ctx, const char *list_path, const char *child,
                                 const char *key, const struct vidl_yfw_datatree *list_node)
 {
-    req(ctx).record(std::string("leafref ") + (list_path != nullptr ? list_path : ""));
+    if (req(ctx).recording())
+        req(ctx).record(std::string("leafref ") + (list_path != nullptr ? list_path : ""));
     if (child == nullptr || key == nullptr || list_node == nullptr)
         return YFW_ERR_INVALID_ARG;
     const vidl_yfw_datatree *leaf = yfwhost::tree_child(list_node, key);
@@ -120,7 +121,8 @@ void yfw_map_util_itree_stack_push(yfw_map_ctx ctx, struct vidl_yfw_datatree *no
                                    itree_handler handler)
 {
     req(ctx).itree().push_back({nodes, count, handler});
-    req(ctx).record("itree+ " + std::to_string(count));
+    if (req(ctx).recording())
+        req(ctx).record("itree+ " + std::to_string(count));
 }
 
 void yfw_map_util_itree_stack_pop(yfw_map_ctx ctx)
@@ -128,7 +130,8 @@ void yfw_map_util_itree_stack_pop(yfw_map_ctx ctx)
     auto &stack = req(ctx).itree();
     if (!stack.empty())
         stack.pop_back();
-    req(ctx).record("itree-");
+    if (req(ctx).recording())
+        req(ctx).record("itree-");
 }
 
 void yfw_oc_error_path(yfw_map_ctx ctx)

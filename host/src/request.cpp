@@ -1,6 +1,8 @@
 // The framework's side of one request: context, state, the trees built by
 // the module, and the walk's hierarchy, output list and instance stack.
 #include "schema.h"
+#include "store.h"
+#include "tree.h"
 #include "yfwhost/host.h"
 
 #include <algorithm>
@@ -16,10 +18,11 @@ std::string_view text(const char *s)
 }
 
 // "/a1:interface-configurations/a1:interface-configuration" -> the steps
-// without their prefixes.
-std::vector<std::string_view> steps_of(std::string_view path)
+// without their prefixes, into `steps` (kept by the caller, so that its room
+// is reused from one path to the next).
+std::vector<std::string_view> &steps_of(std::string_view path, std::vector<std::string_view> &steps)
 {
-    std::vector<std::string_view> steps;
+    steps.clear();
     while (!path.empty()) {
         std::size_t slash = path.find('/');
         std::string_view step = path.substr(0, slash);
@@ -52,14 +55,16 @@ const char *value_at(const vidl_yfw_datatree *node, std::string_view key_path)
     return child != nullptr ? child_value(child, key_path.substr(slash + 1)) : nullptr;
 }
 
-vidl_yfw_datatree *find_or_add(vidl_yfw_datatree *parent, std::string_view tag, const char *ns)
+vidl_yfw_datatree *find_or_add(Store &store, vidl_yfw_datatree *parent, std::string_view tag,
+                               const char *ns)
 {
-    for (std::size_t i = 0; i < tree_child_count(parent); ++i) {
-        vidl_yfw_datatree *child = &parent->subtrees[i];
-        if (child->tag != nullptr && tag == child->tag && ns_match(child->ns, ns))
-            return child;
+    std::size_t count = tree_child_count(parent);
+    if (const char *interned = store.interned(tag); interned != nullptr && count != 0) {
+        if (vidl_yfw_datatree *c =
+                store.child(parent->subtrees, static_cast<uint32_t>(count), interned, ns))
+            return c;
     }
-    return tree_add_child(parent, tag, ns);
+    return add_child(store, parent, tag, ns);
 }
 
 bool removing(uint32_t op)
@@ -100,17 +105,13 @@ void take_operation(vidl_yfw_datatree *n, const vidl_yfw_datatree *op_node,
     }
 }
 
-bool find_path(const vidl_yfw_datatree *from, const vidl_yfw_datatree *target,
-               std::vector<const vidl_yfw_datatree *> &path)
+// Whether `node` stands in the child array of its parent now: a walker may
+// have detached the array for a while.
+bool attached(const vidl_yfw_datatree *node)
 {
-    path.push_back(from);
-    if (from == target)
-        return true;
-    for (std::size_t i = 0; i < tree_child_count(from); ++i)
-        if (find_path(&from->subtrees[i], target, path))
-            return true;
-    path.pop_back();
-    return false;
+    const vidl_yfw_datatree *p = node->fw_parent;
+    return (p->present & YFW_PRESENT_SUBTREES) != 0 && p->subtrees != nullptr &&
+           node >= p->subtrees && node < p->subtrees + p->subtree_count;
 }
 
 } // namespace
@@ -129,7 +130,7 @@ const char *Request::parked_value(std::string_view key) const
 }
 
 Request::Request(uint32_t kind, std::string_view out_tag, std::string_view out_ns)
-    : out_(tree_new(out_tag, out_ns))
+    : out_(tree_new(out_tag, out_ns)), out_store_(&store_of(out_.get()))
 {
     header_.kind = kind;
     state_.request = &header_;
@@ -159,10 +160,16 @@ void Request::enable_ring(std::size_t capacity)
     ctx_.ltrace_on = capacity != 0;
 }
 
+std::size_t Request::lookups() const
+{
+    return lookups_ + out_store_->steps();
+}
+
 void Request::hierarchy_add(const vidl_yfw_datatree *node, int level)
 {
     hierarchy_.push_back({node, level});
-    record("hier+ " + std::string(text(node->tag)) + " " + std::to_string(level));
+    if (recording())
+        record("hier+ " + std::string(text(node->tag)) + " " + std::to_string(level));
 }
 
 // The node to remove is the top but after a walker's early return (a
@@ -172,20 +179,23 @@ void Request::hierarchy_remove(const vidl_yfw_datatree *node)
 {
     auto it = std::find_if(hierarchy_.rbegin(), hierarchy_.rend(),
                            [node](const Level &l) { return l.node == node; });
-    std::string tag(text(node != nullptr ? node->tag : nullptr));
     if (it == hierarchy_.rend()) {
-        record("hier- " + tag + " NOT-LISTED");
+        if (recording())
+            record("hier- " + std::string(text(node != nullptr ? node->tag : nullptr)) +
+                   " NOT-LISTED");
         return;
     }
     const bool top = it == hierarchy_.rbegin();
     hierarchy_.erase(std::next(it).base());
-    record("hier- " + tag + (top ? "" : " NOT-TOP"));
+    if (recording())
+        record("hier- " + std::string(text(node->tag)) + (top ? "" : " NOT-TOP"));
 }
 
 verrno Request::update_current_list_node(const char *list_path)
 {
     current_list_path_ = list_path != nullptr ? list_path : "";
-    record("list-node " + current_list_path_);
+    if (recording())
+        record("list-node " + current_list_path_);
     return on_update_current_list_node ? on_update_current_list_node(list_path) : YFW_OK;
 }
 
@@ -197,10 +207,11 @@ verrno Request::get_node_info(const char *list_path, const char *key, const char
     if (list_path == nullptr || key == nullptr || value == nullptr)
         return YFW_ERR_INVALID_ARG;
     *value = nullptr;
-    std::vector<std::string_view> want = steps_of(list_path);
+    const std::vector<std::string_view> &want = steps_of(list_path, info_steps_);
     if (want.empty())
         return YFW_ERR_INVALID_ARG;
     for (std::size_t end = hierarchy_.size(); end-- > 0;) {
+        ++lookups_;
         if (hierarchy_[end].level != YFW_LEVEL_LIST)
             continue;
         bool match = true;
@@ -221,21 +232,31 @@ verrno Request::get_node_info(const char *list_path, const char *key, const char
 }
 
 // The node, or its nearest ancestor in the request trees, that carries an
-// operation: the node's effective NETCONF operation.  Null: merge.
+// operation: the node's effective NETCONF operation.  Null: merge.  The
+// ancestors count only while the node hangs, through arrays that are in
+// place, from a tree handed in with add_input; otherwise the node stands
+// alone.
 const vidl_yfw_datatree *Request::op_holder(const vidl_yfw_datatree *node) const
 {
     if (node == nullptr)
         return nullptr;
-    std::vector<const vidl_yfw_datatree *> path;
-    for (const vidl_yfw_datatree *root : inputs_)
-        if (find_path(root, node, path))
+    const vidl_yfw_datatree *holder = nullptr;
+    for (const vidl_yfw_datatree *n = node;; n = n->fw_parent) {
+        ++lookups_;
+        if (holder == nullptr && (n->present & YFW_PRESENT_OP) != 0)
+            holder = n;
+        if ((n->fw_parent == nullptr || inner_inputs_) && inputs_.contains(n))
+            return holder;
+        if (n->fw_parent == nullptr || !attached(n))
             break;
-    if (path.empty())
-        path.push_back(node);
-    for (auto it = path.rbegin(); it != path.rend(); ++it)
-        if (((*it)->present & YFW_PRESENT_OP) != 0)
-            return *it;
-    return nullptr;
+    }
+    return (node->present & YFW_PRESENT_OP) != 0 ? node : nullptr;
+}
+
+void Request::add_input(const vidl_yfw_datatree *root)
+{
+    inputs_.insert(root);
+    inner_inputs_ = inner_inputs_ || root->fw_parent != nullptr;
 }
 
 // An addition unless the effective operation is a delete or a remove.
@@ -248,15 +269,8 @@ bool Request::is_request_add(const vidl_yfw_datatree *node) const
     return holder == nullptr || (holder->op != YFW_OP_DELETE && holder->op != YFW_OP_REMOVE);
 }
 
-// Adds `path` below `tree`, creating what is missing and merging with what
-// is there.  The last node takes on the effective operation of `op_node`
-// (see take_operation).  In the output tree, a
-// list in the path resolves to the instance the walk stands in (see list_entry_for), and each node
-// takes the namespace of the model that owns it.  Below a request node (a list key that a walker
-// adds) the path is relative and taken as it stands.
-verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *ns,
-                         const char *value, const vidl_yfw_datatree *op_node,
-                         vidl_yfw_datatree **out_node, uint32_t list_entry, uint32_t path_flag)
+void Request::emit(vidl_yfw_datatree *tree, const char *path, const char *ns, const char *value,
+                   const vidl_yfw_datatree *op_node, uint32_t list_entry, uint32_t path_flag)
 {
     Emission e{tree == out_.get(),
                path != nullptr ? path : "",
@@ -268,46 +282,89 @@ verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *
                    : std::nullopt,
                list_entry,
                path_flag};
-    emissions_.push_back(e);
-    record("add " + e.path);
+    if (on_emission)
+        on_emission(e);
+    if (keep_emissions_)
+        emissions_.push_back(std::move(e));
+}
+
+// Adds `path` below `tree`, creating what is missing and merging with what
+// is there.  The last node takes on the effective operation of `op_node`
+// (see take_operation).  In the output tree, a list in the path resolves to
+// the instance the walk stands in (see list_entry_for), and each node takes
+// the namespace of the model that owns it.  Below a request node (a list key
+// that a walker adds) the path is relative and taken as it stands.
+verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *ns,
+                         const char *value, const vidl_yfw_datatree *op_node,
+                         vidl_yfw_datatree **out_node, uint32_t list_entry, uint32_t path_flag)
+{
+    if (keep_emissions_ || on_emission)
+        emit(tree, path, ns, value, op_node, list_entry, path_flag);
+    if (recording())
+        record("add " + std::string(path != nullptr ? path : ""));
     if (on_add_path) {
         if (verrno rc = on_add_path(path); rc != YFW_OK)
             return rc;
     }
     if (tree == nullptr || path == nullptr)
         return YFW_ERR_INVALID_ARG;
-    std::vector<std::string_view> steps = steps_of(path);
+    const std::vector<std::string_view> &steps = steps_of(path, path_steps_);
     if (steps.empty())
         return YFW_ERR_INVALID_ARG;
 
     const bool absolute = tree == out_.get();
+    Store &store = absolute ? *out_store_ : store_of(tree);
     const char *given_ns = ns != nullptr ? ns : "";
     const vidl_yfw_datatree *holder = op_holder(op_node);
     const bool writing = op_node != nullptr && (holder == nullptr || !removing(holder->op));
-    std::string schema_path;
+    // Where the path stands in the schema the host knows, and the owner of
+    // the nearest step above that owns its whole subtree.
+    const schema::Node *at = nullptr;
+    const char *subtree_owner = nullptr;
+    const schema::ListBinding *list = nullptr; // of the step before
     vidl_yfw_datatree *node = tree;
     for (std::size_t i = 0; i < steps.size(); ++i) {
+        ++lookups_;
         const bool last = i + 1 == steps.size();
-        schema_path.append("/").append(steps[i]);
-        const char *step_ns = absolute ? schema::owner(schema_path) : nullptr;
+        const char *step_ns = nullptr;
+        const schema::ListBinding *binding = nullptr;
+        if (absolute) {
+            at = i == 0 || at != nullptr ? schema::child(at, steps[i]) : nullptr;
+            bool whole = false;
+            step_ns = schema::owner(at, whole);
+            if (step_ns == nullptr)
+                step_ns = subtree_owner;
+            else if (whole && subtree_owner == nullptr)
+                subtree_owner = step_ns;
+            binding = schema::list(at);
+        }
         if (step_ns == nullptr)
             step_ns = given_ns;
-        const schema::ListBinding *binding = absolute ? schema::list(schema_path) : nullptr;
         if (binding != nullptr) {
             // The key named by the path itself: ".../address/ip" with a value.
             const char *named =
                 i + 2 == steps.size() && steps[i + 1] == binding->key ? value : nullptr;
-            node = list_entry_for(node, steps[i], step_ns, *binding, named);
+            node = list_entry_for(store, node, steps[i], step_ns, *binding, named);
         } else if (last && list_entry != 0) {
-            node = tree_add_child(node, steps[i], step_ns); // an unbound list: a new entry
+            node = add_child(store, node, steps[i], step_ns); // an unbound list: a new entry
         } else {
-            node = find_or_add(node, steps[i], step_ns);
+            node = find_or_add(store, node, steps[i], step_ns);
         }
         if (!last && writing)
             rewrite(node);
+        if (!last)
+            list = binding;
     }
-    if (value != nullptr)
-        tree_set_value(node, value);
+    if (value != nullptr) {
+        // A new value of an entry's key: the list's index is told.
+        const vidl_yfw_datatree *entry = node->fw_parent;
+        if (list != nullptr && steps.back() == list->key && entry != nullptr &&
+            entry->fw_parent != nullptr &&
+            ((node->present & YFW_PRESENT_VALUE) == 0 || std::strcmp(node->value, value) != 0))
+            store.forget_list(entry->fw_parent->subtrees, entry->tag);
+        node->value = store.copy(value);
+        node->present |= YFW_PRESENT_VALUE;
+    }
     take_operation(node, op_node, holder);
     if (out_node != nullptr)
         *out_node = node;
@@ -319,49 +376,51 @@ verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *
 // no anchor, a key named by the added path itself does.  Entries are merged
 // by key, so native data from several sources about one interface lands in
 // one entry.  Without any key the last entry is used, or a first one made.
-vidl_yfw_datatree *Request::list_entry_for(vidl_yfw_datatree *parent, std::string_view tag,
-                                           const char *ns, const schema::ListBinding &binding,
+vidl_yfw_datatree *Request::list_entry_for(Store &store, vidl_yfw_datatree *parent,
+                                           std::string_view tag, const char *ns,
+                                           const schema::ListBinding &binding,
                                            const char *named_key)
 {
-    std::string key;
     bool keyed = false;
     for (auto it = hierarchy_.rbegin(); it != hierarchy_.rend() && !keyed; ++it) {
         const vidl_yfw_datatree *n = it->node;
         for (const schema::Anchor &a : binding.anchors) {
+            ++lookups_;
             if (n->tag == nullptr || std::strcmp(n->tag, a.tag) != 0 || !ns_match(a.ns, n->ns))
                 continue;
             const char *v = value_at(n, a.key_path);
             if (v == nullptr && tree_child_count(n) == 0)
                 v = parked_value(a.key_path); // an entry walked by its schema
             if (v != nullptr) {
-                key = std::string(a.prefix) + v;
+                key_.assign(a.prefix).append(v);
                 keyed = true;
             }
             break;
         }
     }
     if (!keyed && named_key != nullptr) {
-        key = named_key;
+        key_.assign(named_key);
         keyed = true;
     }
-    vidl_yfw_datatree *last = nullptr;
-    for (std::size_t i = 0; i < tree_child_count(parent); ++i) {
-        vidl_yfw_datatree *entry = &parent->subtrees[i];
-        if (entry->tag == nullptr || tag != entry->tag)
-            continue;
-        last = entry;
-        const char *k = child_value(entry, binding.key);
-        if (keyed && k != nullptr && key == k)
-            return entry;
+    const auto count = static_cast<uint32_t>(tree_child_count(parent));
+    const char *entry_tag = store.interned(tag);
+    const char *key_tag = store.interned(binding.key);
+    vidl_yfw_datatree *entry =
+        keyed ? store.first_entry(parent->subtrees, count, entry_tag, key_tag, key_)
+              : store.last_entry(parent->subtrees, count, entry_tag, key_tag);
+    if (entry != nullptr)
+        return entry;
+    entry = add_child(store, parent, tag, ns);
+    if (binding.fixed_key != nullptr) {
+        vidl_yfw_datatree *fixed = add_child(store, entry, binding.fixed_key, binding.key_ns);
+        fixed->value = store.copy(binding.fixed_value);
+        fixed->present |= YFW_PRESENT_VALUE;
     }
-    if (!keyed && last != nullptr)
-        return last;
-    vidl_yfw_datatree *entry = tree_add_child(parent, tag, ns);
-    if (binding.fixed_key != nullptr)
-        tree_set_value(tree_add_child(entry, binding.fixed_key, binding.key_ns),
-                       binding.fixed_value);
-    if (keyed)
-        tree_set_value(tree_add_child(entry, binding.key, binding.key_ns), key);
+    if (keyed) {
+        vidl_yfw_datatree *key = add_child(store, entry, binding.key, binding.key_ns);
+        key->value = store.copy(key_);
+        key->present |= YFW_PRESENT_VALUE;
+    }
     return entry;
 }
 
@@ -369,23 +428,28 @@ void Request::output_list_add(const vidl_yfw_datatree *node)
 {
     bool listed = std::find(output_list_.begin(), output_list_.end(), node) != output_list_.end();
     if (!output_list_accepts || listed) {
-        record("out+ " + std::string(text(node->tag)) + " refused");
+        if (recording())
+            record("out+ " + std::string(text(node->tag)) + " refused");
         return;
     }
     output_list_.push_back(node);
     state_.output_count++;
-    record("out+ " + std::string(text(node->tag)));
+    if (recording())
+        record("out+ " + std::string(text(node->tag)));
 }
 
 void Request::output_list_remove(const vidl_yfw_datatree *node)
 {
     auto it = std::find(output_list_.begin(), output_list_.end(), node);
     if (it == output_list_.end()) {
-        record("out- " + std::string(text(node != nullptr ? node->tag : nullptr)) + " NOT-LISTED");
+        if (recording())
+            record("out- " + std::string(text(node != nullptr ? node->tag : nullptr)) +
+                   " NOT-LISTED");
         return;
     }
     output_list_.erase(it);
-    record("out- " + std::string(text(node->tag)));
+    if (recording())
+        record("out- " + std::string(text(node->tag)));
 }
 
 // The hierarchy as a readable path: list entries carry their keys, those the

@@ -2,7 +2,10 @@
 
 #include "octunnel/yfw_namespaces.h"
 
+#include <algorithm>
 #include <array>
+#include <utility>
+#include <vector>
 
 namespace yfwhost::schema {
 namespace {
@@ -96,23 +99,78 @@ constexpr Keys keys[] = {
 
 } // namespace
 
-const char *owner(std::string_view path)
+// The tables as a tree of steps, built once.  Node 0 stands above every
+// model's top node.
+struct Node {
+    std::string_view tag;
+    const char *owner = nullptr; // the model that owns the node, if not the path's
+    bool owns_subtree = false;
+    const ListBinding *list = nullptr;
+    std::vector<std::pair<std::string_view, uint32_t>> children;
+};
+
+namespace {
+
+std::vector<Node> build()
 {
+    std::vector<Node> nodes(1);
+    auto at = [&](std::string_view path) -> Node & {
+        uint32_t n = 0;
+        while (!path.empty()) {
+            path.remove_prefix(1); // the '/'
+            std::string_view step = path.substr(0, path.find('/'));
+            path.remove_prefix(step.size());
+            auto &kids = nodes[n].children;
+            auto it = std::find_if(kids.begin(), kids.end(),
+                                   [&](const auto &c) { return c.first == step; });
+            if (it != kids.end()) {
+                n = it->second;
+                continue;
+            }
+            auto next = static_cast<uint32_t>(nodes.size());
+            nodes[n].children.emplace_back(step, next);
+            nodes.push_back(Node{step, nullptr, false, nullptr, {}});
+            n = next;
+        }
+        return nodes[n];
+    };
     for (const Owner &o : owners) {
-        std::string_view p(o.path);
-        if (path == p ||
-            (o.subtree && path.starts_with(p) && path.size() > p.size() && path[p.size()] == '/'))
-            return o.ns;
+        Node &n = at(o.path);
+        n.owner = o.ns;
+        n.owns_subtree = o.subtree;
     }
+    for (const ListBinding &b : lists)
+        at(b.path).list = &b;
+    return nodes;
+}
+
+const std::vector<Node> &tree()
+{
+    static const std::vector<Node> nodes = build();
+    return nodes;
+}
+
+} // namespace
+
+const Node *child(const Node *parent, std::string_view tag)
+{
+    const std::vector<Node> &nodes = tree();
+    const Node &from = parent != nullptr ? *parent : nodes[0];
+    for (const auto &[step, index] : from.children)
+        if (step == tag)
+            return &nodes[index];
     return nullptr;
 }
 
-const ListBinding *list(std::string_view path)
+const char *owner(const Node *node, bool &subtree)
 {
-    for (const ListBinding &b : lists)
-        if (path == b.path)
-            return &b;
-    return nullptr;
+    subtree = node != nullptr && node->owns_subtree;
+    return node != nullptr ? node->owner : nullptr;
+}
+
+const ListBinding *list(const Node *node)
+{
+    return node != nullptr ? node->list : nullptr;
 }
 
 std::span<const char *const> key_names(std::string_view list_tag)

@@ -10,9 +10,15 @@
 
 namespace yfwhost::schema {
 
-// The namespace of the model that owns the node at `path` (absolute, without
-// prefixes), or null when the added path's own namespace applies.
-const char *owner(std::string_view path);
+// A node of the schema the host knows, reached one step of an added path at
+// a time.  The host knows the nodes that the tables below name and the
+// steps that lead to them; below those it knows nothing.
+struct Node;
+// The node `tag` below `parent` (null: the root of every model), or null.
+const Node *child(const Node *parent, std::string_view tag);
+// The namespace of the model that owns `node`, or null when the added path's
+// own namespace applies; `subtree` tells whether it owns what lies below too.
+const char *owner(const Node *node, bool &subtree);
 
 // A node of the walk that names an instance of a list: while the walk stands
 // in (or under) a node with this tag and namespace, entries of the list are
@@ -34,8 +40,8 @@ struct ListBinding {
     const char *fixed_value = nullptr;
 };
 
-// The binding of the list at `path`, or null for a node that is no list.
-const ListBinding *list(std::string_view path);
+// The binding of the list at `node`, or null for a node that is no list.
+const ListBinding *list(const Node *node);
 
 // Names of the key leaves of a list with this tag, for readable error paths
 // of entries whose keys the walk has not marked.

@@ -98,7 +98,7 @@ void _lstrace(void *handle, unsigned long long, const char *line)
         ring->dropped++;
     }
     ring->lines.emplace_back(line);
-    if (ring->owner != nullptr)
+    if (ring->owner != nullptr && ring->owner->recording())
         ring->owner->record(std::string("ring ") + line);
 }
 

@@ -86,7 +86,8 @@ struct vidl_yfw_datatree {
     char *tag;
     char *value; /* valid while present has YFW_PRESENT_VALUE */
     char *ns;
-    uint32_t op; /* valid while present has YFW_PRESENT_OP */
+    uint32_t op;      /* valid while present has YFW_PRESENT_OP */
+    uint32_t fw_line; /* framework only: source line of the node in its document */
     struct vidl_yfw_datatree *subtrees;
     uint32_t subtree_count;
     uint32_t node_kind;
@@ -95,8 +96,8 @@ struct vidl_yfw_datatree {
     uint32_t error_kind; /* valid while present has YFW_PRESENT_ERROR_KIND */
     uint32_t present;
     /* framework only */
-    uint32_t fw_capacity; /* allocated length of subtrees */
-    uint32_t fw_line;     /* source line of the node in the document it came from */
+    uint32_t fw_capacity;                /* allocated length of subtrees */
+    struct vidl_yfw_datatree *fw_parent; /* the node whose subtrees hold this one */
 };
 typedef struct vidl_yfw_datatree vidl_yfw_datatree;
 

@@ -101,6 +101,7 @@ TEST(AddPath, UnboundListEntryIsAlwaysANewInstance)
 TEST(AddPath, RelativePathBelowARequestNodeHandsTheNodeBack)
 {
     yfwhost::Request r(YFW_MAP_REQ_GET);
+    r.keep_emissions();
     auto list = build(N("address", TUN, {N("config", {})}));
     vidl_yfw_datatree *key = nullptr;
     ASSERT_EQ(yfw_map_datatree_add_path_flagged(r.ctx(), list.get(), "ip", list->ns, nullptr,

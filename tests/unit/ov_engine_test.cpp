@@ -354,7 +354,7 @@ TEST_F(Walk, ReplaceOfAContainerRemovesByTheSchemaThenMerges)
 TEST_F(Walk, ReplaceOfAListEntryDeletesByKeyThenWalksKeyAndConfig)
 {
     N shape("items", NS,
-           {N("item", {N("id", "3"), N("config", {N("x", "9")})}).with_op(YFW_OP_REPLACE)});
+            {N("item", {N("id", "3"), N("config", {N("x", "9")})}).with_op(YFW_OP_REPLACE)});
     ASSERT_EQ(run(1, shape, walk_items), YFW_OK);
     EXPECT_THAT(calls(),
                 ElementsAre("hook items 1", "lhook item op4 dw2", "leaf id id sw0 dw0",
@@ -516,7 +516,6 @@ TEST_F(Walk, DecliningListHookGivesUpThePass)
 TEST_F(Walk, BrokenTreesFailAndTidyUp)
 {
     auto t = build(top_({N("config", {N("a", "1")}), N("x"), N("config", {N("a", "2")})}));
-    std::free(t->subtrees[1].tag);
     t->subtrees[1].tag = nullptr;
     r = std::make_unique<Recorded>(1);
     EXPECT_EQ(walk_top(r->ctx(), t.get(), r->out()), YFW_ERR_NO_SUBTREES);

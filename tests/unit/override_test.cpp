@@ -49,12 +49,12 @@ TEST(Override, DecliningNestedListEndsItsOuterEntryOnly)
                  {N("interface-name", name), address("2001:db8::1"), address("2001:db8::2")});
     };
     N shape("ipv6-network", NS_VALMORA_IPV6_MA_OPER,
-           {N("nodes",
-              {N("node", {N("node-name", "0"),
-                          N("interface-data",
-                            {N("vrfs", {N("vrf", {N("vrf-name", "default"),
-                                                  N("details", {detail("tunnel-ip1"),
-                                                                detail("tunnel-ip2")})})})})})})});
+            {N("nodes",
+               {N("node", {N("node-name", "0"),
+                           N("interface-data",
+                             {N("vrfs", {N("vrf", {N("vrf-name", "default"),
+                                                   N("details", {detail("tunnel-ip1"),
+                                                                 detail("tunnel-ip2")})})})})})})});
     const char *root = "ymap_vo_octunnel_valmoraipv6maoper_lvla_ipv6network";
     for (const char *path : {OCTUNNEL_MODULE_PATH, OCTUNNEL_OVERRIDE_MODULE_PATH}) {
         SCOPED_TRACE(path);

@@ -79,7 +79,6 @@ public:
             yfwhost::tree_add_child(node, "foreign", "urn:example:other");
         if (chance(0.02) && yfwhost::tree_child_count(node) > 0) {
             vidl_yfw_datatree &victim = node->subtrees[yfwhost::tree_child_count(node) - 1];
-            std::free(victim.tag);
             victim.tag = nullptr;
         }
     }

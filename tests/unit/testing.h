@@ -92,13 +92,14 @@ inline std::vector<std::string> only(const std::vector<std::string> &events,
     return out;
 }
 
-// A request with every event recorded, the ring trace included.
+// A request with every event and emission recorded, the ring trace included.
 struct Recorded {
     yfwhost::Request req;
     std::vector<std::string> events;
     explicit Recorded(uint32_t kind) : req(kind)
     {
         req.events = &events;
+        req.keep_emissions();
         req.enable_ring();
     }
     yfw_map_ctx ctx() { return req.ctx(); }

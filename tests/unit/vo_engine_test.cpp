@@ -222,10 +222,9 @@ TEST_F(EngineTest, OutputListAddThatDidNotTakeIsNotUndone)
 TEST_F(EngineTest, NullTagStopsTheLoopWhereItStands)
 {
     N shape("r", NS,
-           {N("c", {N("x", "1")}), N("c", {N("x", "2")}), N("c"), N("c", {N("x", "4")}),
-            N("c", {N("x", "5")})});
+            {N("c", {N("x", "1")}), N("c", {N("x", "2")}), N("c"), N("c", {N("x", "4")}),
+             N("c", {N("x", "5")})});
     auto root = build(shape);
-    std::free(root->subtrees[2].tag);
     root->subtrees[2].tag = nullptr;
     EXPECT_EQ(vo::visit(node_r, r.ctx(), root.get(), r.out()), YFW_ERR_NO_SUBTREES);
     EXPECT_THAT(events({"add", "ERR", "hier- r"}),
@@ -395,7 +394,6 @@ TEST_F(EngineTest, AugmentEntryAcceptsItsTagAndSortsTheRestByNamespace)
         r.events.clear();
         auto t = build(N(c.tag != nullptr ? c.tag : "placeholder", c.ns, {}));
         if (c.tag == nullptr) {
-            std::free(t->tag);
             t->tag = nullptr;
         }
         EXPECT_EQ(vo::augment_entry(entry_r, r.ctx(), t.get(), r.out()), c.result);

@@ -18,8 +18,10 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 namespace yfwhost {
@@ -27,15 +29,19 @@ namespace yfwhost {
 namespace schema {
 struct ListBinding;
 }
+class Store;
 
 // ---------------------------------------------------------------- trees
 //
-// Trees are plain vidl_yfw_datatree records.  Every string and child array
-// is heap-allocated and owned by the tree; children live in one contiguous
+// Trees are plain vidl_yfw_datatree records.  Everything a tree holds (child
+// arrays, values, one copy of each tag and namespace) lives in a store of
+// its own and goes with its root, at once.  Children live in one contiguous
 // array that grows as needed, so a pointer to a child is good until the next
-// child is added to the same parent.
+// child is added to the same parent.  Each node knows its parent
+// (fw_parent); a root has none.
 
 vidl_yfw_datatree *tree_new(std::string_view tag, std::string_view ns);
+// Frees a tree made by tree_new, or by a TreeBuilder, whole.
 void tree_free(vidl_yfw_datatree *root);
 struct TreeDeleter {
     void operator()(vidl_yfw_datatree *root) const { tree_free(root); }
@@ -54,6 +60,43 @@ std::size_t tree_child_count(const vidl_yfw_datatree *node);
 // The framework's namespace rule: equal, or equal once a trailing ".yang"
 // is taken off one side.  Null matches nothing.
 bool ns_match(const char *a, const char *b);
+
+// Builds a tree whole, as a reader meets a document: nodes are opened and
+// closed in document order, and the children of a node are laid out in one
+// array of their exact number when it closes, so no node moves more than
+// once.  The builder holds the root open; finish() closes it and hands the
+// tree over.  References to open nodes are good until the next open().
+class TreeBuilder {
+public:
+    TreeBuilder(std::string_view root_tag, std::string_view root_ns);
+    ~TreeBuilder();
+    TreeBuilder(const TreeBuilder &) = delete;
+    TreeBuilder &operator=(const TreeBuilder &) = delete;
+
+    // A new child of the innermost open node, open in its turn.
+    vidl_yfw_datatree &open(std::string_view tag, std::string_view ns, uint32_t line);
+    // The innermost open node (the root while nothing else is open).
+    vidl_yfw_datatree &top();
+    void set_value(vidl_yfw_datatree &node, std::string_view value);
+    // Children of the innermost open node so far.
+    std::span<vidl_yfw_datatree> children();
+    // The tree's one copy of a string, as tags and namespaces are held.
+    const char *intern(std::string_view s);
+    // Closes the innermost open node.
+    void close();
+    // Open nodes below the root.
+    std::size_t depth() const { return depth_; }
+    Tree finish();
+
+private:
+    void lay_out(vidl_yfw_datatree &node, std::vector<vidl_yfw_datatree> &kids);
+
+    Tree root_;
+    class Store *store_;
+    // levels_[d]: the children gathered so far of the node open at depth d.
+    std::vector<std::vector<vidl_yfw_datatree>> levels_;
+    std::size_t depth_ = 0;
+};
 
 // ---------------------------------------------------------------- requests
 
@@ -84,7 +127,7 @@ public:
 
     // Request trees the module walks; their operations are inherited by
     // yfw_map_is_request_add.
-    void add_input(const vidl_yfw_datatree *root) { inputs_.push_back(root); }
+    void add_input(const vidl_yfw_datatree *root);
 
     // Levelled log: every TRC and ERR record, formatted, to `sink`.
     void log_to(std::function<void(std::string_view)> sink);
@@ -95,7 +138,12 @@ public:
     const std::deque<std::string> &ring() const { return ring_.lines; }
     std::size_t ring_dropped() const { return ring_.dropped; }
 
+    // Emissions, one per add-path call, in call order: kept for emissions()
+    // once keep_emissions() is called, and handed to `on_emission` as they
+    // come while it is set.  Nothing is built while neither listens.
+    void keep_emissions() { keep_emissions_ = true; }
     const std::vector<Emission> &emissions() const { return emissions_; }
+    std::function<void(const Emission &)> on_emission;
     // The hierarchy as the last yfw_oc_error_path call recorded it; empty if
     // none was made.
     const std::string &error_path() const { return error_path_; }
@@ -135,11 +183,16 @@ public:
     void output_list_remove(const vidl_yfw_datatree *node);
     std::vector<itree_record> &itree() { return itree_; }
     void record_error_path();
+    // Whether anyone takes events: the text of one is made only then.
+    bool recording() const { return events != nullptr; }
     void record(std::string event)
     {
         if (events != nullptr)
             events->push_back(std::move(event));
     }
+    // Work the host did to place added paths and find operations: nodes and
+    // index entries looked at.  A test holds it to a bound per added path.
+    std::size_t lookups() const;
 
     struct Level {
         const vidl_yfw_datatree *node;
@@ -158,7 +211,9 @@ public:
 private:
     const char *parked_value(std::string_view key) const;
     const vidl_yfw_datatree *op_holder(const vidl_yfw_datatree *node) const;
-    vidl_yfw_datatree *list_entry_for(vidl_yfw_datatree *parent, std::string_view tag,
+    void emit(vidl_yfw_datatree *tree, const char *path, const char *ns, const char *value,
+              const vidl_yfw_datatree *op_node, uint32_t list_entry, uint32_t path_flag);
+    vidl_yfw_datatree *list_entry_for(Store &store, vidl_yfw_datatree *parent, std::string_view tag,
                                       const char *ns, const schema::ListBinding &binding,
                                       const char *named_key);
 
@@ -166,13 +221,21 @@ private:
     yfw_map_state state_{};
     yfw_map_request header_{};
     Tree out_;
+    Store *out_store_;
     LogSink log_;
     Ring ring_;
-    std::vector<const vidl_yfw_datatree *> inputs_;
+    std::unordered_set<const vidl_yfw_datatree *> inputs_;
+    bool inner_inputs_ = false; // an input that is not the root of its tree
     std::vector<Level> hierarchy_;
     std::vector<const vidl_yfw_datatree *> output_list_;
     std::vector<itree_record> itree_;
     std::vector<Emission> emissions_;
+    bool keep_emissions_ = false;
+    mutable std::size_t lookups_ = 0;
+    // Room reused from one call to the next.
+    std::vector<std::string_view> path_steps_;
+    mutable std::vector<std::string_view> info_steps_;
+    std::string key_;
     std::string error_path_;
     std::string current_list_path_;
 };

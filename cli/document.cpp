@@ -1,0 +1,55 @@
+#include "document.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace octunnel {
+
+Input::Input(const std::string &file)
+    : file_(file == "-" ? stdin : std::fopen(file.c_str(), "rb")), owned_(file != "-"),
+      buffer_(1 << 16)
+{
+    if (file_ == nullptr)
+        throw std::runtime_error("cannot read " + file + ": " + std::strerror(errno));
+}
+
+Input::~Input()
+{
+    if (owned_)
+        std::fclose(file_);
+}
+
+std::string_view Input::next()
+{
+    std::size_t n = std::fread(buffer_.data(), 1, buffer_.size(), file_);
+    if (n == 0 && std::ferror(file_))
+        throw std::runtime_error(std::string("cannot read the input: ") + std::strerror(errno));
+    return {buffer_.data(), n};
+}
+
+Output::~Output()
+{
+    try {
+        flush();
+    } catch (const std::exception &) {
+        // Reported by the flush that the writer calls itself at its end.
+    }
+}
+
+void Output::flush()
+{
+    if (!buffer_.empty() && std::fwrite(buffer_.data(), 1, buffer_.size(), file_) != buffer_.size())
+        throw std::runtime_error(std::string("cannot write the answer: ") + std::strerror(errno));
+    buffer_.clear();
+    if (std::fflush(file_) != 0)
+        throw std::runtime_error(std::string("cannot write the answer: ") + std::strerror(errno));
+}
+
+void LineCounter::pass(std::string_view piece)
+{
+    line_ += static_cast<int>(std::count(piece.begin(), piece.end(), '\n'));
+}
+
+} // namespace octunnel

@@ -1,0 +1,96 @@
+// A document as the readers hand it over, and the pieces it is read in and
+// written out by.
+#pragma once
+
+#include "input_error.h"
+#include "yfwhost/host.h"
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace octunnel {
+
+// How deep a document's nodes may nest: far beyond any real document (the
+// models here are a dozen levels deep), far below what could exhaust a
+// stack.  JSON counts its arrays and objects, two levels for a list entry.
+inline constexpr std::size_t max_depth = 128;
+inline constexpr std::size_t max_json_depth = 2 * max_depth + 8;
+
+// What a document holds: one tree whose unnamed root holds the top-level
+// nodes (or the NETCONF envelope around them), and those nodes themselves.
+// A request gets the whole tree as its input, so the operations of the
+// nodes are found through their ancestors.
+struct Document {
+    yfwhost::Tree tree;
+    std::vector<vidl_yfw_datatree *> roots;
+};
+
+// A document read in pieces, from a file or from standard input ("-").
+class Input {
+public:
+    // Throws std::runtime_error naming a file that cannot be opened.
+    explicit Input(const std::string &file);
+    ~Input();
+    Input(const Input &) = delete;
+    Input &operator=(const Input &) = delete;
+
+    // The next piece of the text; empty at its end.  Throws
+    // std::runtime_error when the file cannot be read.
+    std::string_view next();
+
+private:
+    std::FILE *file_;
+    bool owned_;
+    std::vector<char> buffer_;
+};
+
+// Text written out in large pieces.  Throws std::runtime_error when the
+// stream refuses it.
+class Output {
+public:
+    explicit Output(std::FILE *file) : file_(file) { buffer_.reserve(capacity); }
+    ~Output();
+    Output(const Output &) = delete;
+    Output &operator=(const Output &) = delete;
+
+    void put(std::string_view s)
+    {
+        buffer_.append(s);
+        if (buffer_.size() >= capacity)
+            flush();
+    }
+    void put(char c)
+    {
+        buffer_.push_back(c);
+        if (buffer_.size() >= capacity)
+            flush();
+    }
+    void flush();
+
+private:
+    static constexpr std::size_t capacity = 1 << 16;
+    std::FILE *file_;
+    std::string buffer_;
+};
+
+// An Output as RapidJSON writes to it.
+struct OutputStream {
+    using Ch = char;
+    Output &out;
+    void Put(char c) { out.put(c); }
+    void Flush() {}
+};
+
+// Where a line of text sits: counts lines as the text goes by, piece by piece.
+class LineCounter {
+public:
+    void pass(std::string_view piece);
+    int line() const { return line_; }
+
+private:
+    int line_ = 1;
+};
+
+} // namespace octunnel
