@@ -31,6 +31,8 @@ std::string_view Input::next()
 
 Output::~Output()
 {
+    if (used_ == 0)
+        return;
     try {
         flush();
     } catch (const std::exception &) {
@@ -40,9 +42,9 @@ Output::~Output()
 
 void Output::flush()
 {
-    if (!buffer_.empty() && std::fwrite(buffer_.data(), 1, buffer_.size(), file_) != buffer_.size())
+    if (used_ != 0 && std::fwrite(buffer_.data(), 1, used_, file_) != used_)
         throw std::runtime_error(std::string("cannot write the answer: ") + std::strerror(errno));
-    buffer_.clear();
+    used_ = 0;
     if (std::fflush(file_) != 0)
         throw std::runtime_error(std::string("cannot write the answer: ") + std::strerror(errno));
 }

@@ -6,6 +6,7 @@
 #include "yfwhost/host.h"
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,38 +51,58 @@ private:
 // stream refuses it.
 class Output {
 public:
-    explicit Output(std::FILE *file) : file_(file) { buffer_.reserve(capacity); }
+    explicit Output(std::FILE *file) : file_(file), buffer_(capacity) {}
     ~Output();
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
 
-    void put(std::string_view s)
-    {
-        buffer_.append(s);
-        if (buffer_.size() >= capacity)
-            flush();
-    }
     void put(char c)
     {
-        buffer_.push_back(c);
-        if (buffer_.size() >= capacity)
+        if (used_ == buffer_.size())
             flush();
+        buffer_[used_++] = c;
     }
+    void put(std::string_view s)
+    {
+        reserve(s.size());
+        std::memcpy(buffer_.data() + used_, s.data(), s.size());
+        used_ += s.size();
+    }
+    // Room for `n` more characters, which put_reserved() then writes.
+    void reserve(std::size_t n)
+    {
+        if (buffer_.size() - used_ < n) {
+            flush();
+            if (buffer_.size() < n)
+                buffer_.resize(n);
+        }
+    }
+    void put_reserved(char c) { buffer_[used_++] = c; }
     void flush();
 
 private:
     static constexpr std::size_t capacity = 1 << 16;
     std::FILE *file_;
-    std::string buffer_;
+    std::vector<char> buffer_;
+    std::size_t used_ = 0;
 };
 
-// An Output as RapidJSON writes to it.
+// An Output as RapidJSON writes to it; RapidJSON finds the two functions
+// below by the stream's type, and writes what it reserved without checks.
 struct OutputStream {
     using Ch = char;
     Output &out;
     void Put(char c) { out.put(c); }
     void Flush() {}
 };
+inline void PutReserve(OutputStream &s, std::size_t n)
+{
+    s.out.reserve(n);
+}
+inline void PutUnsafe(OutputStream &s, char c)
+{
+    s.out.put_reserved(c);
+}
 
 // Where a line of text sits: counts lines as the text goes by, piece by piece.
 class LineCounter {

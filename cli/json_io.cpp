@@ -625,179 +625,222 @@ private:
 
 // ------------------------------------------------------------------ writing
 
+using yfwhost::Answer;
+
+// Writes an answer as RFC 7951 JSON.  What it learns along the way is kept
+// so that no node asks twice: each name of the answer (tag and namespace)
+// belongs to a member class (tag and module), and each schema node keeps
+// its children by class, so a node's member is found without a lookup.
 class Writer {
 public:
-    Writer(const JsonSchema &schema, Output &out) : schema_(schema), stream_{out}, json_(stream_)
+    Writer(const JsonSchema &schema, const Answer &answer, Output &out)
+        : schema_(schema), answer_(answer), stream_{out}, json_(stream_)
     {
         json_.SetIndent(' ', 2);
     }
 
     // The answer is checked before a character of it is written: every
     // namespace in it must have a module name.
-    void check(const vidl_yfw_datatree &root)
+    void check()
     {
-        std::vector<const vidl_yfw_datatree *> todo{&root};
-        while (!todo.empty()) {
-            const vidl_yfw_datatree *n = todo.back();
-            todo.pop_back();
-            for (std::size_t i = 0; i < yfwhost::tree_child_count(n); ++i) {
-                module_of(n->subtrees[i].ns);
-                todo.push_back(&n->subtrees[i]);
-            }
-        }
+        for (Answer::Id id = 1; id < answer_.size(); ++id)
+            class_of(id);
     }
 
-    void document(const vidl_yfw_datatree &root)
+    void document()
     {
+        Schema &top = schemas_.emplace_back(Schema{schema_.root(), NodeKind::unknown, false, {}});
         json_.StartObject();
-        children(root, "", schema_.root());
+        children(Answer::root, nullptr, top, 0);
         json_.EndObject();
         stream_.out.put('\n');
     }
 
 private:
-    // The module of a namespace, once per namespace; one string per module,
-    // so that two nodes are of one module when their strings are one.
-    const std::string &module_of(const char *ns)
+    static constexpr uint32_t none = UINT32_MAX;
+
+    // Nodes of one tag in one module: one member of their parent's object.
+    struct Class {
+        const char *tag;
+        const std::string *module;
+    };
+    struct Schema {
+        JsonSchema::Node node;
+        NodeKind kind;
+        bool typed;                     // its values may be other than strings
+        std::vector<Schema *> by_class; // children, found on first use
+    };
+    struct Group {
+        uint32_t cls;
+        uint32_t first, last, count; // ordinals of the children, chained by `next`
+    };
+    // What a level of the answer needs while it is written, kept from one
+    // node to the next.
+    struct Scratch {
+        std::vector<Answer::Id> ids;
+        std::vector<uint32_t> next;
+        std::vector<Group> groups;
+        std::vector<std::pair<uint32_t, uint32_t>> group_of; // by class: (node stamp, group)
+        uint32_t stamp = 0;
+    };
+
+    // The member class of a node, through its name, once per name.
+    uint32_t class_of(Answer::Id id)
     {
-        auto it = modules_.find(ns);
-        if (it != modules_.end())
-            return *it->second;
-        std::optional<std::string> module = module_of_namespace(ns != nullptr ? ns : "");
-        if (!module)
-            throw std::runtime_error("no YANG module is known for the namespace '" +
-                                     std::string(ns != nullptr ? ns : "") + "'");
-        const std::string &name = *module_names_.insert(std::move(*module)).first;
-        modules_.emplace(ns, &name);
-        return name;
+        const Answer::Name &name = answer_.name_of(id);
+        if (name.index < class_of_name_.size() && class_of_name_[name.index] != none)
+            return class_of_name_[name.index];
+        auto it = modules_.find(name.ns);
+        if (it == modules_.end()) {
+            std::optional<std::string> module = module_of_namespace(name.ns);
+            if (!module)
+                throw std::runtime_error("no YANG module is known for the namespace '" +
+                                         std::string(name.ns) + "'");
+            it = modules_.emplace(name.ns, &*module_names_.insert(std::move(*module)).first).first;
+        }
+        auto [c, fresh] = classes_by_key_.try_emplace({name.tag, it->second},
+                                                      static_cast<uint32_t>(classes_.size()));
+        if (fresh)
+            classes_.push_back(Class{name.tag, it->second});
+        if (class_of_name_.size() <= name.index)
+            class_of_name_.resize(name.index + 1, none);
+        class_of_name_[name.index] = c->second;
+        return c->second;
+    }
+
+    Schema &child_schema(Schema &parent, uint32_t cls)
+    {
+        if (parent.by_class.size() <= cls)
+            parent.by_class.resize(cls + 1, nullptr);
+        if (parent.by_class[cls] == nullptr) {
+            JsonSchema::Node n =
+                schema_.child(parent.node, *classes_[cls].module, classes_[cls].tag);
+            parent.by_class[cls] = &schemas_.emplace_back(
+                Schema{n, schema_.kind(n), n != nullptr && schema_.typed(n), {}});
+        }
+        return *parent.by_class[cls];
     }
 
     // The children of `node` as members of the object being written.  Nodes
     // of one name become one member wherever they stand, as JSON has no
     // repeated names; members come in the order their first node does.
-    void children(const vidl_yfw_datatree &node, const std::string &module, JsonSchema::Node at)
+    void children(Answer::Id node, const std::string *module, Schema &at, std::size_t depth)
     {
-        const auto count = static_cast<uint32_t>(yfwhost::tree_child_count(&node));
-        // Each child's group: the first child of its name.
-        std::vector<uint32_t> group(count);
-        std::unordered_map<std::pair<const char *, const std::string *>, uint32_t, PairHash> first;
-        for (uint32_t i = 0; i < count; ++i) {
-            const vidl_yfw_datatree &c = node.subtrees[i];
-            auto key = std::make_pair(static_cast<const char *>(c.tag), &module_of(c.ns));
-            group[i] =
-                count <= 8 ? small_group(node, i, key) : first.try_emplace(key, i).first->second;
+        if (scratch_.size() <= depth)
+            scratch_.resize(depth + 1);
+        Scratch &s = scratch_[depth];
+        s.ids.clear();
+        s.next.clear();
+        s.groups.clear();
+        ++s.stamp;
+        for (Answer::Id c = answer_.first_child(node); c != Answer::none;
+             c = answer_.next_sibling(c)) {
+            const uint32_t cls = class_of(c);
+            const auto ordinal = static_cast<uint32_t>(s.ids.size());
+            s.ids.push_back(c);
+            s.next.push_back(none);
+            if (s.group_of.size() <= cls)
+                s.group_of.resize(cls + 1, {0, 0});
+            auto &[stamp, g] = s.group_of[cls];
+            if (stamp != s.stamp) {
+                stamp = s.stamp;
+                g = static_cast<uint32_t>(s.groups.size());
+                s.groups.push_back(Group{cls, ordinal, ordinal, 1});
+            } else {
+                s.next[s.groups[g].last] = ordinal;
+                s.groups[g].last = ordinal;
+                s.groups[g].count++;
+            }
         }
-        std::vector<const vidl_yfw_datatree *> members;
-        for (uint32_t i = 0; i < count; ++i) {
-            if (group[i] != i)
-                continue;
-            members.clear();
-            for (uint32_t j = i; j < count; ++j)
-                if (group[j] == i)
-                    members.push_back(&node.subtrees[j]);
-            write_member(members, module, at);
-        }
+        // Writing a member reaches deeper levels, whose scratch is their own.
+        for (std::size_t g = 0; g < s.groups.size(); ++g)
+            write_member(s, s.groups[g], module, at, depth);
     }
 
-    struct PairHash {
-        std::size_t operator()(const std::pair<const char *, const std::string *> &p) const
-        {
-            return std::hash<const void *>()(p.first) * 31 + std::hash<const void *>()(p.second);
-        }
-    };
-
-    // The group of child i among a few: the first child with its name.
-    uint32_t small_group(const vidl_yfw_datatree &node, uint32_t i,
-                         std::pair<const char *, const std::string *> key)
+    void write_member(Scratch &s, const Group &group, const std::string *module, Schema &at,
+                      std::size_t depth)
     {
-        for (uint32_t j = 0; j < i; ++j) {
-            const vidl_yfw_datatree &c = node.subtrees[j];
-            if (c.tag == key.first && &module_of(c.ns) == key.second)
-                return j;
-        }
-        return i;
-    }
-
-    void write_member(const std::vector<const vidl_yfw_datatree *> &group,
-                      const std::string &module, JsonSchema::Node at)
-    {
-        const vidl_yfw_datatree &first = *group.front();
-        const std::string &child_module = module_of(first.ns);
-        std::string_view tag = first.tag != nullptr ? first.tag : "";
+        const Class &cls = classes_[group.cls];
+        const bool qualified = cls.module != module;
         name_.clear();
-        if (child_module != module)
-            name_.append(child_module).append(":");
-        name_.append(tag);
-        JsonSchema::Node child = schema_.child(at, child_module, tag);
-        NodeKind kind = schema_.kind(child);
-        const bool many = kind == NodeKind::list || kind == NodeKind::leaf_list || group.size() > 1;
+        if (qualified)
+            name_.append(*cls.module).append(":");
+        name_.append(cls.tag);
+        Schema &child = child_schema(at, group.cls);
+        const bool many =
+            child.kind == NodeKind::list || child.kind == NodeKind::leaf_list || group.count > 1;
 
         json_.Key(name_.data(), static_cast<rapidjson::SizeType>(name_.size()));
         if (many)
             json_.StartArray();
         bool any_meta = false;
-        for (const vidl_yfw_datatree *n : group)
-            any_meta = value(*n, kind, child_module, child) || any_meta;
+        for (uint32_t i = group.first; i != none; i = s.next[i])
+            any_meta = value(s.ids[i], child, cls.module, depth) || any_meta;
         if (many)
             json_.EndArray();
         if (!any_meta)
             return;
         // The operations of leaves beside them, as "@name".
-        name_.assign("@").append(child_module != module ? child_module + ":" : "").append(tag);
+        name_.assign("@");
+        if (qualified)
+            name_.append(*cls.module).append(":");
+        name_.append(cls.tag);
         json_.Key(name_.data(), static_cast<rapidjson::SizeType>(name_.size()));
         if (many)
             json_.StartArray();
-        for (const vidl_yfw_datatree *n : group) {
-            if (is_object(*n, kind) || (n->present & YFW_PRESENT_OP) == 0)
+        for (uint32_t i = group.first; i != none; i = s.next[i]) {
+            Answer::Id n = s.ids[i];
+            if (is_object(n, child.kind) || !answer_.has_op(n))
                 json_.Null();
             else
-                operation(*n);
+                operation(n);
         }
         if (many)
             json_.EndArray();
     }
 
-    static bool is_object(const vidl_yfw_datatree &n, NodeKind kind)
+    bool is_object(Answer::Id n, NodeKind kind) const
     {
-        return yfwhost::tree_child_count(&n) > 0 || kind == NodeKind::container ||
+        return answer_.first_child(n) != Answer::none || kind == NodeKind::container ||
                kind == NodeKind::list;
     }
 
-    void operation(const vidl_yfw_datatree &n)
+    void operation(Answer::Id n)
     {
         json_.StartObject();
         json_.Key("ietf-netconf:operation");
-        if (n.op < operation_names.size())
-            json_.String(operation_names[n.op].data(),
-                         static_cast<rapidjson::SizeType>(operation_names[n.op].size()));
+        uint32_t op = answer_.op(n);
+        if (op < operation_names.size())
+            json_.String(operation_names[op].data(),
+                         static_cast<rapidjson::SizeType>(operation_names[op].size()));
         else
-            json_.String(std::to_string(n.op).c_str());
+            json_.String(std::to_string(op).c_str());
         json_.EndObject();
     }
 
     // A container or list entry as an object, its operation inside as "@";
     // anything else as a leaf value.  True for a leaf whose operation its
     // caller writes beside it.
-    bool value(const vidl_yfw_datatree &n, NodeKind kind, const std::string &module,
-               JsonSchema::Node at)
+    bool value(Answer::Id n, Schema &at, const std::string *module, std::size_t depth)
     {
-        if (is_object(n, kind)) {
+        if (is_object(n, at.kind)) {
             json_.StartObject();
-            if ((n.present & YFW_PRESENT_OP) != 0) {
+            if (answer_.has_op(n)) {
                 json_.Key("@");
                 operation(n);
             }
-            children(n, module, at);
+            children(n, module, at, depth + 1);
             json_.EndObject();
             return false;
         }
-        const bool meta = (n.present & YFW_PRESENT_OP) != 0;
-        if ((n.present & YFW_PRESENT_VALUE) == 0 || n.value == nullptr) {
+        const bool meta = answer_.has_op(n);
+        const char *v = answer_.value(n);
+        if (v == nullptr) {
             json_.RawValue("[null]", 6, rapidjson::kArrayType);
             return meta;
         }
-        std::string_view text = n.value;
-        switch (schema_.value_kind(at, text)) {
+        std::string_view text = v;
+        switch (at.typed ? schema_.value_kind(at.node, text) : ValueKind::string) {
         case ValueKind::number: {
             // YANG allows a leading "+" that JSON does not.
             std::string_view digits = text.starts_with('+') ? text.substr(1) : text;
@@ -822,11 +865,24 @@ private:
         return meta;
     }
 
+    struct PairHash {
+        std::size_t operator()(const std::pair<const void *, const void *> &p) const
+        {
+            return std::hash<const void *>()(p.first) * 31 + std::hash<const void *>()(p.second);
+        }
+    };
+
     const JsonSchema &schema_;
+    const Answer &answer_;
     OutputStream stream_;
     rapidjson::PrettyWriter<OutputStream> json_;
-    std::unordered_map<const char *, const std::string *> modules_;
+    std::unordered_map<const char *, const std::string *> modules_; // by namespace
     std::set<std::string> module_names_;
+    std::vector<Class> classes_;
+    std::unordered_map<std::pair<const void *, const void *>, uint32_t, PairHash> classes_by_key_;
+    std::vector<uint32_t> class_of_name_;
+    std::deque<Schema> schemas_;  // grows without moving what it holds
+    std::deque<Scratch> scratch_; // likewise
     std::string name_;
 };
 
@@ -854,11 +910,11 @@ Document read_json_document(Input &input)
     return builder.finish();
 }
 
-void write_json_document(const vidl_yfw_datatree *root, const JsonSchema &schema, Output &out)
+void write_json_document(const yfwhost::Answer &answer, const JsonSchema &schema, Output &out)
 {
-    Writer writer(schema, out);
-    writer.check(*root);
-    writer.document(*root);
+    Writer writer(schema, answer, out);
+    writer.check();
+    writer.document();
 }
 
 } // namespace octunnel

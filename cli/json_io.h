@@ -15,10 +15,10 @@ namespace octunnel {
 // line of the member at fault.
 Document read_json_document(Input &input);
 
-// The children of `root` (the envelope, which JSON does not write) as a JSON
-// document, lists and values as `schema` tells, operations as metadata.
-// Throws std::runtime_error, before writing anything, for a namespace that
-// has no module name.
-void write_json_document(const vidl_yfw_datatree *root, const JsonSchema &schema, Output &out);
+// The children of the answer's root (the envelope, which JSON does not
+// write) as a JSON document, lists and values as `schema` tells, operations
+// as metadata.  Throws std::runtime_error, before writing anything, for a
+// namespace that has no module name.
+void write_json_document(const yfwhost::Answer &answer, const JsonSchema &schema, Output &out);
 
 } // namespace octunnel

@@ -29,6 +29,9 @@ public:
     // The child `name` of `parent`, from the module `module`.
     virtual Node child(Node parent, std::string_view module, std::string_view name) const = 0;
     virtual NodeKind kind(Node node) const = 0;
+    // Whether the values of the leaf or leaf-list `node` may be written
+    // other than as strings: if not, value_kind() need not be asked.
+    virtual bool typed(Node node) const = 0;
     // How `value` of the leaf or leaf-list `node` is written.
     virtual ValueKind value_kind(Node node, std::string_view value) const = 0;
 };
@@ -43,6 +46,7 @@ public:
     Node root() const override;
     Node child(Node parent, std::string_view module, std::string_view name) const override;
     NodeKind kind(Node node) const override;
+    bool typed(Node) const override { return false; }
     ValueKind value_kind(Node, std::string_view) const override { return ValueKind::string; }
 
 private:
@@ -64,6 +68,7 @@ public:
     Node root() const override;
     Node child(Node parent, std::string_view module, std::string_view name) const override;
     NodeKind kind(Node node) const override;
+    bool typed(Node node) const override;
     // A number for the 8- to 32-bit integer types, true/false for boolean,
     // [null] for empty, by the member type a union value matches and the
     // target type of a leafref; a string for everything else, and for a
@@ -72,9 +77,6 @@ public:
 
 private:
     ::ly_ctx *ctx_ = nullptr;
-    // Whether a leaf's values need checking against its type: those of a
-    // type that writes as a string whatever the value do not.
-    mutable std::unordered_map<const void *, bool> checked_;
     mutable std::vector<std::pair<std::string, const ::lys_module *>> modules_;
 };
 

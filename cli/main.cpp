@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <future>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -131,6 +132,7 @@ public:
     void commit()
     {
         out_->flush();
+        out_.reset();
         std::FILE *f = std::exchange(file_, nullptr);
         if (std::fclose(f) != 0 || std::rename(temp_.c_str(), path_.c_str()) != 0) {
             std::remove(temp_.c_str());
@@ -200,8 +202,8 @@ void report_failure(verrno rc, yfwhost::Request &req)
 // is written with what `schema` knows of its models.
 class Session {
 public:
-    Session(const Options &o, std::string_view out_tag, const JsonSchema *schema = nullptr)
-        : o_(o), schema_(schema), module_(module_path(o.module)), req_(o.kind, out_tag)
+    Session(const Options &o, std::string_view out_tag)
+        : o_(o), module_(module_path(o.module)), req_(o.kind, out_tag)
     {
         o.apply_marks(req_.header());
         if (!o.emissions.empty()) {
@@ -232,9 +234,9 @@ public:
     const yfwhost::Module &module() const { return module_; }
     yfwhost::Request &request() { return req_; }
 
-    // Writes the emissions, the log and the ring, then the answer or the
-    // failure.
-    int finish(verrno rc)
+    // Writes the emissions, the log and the ring, then the answer (in JSON,
+    // as `schema` types it) or the failure.
+    int finish(verrno rc, const JsonSchema *schema)
     {
         if (ring_) {
             for (const std::string &line : req_.ring()) {
@@ -251,16 +253,15 @@ public:
         }
         Output out(stdout);
         if (o_.json)
-            write_json_document(req_.out(), *schema_, out);
+            write_json_document(req_.answer(), *schema, out);
         else
-            write_document(req_.out(), out);
+            write_document(req_.answer(), out);
         out.flush();
         return 0;
     }
 
 private:
     const Options &o_;
-    const JsonSchema *schema_;
     yfwhost::Module module_;
     yfwhost::Request req_;
     std::optional<OutputFile> emissions_, log_, ring_;
@@ -269,15 +270,19 @@ private:
 // Native data to OpenConfig.
 int to_oc(const Options &o)
 {
+    // The models that type a JSON answer load on the other core while the
+    // document is read and translated.
+    std::future<std::unique_ptr<OpenConfigSchema>> models;
+    if (o.json)
+        models = std::async(std::launch::async, [dir = yang_dir(o.yang_dir)] {
+            return std::make_unique<OpenConfigSchema>(dir);
+        });
     Document doc = read_input(o);
     std::vector<const NativeRoot *> routes;
     for (const vidl_yfw_datatree *root : doc.roots)
         routes.push_back(&route(*root));
-    std::unique_ptr<OpenConfigSchema> schema;
-    if (o.json)
-        schema = std::make_unique<OpenConfigSchema>(yang_dir(o.yang_dir));
 
-    Session session(o, "data", schema.get());
+    Session session(o, "data");
     yfwhost::Request &req = session.request();
     const yfwhost::Module &module = session.module();
     req.add_input(doc.tree.get());
@@ -297,7 +302,8 @@ int to_oc(const Options &o)
             if (yfwhost::ns_match(r.augment_ns, root->subtrees[c].ns))
                 rc = entry(req.ctx(), &root->subtrees[c], req.out());
     }
-    return session.finish(rc);
+    std::unique_ptr<OpenConfigSchema> schema = o.json ? models.get() : nullptr;
+    return session.finish(rc, schema.get());
 }
 
 // An OpenConfig request to the native request tree: an edit's <config>, or
@@ -317,14 +323,14 @@ int to_native(const Options &o)
 
     const bool read = o.kind == YFW_MAP_REQ_GET_CONFIG || o.kind == YFW_MAP_REQ_GET;
     NativeSchema schema;
-    Session session(o, read ? "filter" : "config", &schema);
+    Session session(o, read ? "filter" : "config");
     yfwhost::Request &req = session.request();
     map_function root_walker = session.module().registration().oc_to_native_root;
     req.add_input(doc.tree.get());
     verrno rc = YFW_OK;
     for (std::size_t i = 0; i < doc.roots.size() && rc == YFW_OK; ++i)
         rc = root_walker(req.ctx(), doc.roots[i], req.out());
-    return session.finish(rc);
+    return session.finish(rc, &schema);
 }
 
 } // namespace

@@ -1,7 +1,10 @@
 #include "json_schema.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
 #include <libyang/libyang.h>
+#include <optional>
 #include <stdexcept>
 #include <sys/stat.h>
 
@@ -60,6 +63,81 @@ bool may_write_otherwise(const lysc_type *type)
     default:
         return kind_of(type->basetype) != ValueKind::string;
     }
+}
+
+// The kind of a canonical value of a plain type, told without libyang where
+// it is certain: a canonical decimal within the type's range is a number,
+// "true" or "false" a boolean.  Nothing where libyang must judge (unions,
+// other forms of a number).
+std::optional<ValueKind> plain_kind(const lysc_type *type, std::string_view text)
+{
+    if (type->basetype == LY_TYPE_LEAFREF)
+        type = reinterpret_cast<const lysc_type_leafref *>(type)->realtype;
+    if (type == nullptr)
+        return std::nullopt;
+    switch (type->basetype) {
+    case LY_TYPE_BOOL:
+        return text == "true" || text == "false" ? ValueKind::boolean : ValueKind::string;
+    case LY_TYPE_EMPTY:
+        return text.empty() ? ValueKind::empty : ValueKind::string;
+    case LY_TYPE_INT8:
+    case LY_TYPE_INT16:
+    case LY_TYPE_INT32:
+    case LY_TYPE_UINT8:
+    case LY_TYPE_UINT16:
+    case LY_TYPE_UINT32:
+        break;
+    default:
+        return std::nullopt;
+    }
+    const bool is_signed = type->basetype <= LY_TYPE_INT32 && type->basetype >= LY_TYPE_INT8;
+    if (!is_signed && text.starts_with('-'))
+        return std::nullopt;
+    std::string_view digits = is_signed && text.starts_with('-') ? text.substr(1) : text;
+    if (digits.empty() || (digits.size() > 1 && digits[0] == '0') ||
+        (digits == "0" && digits != text))
+        return std::nullopt; // not canonical
+    int64_t v = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+    if (ec != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    int64_t lo = 0, hi = 0;
+    switch (type->basetype) {
+    case LY_TYPE_INT8:
+        lo = INT8_MIN, hi = INT8_MAX;
+        break;
+    case LY_TYPE_INT16:
+        lo = INT16_MIN, hi = INT16_MAX;
+        break;
+    case LY_TYPE_INT32:
+        lo = INT32_MIN, hi = INT32_MAX;
+        break;
+    case LY_TYPE_UINT8:
+        hi = UINT8_MAX;
+        break;
+    case LY_TYPE_UINT16:
+        hi = UINT16_MAX;
+        break;
+    default:
+        hi = UINT32_MAX;
+        break;
+    }
+    if (v < lo || v > hi)
+        return ValueKind::string;
+    const lysc_range *range = reinterpret_cast<const lysc_type_num *>(type)->range;
+    if (range == nullptr)
+        return ValueKind::number;
+    LY_ARRAY_COUNT_TYPE i;
+    LY_ARRAY_FOR(range->parts, i)
+    {
+        const auto &part = range->parts[i];
+        const bool inside = is_signed ? part.min_64 <= v && v <= part.max_64
+                                      : static_cast<uint64_t>(v) >= part.min_u64 &&
+                                            static_cast<uint64_t>(v) <= part.max_u64;
+        if (inside)
+            return ValueKind::number;
+    }
+    return ValueKind::string;
 }
 
 } // namespace
@@ -129,18 +207,23 @@ NodeKind OpenConfigSchema::kind(Node node) const
     }
 }
 
-ValueKind OpenConfigSchema::value_kind(Node node, std::string_view value) const
+bool OpenConfigSchema::typed(Node node) const
 {
     if (node == nullptr || node == &root_mark)
+        return false;
+    const auto *schema = static_cast<const lysc_node *>(node);
+    return (schema->nodetype & LYD_NODE_TERM) != 0 &&
+           may_write_otherwise(reinterpret_cast<const lysc_node_leaf *>(schema)->type);
+}
+
+ValueKind OpenConfigSchema::value_kind(Node node, std::string_view value) const
+{
+    if (!typed(node))
         return ValueKind::string;
     const auto *schema = static_cast<const lysc_node *>(node);
-    if ((schema->nodetype & LYD_NODE_TERM) == 0)
-        return ValueKind::string;
-    auto [it, fresh] = checked_.try_emplace(node, false);
-    if (fresh)
-        it->second = may_write_otherwise(reinterpret_cast<const lysc_node_leaf *>(schema)->type);
-    if (!it->second)
-        return ValueKind::string;
+    if (std::optional<ValueKind> kind =
+            plain_kind(reinterpret_cast<const lysc_node_leaf *>(schema)->type, value))
+        return *kind;
     // libyang resolves a union to the member type the value matches and a
     // leafref to its target's type.  A leafref or instance-identifier cannot
     // be checked without the data tree, which is all that LY_EINCOMPLETE says.

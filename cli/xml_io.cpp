@@ -345,63 +345,66 @@ void indent(Output &out, int depth)
         out.put("  ");
 }
 
+using yfwhost::Answer;
+
 // Whether a node or one below it carries an operation.  Answers are shallow:
 // their depth is that of the paths the module adds.
-bool has_operation(const vidl_yfw_datatree &n)
+bool has_operation(const Answer &a, Answer::Id n)
 {
-    if ((n.present & YFW_PRESENT_OP) != 0)
+    if (a.has_op(n))
         return true;
-    for (std::size_t i = 0; i < yfwhost::tree_child_count(&n); ++i)
-        if (has_operation(n.subtrees[i]))
+    for (Answer::Id c = a.first_child(n); c != Answer::none; c = a.next_sibling(c))
+        if (has_operation(a, c))
             return true;
     return false;
 }
 
-void write_node(Output &out, const vidl_yfw_datatree &n, const char *parent_ns, int depth, bool top,
-                bool indented = true)
+void write_node(Output &out, const Answer &a, Answer::Id n, const char *parent_ns, int depth,
+                bool top, bool indented = true)
 {
-    const char *tag = n.tag != nullptr ? n.tag : "";
+    const char *tag = a.tag(n);
+    const char *ns = a.ns(n);
     if (indented)
         indent(out, depth);
     out.put('<');
     out.put(tag);
-    if (n.ns != nullptr && (parent_ns == nullptr || std::strcmp(n.ns, parent_ns) != 0)) {
+    if (ns != parent_ns && std::strcmp(ns, parent_ns) != 0) {
         out.put(" xmlns=\"");
-        escape(out, n.ns, true);
+        escape(out, ns, true);
         out.put('"');
     }
-    if ((n.present & YFW_PRESENT_OP) != 0) {
+    if (a.has_op(n)) {
         out.put(" nc:operation=\"");
-        if (n.op < operation_names.size())
-            out.put(operation_names[n.op]);
+        if (a.op(n) < operation_names.size())
+            out.put(operation_names[a.op(n)]);
         else
-            out.put(std::to_string(n.op));
+            out.put(std::to_string(a.op(n)));
         out.put('"');
     }
     // A top-level element declares the prefix of the operations below it,
     // so that it stands on its own outside the envelope.
-    if (top && has_operation(n))
+    if (top && has_operation(a, n))
         out.put(" xmlns:nc=\"" NS_NETCONF_BASE "\"");
-    const bool value = (n.present & YFW_PRESENT_VALUE) != 0 && n.value != nullptr;
-    const std::size_t count = yfwhost::tree_child_count(&n);
-    if (!value && count == 0) {
+    const char *value = a.value(n);
+    const Answer::Id first = a.first_child(n);
+    if (value == nullptr && first == Answer::none) {
         out.put(" />\n");
         return;
     }
     out.put('>');
-    if (value)
-        escape(out, n.value, false);
-    if (count == 0) {
+    if (value != nullptr)
+        escape(out, value, false);
+    if (first == Answer::none) {
         out.put("</");
         out.put(tag);
         out.put(">\n");
         return;
     }
-    if (!value)
+    if (value == nullptr)
         out.put('\n');
     // After a value the first child follows it on its line.
-    for (std::size_t i = 0; i < count; ++i)
-        write_node(out, n.subtrees[i], n.ns, depth + 1, false, !(value && i == 0));
+    for (Answer::Id c = first; c != Answer::none; c = a.next_sibling(c))
+        write_node(out, a, c, ns, depth + 1, false, !(value != nullptr && c == first));
     indent(out, depth);
     out.put("</");
     out.put(tag);
@@ -416,23 +419,24 @@ Document read_document(Input &input)
     return reader.read(input);
 }
 
-void write_document(const vidl_yfw_datatree *root, Output &out)
+void write_document(const yfwhost::Answer &answer, Output &out)
 {
+    const char *tag = answer.tag(Answer::root);
     out.put('<');
-    out.put(root->tag);
+    out.put(tag);
     out.put(" xmlns=\"" NS_NETCONF_BASE "\"");
-    if (std::string_view(root->tag) == "filter")
+    if (std::string_view(tag) == "filter")
         out.put(" type=\"subtree\"");
-    const std::size_t count = yfwhost::tree_child_count(root);
-    if (count == 0) {
+    if (answer.first_child(Answer::root) == Answer::none) {
         out.put(" />\n");
         return;
     }
     out.put(">\n");
-    for (std::size_t i = 0; i < count; ++i)
-        write_node(out, root->subtrees[i], NS_NETCONF_BASE, 1, true);
+    for (Answer::Id c = answer.first_child(Answer::root); c != Answer::none;
+         c = answer.next_sibling(c))
+        write_node(out, answer, c, NS_NETCONF_BASE, 1, true);
     out.put("</");
-    out.put(root->tag);
+    out.put(tag);
     out.put(">\n");
 }
 

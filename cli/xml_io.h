@@ -11,10 +11,10 @@ namespace octunnel {
 // InputError with the line at fault.
 Document read_document(Input &input);
 
-// `root` and its children as a NETCONF document; the root is the envelope
-// (<data>, <config>, or <filter>, which is marked as a subtree filter).  An
-// element declares xmlns where its namespace differs from its parent's, and
-// carries nc:operation where the node has an operation.
-void write_document(const vidl_yfw_datatree *root, Output &out);
+// An answer as a NETCONF document; its root is the envelope (<data>,
+// <config>, or <filter>, which is marked as a subtree filter).  An element
+// declares xmlns where its namespace differs from its parent's, and carries
+// nc:operation where the node has an operation.
+void write_document(const yfwhost::Answer &answer, Output &out);
 
 } // namespace octunnel

@@ -72,20 +72,36 @@ bool removing(uint32_t op)
     return op == YFW_OP_DELETE || op == YFW_OP_REMOVE;
 }
 
+// The operation of a node, in a request tree or in the answer.
+struct InTree {
+    vidl_yfw_datatree *n;
+    bool has_op() const { return (n->present & YFW_PRESENT_OP) != 0; }
+    uint32_t op() const { return n->op; }
+    void set_op(uint32_t op) const { tree_set_op(n, op); }
+};
+struct InAnswer {
+    Answer &a;
+    Answer::Id id;
+    bool has_op() const { return a.has_op(id); }
+    uint32_t op() const { return a.op(id); }
+    void set_op(uint32_t op) const { a.set_op(id, op); }
+};
+
 // A node that an earlier add of this request removed and a later one writes
 // (to it, or below it): its old content goes and the new stands, which is a
 // replace.  This is how the two passes of a replace meet in one tree.
-void rewrite(vidl_yfw_datatree *n)
+template <typename Node> void rewrite(const Node &n)
 {
-    if ((n->present & YFW_PRESENT_OP) != 0 && removing(n->op))
-        tree_set_op(n, YFW_OP_REPLACE);
+    if (n.has_op() && removing(n.op()))
+        n.set_op(YFW_OP_REPLACE);
 }
 
 // The operation a node ends with after an add that carries a request node:
 // a removal never weakens the client's delete, and a write after a removal
 // is a replace.  Adds without one (selections, plain steps of a path,
 // answers) leave operations alone.
-void take_operation(vidl_yfw_datatree *n, const vidl_yfw_datatree *op_node,
+template <typename Node>
+void take_operation(const Node &n, const vidl_yfw_datatree *op_node,
                     const vidl_yfw_datatree *holder)
 {
     if (op_node == nullptr)
@@ -94,14 +110,14 @@ void take_operation(vidl_yfw_datatree *n, const vidl_yfw_datatree *op_node,
         rewrite(n); // merge by default
         return;
     }
-    const bool had = (n->present & YFW_PRESENT_OP) != 0;
+    const bool had = n.has_op();
     if (removing(holder->op)) {
-        if (!(had && n->op == YFW_OP_DELETE))
-            tree_set_op(n, holder->op);
-    } else if (had && removing(n->op)) {
-        tree_set_op(n, YFW_OP_REPLACE);
+        if (!(had && n.op() == YFW_OP_DELETE))
+            n.set_op(holder->op);
+    } else if (had && removing(n.op())) {
+        n.set_op(YFW_OP_REPLACE);
     } else {
-        tree_set_op(n, holder->op);
+        n.set_op(holder->op);
     }
 }
 
@@ -130,7 +146,7 @@ const char *Request::parked_value(std::string_view key) const
 }
 
 Request::Request(uint32_t kind, std::string_view out_tag, std::string_view out_ns)
-    : out_(tree_new(out_tag, out_ns)), out_store_(&store_of(out_.get()))
+    : out_(tree_new(out_tag, out_ns)), answer_(out_tag, out_ns)
 {
     header_.kind = kind;
     state_.request = &header_;
@@ -162,7 +178,7 @@ void Request::enable_ring(std::size_t capacity)
 
 std::size_t Request::lookups() const
 {
-    return lookups_ + out_store_->steps();
+    return lookups_ + answer_.steps();
 }
 
 void Request::hierarchy_add(const vidl_yfw_datatree *node, int level)
@@ -290,10 +306,9 @@ void Request::emit(vidl_yfw_datatree *tree, const char *path, const char *ns, co
 
 // Adds `path` below `tree`, creating what is missing and merging with what
 // is there.  The last node takes on the effective operation of `op_node`
-// (see take_operation).  In the output tree, a list in the path resolves to
-// the instance the walk stands in (see list_entry_for), and each node takes
-// the namespace of the model that owns it.  Below a request node (a list key
-// that a walker adds) the path is relative and taken as it stands.
+// (see take_operation).  A path added to the output tree goes to the answer
+// (see add_to_answer).  Below a request node (a list key that a walker adds)
+// the path is relative and taken as it stands.
 verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *ns,
                          const char *value, const vidl_yfw_datatree *op_node,
                          vidl_yfw_datatree **out_node, uint32_t list_entry, uint32_t path_flag)
@@ -308,67 +323,157 @@ verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *
     }
     if (tree == nullptr || path == nullptr)
         return YFW_ERR_INVALID_ARG;
+    if (tree == out_.get()) {
+        // The answer's nodes are the host's own: none is handed out.
+        if (out_node != nullptr)
+            *out_node = nullptr;
+        return add_to_answer(path, ns, value, op_node, list_entry);
+    }
     const std::vector<std::string_view> &steps = steps_of(path, path_steps_);
     if (steps.empty())
         return YFW_ERR_INVALID_ARG;
 
-    const bool absolute = tree == out_.get();
-    Store &store = absolute ? *out_store_ : store_of(tree);
+    Store &store = store_of(tree);
     const char *given_ns = ns != nullptr ? ns : "";
     const vidl_yfw_datatree *holder = op_holder(op_node);
     const bool writing = op_node != nullptr && (holder == nullptr || !removing(holder->op));
-    // Where the path stands in the schema the host knows, and the owner of
-    // the nearest step above that owns its whole subtree.
-    const schema::Node *at = nullptr;
-    const char *subtree_owner = nullptr;
-    const schema::ListBinding *list = nullptr; // of the step before
     vidl_yfw_datatree *node = tree;
     for (std::size_t i = 0; i < steps.size(); ++i) {
         ++lookups_;
         const bool last = i + 1 == steps.size();
-        const char *step_ns = nullptr;
-        const schema::ListBinding *binding = nullptr;
-        if (absolute) {
-            at = i == 0 || at != nullptr ? schema::child(at, steps[i]) : nullptr;
-            bool whole = false;
-            step_ns = schema::owner(at, whole);
-            if (step_ns == nullptr)
-                step_ns = subtree_owner;
-            else if (whole && subtree_owner == nullptr)
-                subtree_owner = step_ns;
-            binding = schema::list(at);
-        }
-        if (step_ns == nullptr)
-            step_ns = given_ns;
-        if (binding != nullptr) {
-            // The key named by the path itself: ".../address/ip" with a value.
-            const char *named =
-                i + 2 == steps.size() && steps[i + 1] == binding->key ? value : nullptr;
-            node = list_entry_for(store, node, steps[i], step_ns, *binding, named);
-        } else if (last && list_entry != 0) {
-            node = add_child(store, node, steps[i], step_ns); // an unbound list: a new entry
-        } else {
-            node = find_or_add(store, node, steps[i], step_ns);
-        }
+        node = last && list_entry != 0 ? add_child(store, node, steps[i], given_ns)
+                                       : find_or_add(store, node, steps[i], given_ns);
         if (!last && writing)
-            rewrite(node);
-        if (!last)
-            list = binding;
+            rewrite(InTree{node});
     }
     if (value != nullptr) {
-        // A new value of an entry's key: the list's index is told.
-        const vidl_yfw_datatree *entry = node->fw_parent;
-        if (list != nullptr && steps.back() == list->key && entry != nullptr &&
-            entry->fw_parent != nullptr &&
-            ((node->present & YFW_PRESENT_VALUE) == 0 || std::strcmp(node->value, value) != 0))
-            store.forget_list(entry->fw_parent->subtrees, entry->tag);
         node->value = store.copy(value);
         node->present |= YFW_PRESENT_VALUE;
     }
-    take_operation(node, op_node, holder);
+    take_operation(InTree{node}, op_node, holder);
     if (out_node != nullptr)
         *out_node = node;
     return YFW_OK;
+}
+
+// A path of the answer as its steps go: the name each step's node bears
+// (its namespace that of the model that owns it, else the path's own), and
+// for a list the names of its keys.
+struct Request::Compiled {
+    std::string path;
+    std::string ns;
+    struct Step {
+        const Answer::Name *name;
+        const schema::ListBinding *list = nullptr;
+        const Answer::Name *key = nullptr;   // of a list
+        const Answer::Name *fixed = nullptr; // of a list with a key of one value
+        bool names_key = false;              // the path ends with this list's key
+    };
+    std::vector<Step> steps;
+};
+
+const Request::Compiled &Request::compile(const char *path, const char *ns)
+{
+    const char *given_ns = ns != nullptr ? ns : "";
+    std::unique_ptr<Compiled> &c = compiled_[PathKey{path, ns}];
+    if (c != nullptr && c->path == path && c->ns == given_ns)
+        return *c;
+    if (compiled_.size() > 4096) { // paths of the caller's making: start over
+        compiled_.clear();
+        return compile(path, ns);
+    }
+    c = std::make_unique<Compiled>();
+    c->path = path;
+    c->ns = given_ns;
+    const std::vector<std::string_view> &steps = steps_of(path, path_steps_);
+    // Where the path stands in the schema the host knows, and the owner of
+    // the nearest step above that owns its whole subtree.
+    const schema::Node *at = nullptr;
+    const char *subtree_owner = nullptr;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        at = i == 0 || at != nullptr ? schema::child(at, steps[i]) : nullptr;
+        bool whole = false;
+        const char *step_ns = schema::owner(at, whole);
+        if (step_ns == nullptr)
+            step_ns = subtree_owner;
+        else if (whole && subtree_owner == nullptr)
+            subtree_owner = step_ns;
+        if (step_ns == nullptr)
+            step_ns = given_ns;
+        Compiled::Step step{answer_.name(steps[i], step_ns)};
+        if (const schema::ListBinding *list = schema::list(at)) {
+            step.list = list;
+            step.key = answer_.name(list->key, list->key_ns);
+            if (list->fixed_key != nullptr)
+                step.fixed = answer_.name(list->fixed_key, list->key_ns);
+            step.names_key = i + 2 == steps.size() && steps[i + 1] == list->key;
+        }
+        c->steps.push_back(step);
+    }
+    return *c;
+}
+
+// A path of the output tree.  A list in the path resolves to the instance
+// the walk stands in (see list_entry_for).
+verrno Request::add_to_answer(const char *path, const char *ns, const char *value,
+                              const vidl_yfw_datatree *op_node, uint32_t list_entry)
+{
+    const Compiled &c = compile(path, ns);
+    if (c.steps.empty())
+        return YFW_ERR_INVALID_ARG;
+    const vidl_yfw_datatree *holder = op_holder(op_node);
+    const bool writing = op_node != nullptr && (holder == nullptr || !removing(holder->op));
+    Answer::Id node = Answer::root;
+    Answer::Id parent = Answer::none, grandparent = Answer::none;
+    for (std::size_t i = 0; i < c.steps.size(); ++i) {
+        ++lookups_;
+        const Compiled::Step &step = c.steps[i];
+        const bool last = i + 1 == c.steps.size();
+        grandparent = parent;
+        parent = node;
+        if (step.list != nullptr)
+            node = list_entry_for(node, &step, step.names_key ? value : nullptr);
+        else if (last && list_entry != 0)
+            node = answer_.add(node, step.name); // an unbound list: a new entry
+        else
+            node = answer_.find_or_add(node, step.name);
+        if (!last && writing)
+            rewrite(InAnswer{answer_, node});
+    }
+    if (value != nullptr) {
+        // A new value of an entry's key: the list's index is told.
+        const Compiled::Step *list = c.steps.size() > 1 ? &c.steps[c.steps.size() - 2] : nullptr;
+        const char *old = answer_.value(node);
+        if (list != nullptr && list->list != nullptr && list->names_key &&
+            grandparent != Answer::none && (old == nullptr || std::strcmp(old, value) != 0))
+            answer_.forget_list(grandparent, answer_.tag(parent));
+        answer_.set_value(node, value);
+    }
+    take_operation(InAnswer{answer_, node}, op_node, holder);
+    return YFW_OK;
+}
+
+// The key that the innermost node of the hierarchy anchoring the list gives
+// it, into key_.
+bool Request::anchored_key(const schema::ListBinding &binding)
+{
+    for (auto it = hierarchy_.rbegin(); it != hierarchy_.rend(); ++it) {
+        const vidl_yfw_datatree *n = it->node;
+        for (const schema::Anchor &a : binding.anchors) {
+            ++lookups_;
+            if (n->tag == nullptr || n->tag[0] != a.tag[0] || std::strcmp(n->tag, a.tag) != 0 ||
+                !ns_match(a.ns, n->ns))
+                continue;
+            const char *v = value_at(n, a.key_path);
+            if (v == nullptr && tree_child_count(n) == 0)
+                v = parked_value(a.key_path); // an entry walked by its schema
+            if (v == nullptr)
+                break;
+            key_.assign(a.prefix).append(v);
+            return true;
+        }
+    }
+    return false;
 }
 
 // The instance of a bound list under `parent` that the walk stands in.  The
@@ -376,51 +481,23 @@ verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *
 // no anchor, a key named by the added path itself does.  Entries are merged
 // by key, so native data from several sources about one interface lands in
 // one entry.  Without any key the last entry is used, or a first one made.
-vidl_yfw_datatree *Request::list_entry_for(Store &store, vidl_yfw_datatree *parent,
-                                           std::string_view tag, const char *ns,
-                                           const schema::ListBinding &binding,
-                                           const char *named_key)
+Answer::Id Request::list_entry_for(Answer::Id parent, const void *at, const char *named_key)
 {
-    bool keyed = false;
-    for (auto it = hierarchy_.rbegin(); it != hierarchy_.rend() && !keyed; ++it) {
-        const vidl_yfw_datatree *n = it->node;
-        for (const schema::Anchor &a : binding.anchors) {
-            ++lookups_;
-            if (n->tag == nullptr || std::strcmp(n->tag, a.tag) != 0 || !ns_match(a.ns, n->ns))
-                continue;
-            const char *v = value_at(n, a.key_path);
-            if (v == nullptr && tree_child_count(n) == 0)
-                v = parked_value(a.key_path); // an entry walked by its schema
-            if (v != nullptr) {
-                key_.assign(a.prefix).append(v);
-                keyed = true;
-            }
-            break;
-        }
-    }
+    const auto &step = *static_cast<const Compiled::Step *>(at);
+    bool keyed = anchored_key(*step.list);
     if (!keyed && named_key != nullptr) {
         key_.assign(named_key);
         keyed = true;
     }
-    const auto count = static_cast<uint32_t>(tree_child_count(parent));
-    const char *entry_tag = store.interned(tag);
-    const char *key_tag = store.interned(binding.key);
-    vidl_yfw_datatree *entry =
-        keyed ? store.first_entry(parent->subtrees, count, entry_tag, key_tag, key_)
-              : store.last_entry(parent->subtrees, count, entry_tag, key_tag);
-    if (entry != nullptr)
+    Answer::Id entry = keyed ? answer_.first_entry(parent, step.name, step.key->tag, key_)
+                             : answer_.last_entry(parent, step.name, step.key->tag);
+    if (entry != Answer::none)
         return entry;
-    entry = add_child(store, parent, tag, ns);
-    if (binding.fixed_key != nullptr) {
-        vidl_yfw_datatree *fixed = add_child(store, entry, binding.fixed_key, binding.key_ns);
-        fixed->value = store.copy(binding.fixed_value);
-        fixed->present |= YFW_PRESENT_VALUE;
-    }
-    if (keyed) {
-        vidl_yfw_datatree *key = add_child(store, entry, binding.key, binding.key_ns);
-        key->value = store.copy(key_);
-        key->present |= YFW_PRESENT_VALUE;
-    }
+    entry = answer_.add(parent, step.name);
+    if (step.fixed != nullptr)
+        answer_.set_value(answer_.add(entry, step.fixed), step.list->fixed_value);
+    if (keyed)
+        answer_.set_value(answer_.add(entry, step.key), key_);
     return entry;
 }
 

@@ -14,7 +14,7 @@ constexpr std::size_t node_size = sizeof(vidl_yfw_datatree);
 // Arrays this large get a block of their own, given back to the system when
 // they grow, rather than a place in the arena.
 constexpr std::size_t big_array_bytes = 32 * 1024;
-constexpr std::size_t largest_chunk = 1 << 20;
+constexpr std::size_t largest_chunk = huge_block;
 
 // Array sizes grow by half: 1, 2, 3, 4, 6, 8, 12, 16, 24, ...  Class k has
 // room for class_room(k) nodes.
@@ -34,24 +34,17 @@ uint32_t class_of(uint32_t count)
     return k;
 }
 
-void *checked(void *p)
-{
-    if (p == nullptr)
-        throw std::bad_alloc();
-    return p;
-}
-
 } // namespace
 
 Store::~Store()
 {
     for (Chunk *c = chunks_; c != nullptr;) {
         Chunk *next = c->next;
-        std::free(c);
+        block_free(c, c->size);
         c = next;
     }
-    for (void *p : big_arrays_)
-        std::free(p);
+    for (auto [p, size] : big_arrays_)
+        block_free(p, size);
 }
 
 void *Store::raw(std::size_t bytes, std::size_t align)
@@ -60,8 +53,9 @@ void *Store::raw(std::size_t bytes, std::size_t align)
     if (free_ == nullptr || pad + bytes > left_) {
         std::size_t size = std::max(next_chunk_, bytes + sizeof(Chunk) + align);
         next_chunk_ = std::min(next_chunk_ * 2, largest_chunk);
-        auto *chunk = static_cast<Chunk *>(checked(std::malloc(size)));
+        auto *chunk = static_cast<Chunk *>(block_new(size));
         chunk->next = chunks_;
+        chunk->size = size;
         chunks_ = chunk;
         free_ = reinterpret_cast<char *>(chunk + 1);
         left_ = size - sizeof(Chunk);
@@ -73,19 +67,46 @@ void *Store::raw(std::size_t bytes, std::size_t align)
     return p;
 }
 
+const char *Store::recent(std::string_view s) const
+{
+    const Recent &r = recent_[(reinterpret_cast<std::uintptr_t>(s.data()) >> 3) % recent_.size()];
+    if (r.from != s.data() || r.size != s.size() || r.copy == nullptr)
+        return nullptr;
+    if (r.copy == s.data() || std::memcmp(r.copy, s.data(), s.size()) == 0)
+        return r.copy;
+    return nullptr;
+}
+
+void Store::remember(std::string_view s, const char *copy) const
+{
+    recent_[(reinterpret_cast<std::uintptr_t>(s.data()) >> 3) % recent_.size()] =
+        Recent{s.data(), s.size(), copy};
+}
+
 char *Store::intern(std::string_view s)
 {
-    if (auto it = strings_.find(s); it != strings_.end())
-        return const_cast<char *>(it->data());
-    char *p = copy(s);
-    strings_.insert(std::string_view(p, s.size()));
-    return p;
+    const char *known = recent(s);
+    if (known == nullptr) {
+        known = strings_.find(s);
+        if (known == nullptr) {
+            char *p = copy(s);
+            strings_.insert(s, p);
+            known = p;
+        }
+        remember(s, known);
+    }
+    return const_cast<char *>(known);
 }
 
 const char *Store::interned(std::string_view s) const
 {
-    auto it = strings_.find(s);
-    return it != strings_.end() ? it->data() : nullptr;
+    const char *known = recent(s);
+    if (known == nullptr) {
+        known = strings_.find(s);
+        if (known != nullptr)
+            remember(s, known);
+    }
+    return known;
 }
 
 char *Store::copy(std::string_view s)
@@ -102,8 +123,8 @@ vidl_yfw_datatree *Store::nodes(uint32_t count, uint32_t &capacity)
     capacity = class_room(k);
     std::size_t bytes = std::size_t{capacity} * node_size;
     if (bytes >= big_array_bytes) {
-        void *p = checked(std::malloc(bytes));
-        big_arrays_.insert(p);
+        void *p = block_new(bytes);
+        big_arrays_.emplace(p, bytes);
         return static_cast<vidl_yfw_datatree *>(p);
     }
     if (k < free_arrays_.size() && free_arrays_[k] != nullptr) {
@@ -118,8 +139,8 @@ vidl_yfw_datatree *Store::exact_nodes(uint32_t count)
 {
     std::size_t bytes = std::size_t{count} * node_size;
     if (bytes >= big_array_bytes) {
-        void *p = checked(std::malloc(bytes));
-        big_arrays_.insert(p);
+        void *p = block_new(bytes);
+        big_arrays_.emplace(p, bytes);
         return static_cast<vidl_yfw_datatree *>(p);
     }
     return static_cast<vidl_yfw_datatree *>(raw(bytes, alignof(vidl_yfw_datatree)));
@@ -130,8 +151,8 @@ void Store::release(vidl_yfw_datatree *array, uint32_t capacity)
     if (array == nullptr || capacity == 0)
         return;
     if (auto it = big_arrays_.find(array); it != big_arrays_.end()) {
+        block_free(it->first, it->second);
         big_arrays_.erase(it);
-        std::free(array);
         return;
     }
     uint32_t k = class_of(capacity);
@@ -145,6 +166,8 @@ void Store::release(vidl_yfw_datatree *array, uint32_t capacity)
 
 void Store::moved(const vidl_yfw_datatree *from, const vidl_yfw_datatree *to)
 {
+    if (indexes_.empty())
+        return;
     auto node = indexes_.extract(from);
     if (node.empty())
         return;
@@ -200,67 +223,6 @@ vidl_yfw_datatree *Store::first_child(vidl_yfw_datatree *array, uint32_t count, 
     ArrayIndex &index = index_of(array, count);
     auto it = index.by_tag.find(tag);
     return it != index.by_tag.end() ? &array[it->second.front().first] : nullptr;
-}
-
-Store::ListIndex &Store::list_index(vidl_yfw_datatree *array, uint32_t count, const char *tag,
-                                    const char *key)
-{
-    ArrayIndex &index = indexes_[array];
-    auto it = std::find_if(index.lists.begin(), index.lists.end(),
-                           [&](const ListIndex &l) { return l.tag == tag && l.key == key; });
-    if (it == index.lists.end()) {
-        index.lists.push_back(ListIndex{tag, key, {}, UINT32_MAX, 0});
-        it = std::prev(index.lists.end());
-    }
-    ListIndex &list = *it;
-    for (; list.seen < count; ++list.seen) {
-        ++steps_;
-        vidl_yfw_datatree &entry = array[list.seen];
-        if (entry.tag != tag)
-            continue;
-        list.last = list.seen;
-        if (key == nullptr)
-            continue; // no node of this tree bears the key's tag yet
-        // The entry's first child of the key's tag names it, if it has a value.
-        std::size_t n = tree_child_count(&entry);
-        for (std::size_t i = 0; i < n; ++i) {
-            const vidl_yfw_datatree &c = entry.subtrees[i];
-            if (c.tag != key)
-                continue;
-            if ((c.present & YFW_PRESENT_VALUE) != 0 && c.value != nullptr)
-                list.first.emplace(std::string_view(c.value), list.seen);
-            break;
-        }
-    }
-    return list;
-}
-
-vidl_yfw_datatree *Store::first_entry(vidl_yfw_datatree *array, uint32_t count, const char *tag,
-                                      const char *key, std::string_view value)
-{
-    if (tag == nullptr || key == nullptr || array == nullptr)
-        return nullptr;
-    ListIndex &list = list_index(array, count, tag, key);
-    ++steps_;
-    auto it = list.first.find(value);
-    return it != list.first.end() ? &array[it->second] : nullptr;
-}
-
-vidl_yfw_datatree *Store::last_entry(vidl_yfw_datatree *array, uint32_t count, const char *tag,
-                                     const char *key)
-{
-    if (tag == nullptr || array == nullptr)
-        return nullptr;
-    ListIndex &list = list_index(array, count, tag, key);
-    return list.last != UINT32_MAX ? &array[list.last] : nullptr;
-}
-
-void Store::forget_list(const vidl_yfw_datatree *array, const char *tag)
-{
-    auto it = indexes_.find(array);
-    if (it == indexes_.end())
-        return;
-    std::erase_if(it->second.lists, [&](const ListIndex &l) { return l.tag == tag; });
 }
 
 } // namespace yfwhost

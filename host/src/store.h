@@ -4,19 +4,20 @@
 // carved out of an arena and all go at once when the tree does; each tag and
 // namespace is held once and shared by every node that bears it, so that two
 // tags of one tree are equal exactly when their pointers are; and a node
-// with many children gets indexes beside it, so that a child is found by tag,
-// and a list entry by key, without a scan of its siblings.
+// with many children gets an index beside it, so that a child is found by
+// tag without a scan of its siblings.
 //
 // Indexes are keyed by the address of the child array they describe, as the
 // node records themselves move when the array around them grows.  They are
 // built the first time they are asked for and catch up with children
 // appended since, so appending a child costs nothing; the host re-keys them
-// when it moves an array (moved()) and drops a list index whose keys it
-// changes (forget_list()).
+// when it moves an array (moved()).
 #pragma once
 
+#include "memory.h"
 #include "octunnel/yfw_types.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -60,17 +61,6 @@ public:
     // The first of them with tag `tag`, whatever its namespace.
     vidl_yfw_datatree *first_child(vidl_yfw_datatree *array, uint32_t count, const char *tag);
 
-    // Entries of a list among the `count` children in `array`: those tagged
-    // `tag`, by the value of their child `key` (interned pointers of this
-    // store).  first_entry() is the first entry with that key value, or
-    // null; last_entry() the last entry of the list, or null.
-    vidl_yfw_datatree *first_entry(vidl_yfw_datatree *array, uint32_t count, const char *tag,
-                                   const char *key, std::string_view value);
-    vidl_yfw_datatree *last_entry(vidl_yfw_datatree *array, uint32_t count, const char *tag,
-                                  const char *key);
-    // The key of an entry in `array` changed: its list index is rebuilt.
-    void forget_list(const vidl_yfw_datatree *array, const char *tag);
-
     // Work done by the indexes and scans, for tests that hold the cost of a
     // lookup to what it must be.
     std::size_t steps() const { return steps_; }
@@ -82,34 +72,36 @@ private:
         const char *ns;
         uint32_t first;
     };
-    struct ListIndex {
-        const char *tag;
-        const char *key;
-        std::unordered_map<std::string_view, uint32_t> first;
-        uint32_t last = UINT32_MAX;
-        uint32_t seen = 0; // children [0, seen) are in the index
-    };
     struct ArrayIndex {
         std::unordered_map<const char *, std::vector<ByTag>> by_tag;
-        uint32_t seen = 0;
-        std::vector<ListIndex> lists;
+        uint32_t seen = 0; // children [0, seen) are in the index
     };
 
     void *raw(std::size_t bytes, std::size_t align);
     ArrayIndex &index_of(vidl_yfw_datatree *array, uint32_t count);
-    ListIndex &list_index(vidl_yfw_datatree *array, uint32_t count, const char *tag,
-                          const char *key);
 
     struct Chunk {
         Chunk *next;
+        std::size_t size;
     };
     Chunk *chunks_ = nullptr;
     char *free_ = nullptr;
     std::size_t left_ = 0;
     std::size_t next_chunk_ = 4096;
-    std::vector<void *> free_arrays_;       // by size class: a list linked through the arrays
-    std::unordered_set<void *> big_arrays_; // arrays of their own, from malloc
-    std::unordered_set<std::string_view> strings_;
+    std::vector<void *> free_arrays_; // by size class: a list linked through the arrays
+    std::unordered_map<void *, std::size_t> big_arrays_; // arrays of their own, by size
+    StringPool strings_;
+    // The copy found last for a few addresses: a string asked for again at
+    // the same address (a constant of the module, a copy of this store) is
+    // found without hashing, once its text is seen to be the same.
+    struct Recent {
+        const char *from = nullptr;
+        std::size_t size = 0;
+        const char *copy = nullptr;
+    };
+    mutable std::array<Recent, 64> recent_{};
+    const char *recent(std::string_view s) const;
+    void remember(std::string_view s, const char *copy) const;
     std::unordered_map<const vidl_yfw_datatree *, ArrayIndex> indexes_;
     std::size_t steps_ = 0;
 };

@@ -13,20 +13,34 @@ namespace {
 
 constexpr const char *TUN = NS_OC_IF_TUNNEL;
 
-std::string xml(const vidl_yfw_datatree &n, int depth = 0)
+// The answer of a request as an indented outline: tag [if], =value, opN.
+std::string outline(const yfwhost::Answer &a, yfwhost::Answer::Id n = yfwhost::Answer::root,
+                    int depth = 0)
 {
     std::string s(depth * 2, ' ');
-    s += n.tag;
-    if (n.ns != nullptr && depth > 0 && std::string_view(n.ns) == NS_OC_INTERFACES)
+    s += a.tag(n);
+    if (depth > 0 && std::string_view(a.ns(n)) == NS_OC_INTERFACES)
         s += " [if]";
-    if (n.present & YFW_PRESENT_VALUE)
-        s += std::string("=") + n.value;
-    if (n.present & YFW_PRESENT_OP)
-        s += " op" + std::to_string(n.op);
+    if (a.value(n) != nullptr)
+        s += std::string("=") + a.value(n);
+    if (a.has_op(n))
+        s += " op" + std::to_string(a.op(n));
     s += "\n";
-    for (std::size_t i = 0; i < yfwhost::tree_child_count(&n); ++i)
-        s += xml(n.subtrees[i], depth + 1);
+    for (auto c = a.first_child(n); c != yfwhost::Answer::none; c = a.next_sibling(c))
+        s += outline(a, c, depth + 1);
     return s;
+}
+
+// The node at `path`, child indexes from the root.
+yfwhost::Answer::Id at(const yfwhost::Answer &a, std::initializer_list<int> path)
+{
+    yfwhost::Answer::Id n = yfwhost::Answer::root;
+    for (int i : path) {
+        n = a.first_child(n);
+        while (i-- > 0)
+            n = a.next_sibling(n);
+    }
+    return n;
 }
 
 verrno add(yfwhost::Request &r, const char *path, const char *value = nullptr,
@@ -46,26 +60,24 @@ TEST(AddPath, CreatesMergesCopiesAndTakesOwnersNamespaces)
     ASSERT_EQ(add(r, "/oc-if:interfaces/oc-if:interface/tunnel/state/gre-key", "7", deleted.get()),
               YFW_OK);
     ASSERT_EQ(add(r, "/interfaces/interface/tunnel/state/ttl", "65"), YFW_OK);
-    EXPECT_EQ(xml(*r.out()), "data\n"
-                             "  interfaces [if]\n"
-                             "    interface [if]\n"
-                             "      tunnel\n"
-                             "        state\n"
-                             "          ttl=65\n"
-                             "          gre-key=7 op3\n");
-    const auto &tunnel = r.out()->subtrees[0].subtrees[0].subtrees[0];
-    EXPECT_STREQ(tunnel.ns, TUN);
+    EXPECT_EQ(outline(r.answer()), "data\n"
+                                   "  interfaces [if]\n"
+                                   "    interface [if]\n"
+                                   "      tunnel\n"
+                                   "        state\n"
+                                   "          ttl=65\n"
+                                   "          gre-key=7 op3\n");
+    EXPECT_STREQ(r.answer().ns(at(r.answer(), {0, 0, 0})), TUN); // tunnel
 
     // Native paths: the interface-configuration frame belongs to ifmgr-cfg.
     ASSERT_EQ(yfw_map_datatree_add_path_flagged(
                   r.ctx(), r.out(), "/interface-configurations/interface-configuration/tunnel-ip",
                   NS_VALMORA_TUNNEL_GRE_CFG, nullptr, nullptr, nullptr, 0, 1),
               YFW_OK);
-    const auto &cfgs = r.out()->subtrees[1];
-    EXPECT_STREQ(cfgs.ns, NS_VALMORA_IFMGR_CFG);
-    EXPECT_STREQ(cfgs.subtrees[0].ns, NS_VALMORA_IFMGR_CFG);
-    EXPECT_STREQ(yfwhost::tree_child(&cfgs.subtrees[0], "tunnel-ip")->ns,
-                 NS_VALMORA_TUNNEL_GRE_CFG);
+    EXPECT_STREQ(r.answer().ns(at(r.answer(), {1})), NS_VALMORA_IFMGR_CFG);
+    EXPECT_STREQ(r.answer().ns(at(r.answer(), {1, 0})), NS_VALMORA_IFMGR_CFG);
+    EXPECT_STREQ(r.answer().ns(at(r.answer(), {1, 0, 1})), NS_VALMORA_TUNNEL_GRE_CFG)
+        << "tunnel-ip, after the fixed key";
 }
 
 // Operations from request nodes: a write after a removal is a replace, a
@@ -86,7 +98,7 @@ TEST(AddPath, RepeatedAddsSettleOnOneOperation)
     yfwhost::tree_set_op(req.get(), YFW_OP_REMOVE);
     add(r, "/c/d", nullptr, req.get()); // a removal keeps the delete
     add(r, "/c/d");                     // a plain step changes nothing
-    EXPECT_EQ(xml(*r.out()), "data\n  c\n    t op1\n      ttl=5 op1\n    x op0\n    d op3\n");
+    EXPECT_EQ(outline(r.answer()), "data\n  c\n    t op1\n      ttl=5 op1\n    x op0\n    d op3\n");
 }
 
 TEST(AddPath, UnboundListEntryIsAlwaysANewInstance)
@@ -95,7 +107,7 @@ TEST(AddPath, UnboundListEntryIsAlwaysANewInstance)
     ASSERT_EQ(add(r, "/a/entry", nullptr, nullptr, 1), YFW_OK);
     ASSERT_EQ(add(r, "/a/entry", nullptr, nullptr, 1), YFW_OK);
     ASSERT_EQ(add(r, "/a/entry/leaf", "v"), YFW_OK);
-    EXPECT_EQ(xml(*r.out()), "data\n  a\n    entry\n      leaf=v\n    entry\n");
+    EXPECT_EQ(outline(r.answer()), "data\n  a\n    entry\n      leaf=v\n    entry\n");
 }
 
 TEST(AddPath, RelativePathBelowARequestNodeHandsTheNodeBack)
@@ -147,33 +159,33 @@ TEST(AddPath, ListInstancesFollowTheNativeHierarchy)
     add(r, "/interfaces/interface/tunnel/config/ttl", "12");
     yfw_map_remove_from_node_hierarchy(r.ctx(), cfg.get());
 
-    EXPECT_EQ(xml(*r.out()), "data\n"
-                             "  interfaces [if]\n"
-                             "    interface [if]\n"
-                             "      name [if]=tunnel-ip12\n"
-                             "      tunnel\n"
-                             "        ipv6\n"
-                             "          addresses\n"
-                             "            address\n"
-                             "              ip=2001:db8::1\n"
-                             "              config\n"
-                             "                prefix-length=64\n"
-                             "            address\n"
-                             "              ip=2001:db8::2\n"
-                             "              config\n"
-                             "                prefix-length=128\n"
-                             "        config\n"
-                             "          ttl=12\n"
-                             "    interface [if]\n"
-                             "      name [if]=tunnel-ip7\n"
-                             "      tunnel\n"
-                             "        state\n"
-                             "          ttl=9\n"
-                             "    interface [if]\n"
-                             "      name [if]=tunnel-ip3\n"
-                             "      tunnel\n"
-                             "        config\n"
-                             "          ttl=3\n");
+    EXPECT_EQ(outline(r.answer()), "data\n"
+                                   "  interfaces [if]\n"
+                                   "    interface [if]\n"
+                                   "      name [if]=tunnel-ip12\n"
+                                   "      tunnel\n"
+                                   "        ipv6\n"
+                                   "          addresses\n"
+                                   "            address\n"
+                                   "              ip=2001:db8::1\n"
+                                   "              config\n"
+                                   "                prefix-length=64\n"
+                                   "            address\n"
+                                   "              ip=2001:db8::2\n"
+                                   "              config\n"
+                                   "                prefix-length=128\n"
+                                   "        config\n"
+                                   "          ttl=12\n"
+                                   "    interface [if]\n"
+                                   "      name [if]=tunnel-ip7\n"
+                                   "      tunnel\n"
+                                   "        state\n"
+                                   "          ttl=9\n"
+                                   "    interface [if]\n"
+                                   "      name [if]=tunnel-ip3\n"
+                                   "      tunnel\n"
+                                   "        config\n"
+                                   "          ttl=3\n");
 }
 
 TEST(AddPath, WithoutAnAnchorTheKeyComesFromThePathOrTheLastEntry)
@@ -184,18 +196,18 @@ TEST(AddPath, WithoutAnAnchorTheKeyComesFromThePathOrTheLastEntry)
     add(r, (std::string(A) + "/config/ip").c_str(), "10.0.0.1");
     add(r, (std::string(A) + "/ip").c_str(), "10.0.0.2");
     add(r, (std::string(A) + "/ip").c_str(), "10.0.0.1");
-    EXPECT_EQ(xml(*r.out()), "data\n"
-                             "  interfaces [if]\n"
-                             "    interface [if]\n"
-                             "      tunnel\n"
-                             "        ipv4\n"
-                             "          addresses\n"
-                             "            address\n"
-                             "              ip=10.0.0.1\n"
-                             "              config\n"
-                             "                ip=10.0.0.1\n"
-                             "            address\n"
-                             "              ip=10.0.0.2\n");
+    EXPECT_EQ(outline(r.answer()), "data\n"
+                                   "  interfaces [if]\n"
+                                   "    interface [if]\n"
+                                   "      tunnel\n"
+                                   "        ipv4\n"
+                                   "          addresses\n"
+                                   "            address\n"
+                                   "              ip=10.0.0.1\n"
+                                   "              config\n"
+                                   "                ip=10.0.0.1\n"
+                                   "            address\n"
+                                   "              ip=10.0.0.2\n");
 }
 
 TEST(Matching, StringsAndNamespacesWithTheirYangSuffix)

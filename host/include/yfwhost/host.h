@@ -21,7 +21,9 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace yfwhost {
@@ -98,6 +100,105 @@ private:
     std::size_t depth_ = 0;
 };
 
+// ---------------------------------------------------------------- answers
+//
+// The tree a request builds: the native request of an OpenConfig request,
+// or the OpenConfig answer to native data.  The module sees only its root
+// record (Request::out()) and adds paths to it; the host keeps the nodes
+// here, less than half the size of a data tree node.  A node is named by its
+// index and never moves; its children are a chain in the order they came,
+// and a child among many, or a list entry by its key, is found through an
+// index built the first time it is asked for.
+
+class Answer {
+public:
+    using Id = uint32_t;
+    static constexpr Id none = UINT32_MAX;
+    static constexpr Id root = 0;
+
+    Answer(std::string_view tag, std::string_view ns);
+    ~Answer();
+    Answer(const Answer &) = delete;
+    Answer &operator=(const Answer &) = delete;
+
+    const char *tag(Id id) const { return node(id).name->tag; }
+    const char *ns(Id id) const { return node(id).name->ns; }
+    // Null for a node without a value.
+    const char *value(Id id) const { return node(id).value; }
+    bool has_op(Id id) const { return (flags_[id] & has_op_flag) != 0; }
+    uint32_t op(Id id) const { return node(id).op; }
+    Id first_child(Id id) const { return node(id).first; }
+    Id next_sibling(Id id) const { return node(id).next; }
+    std::size_t size() const { return flags_.size(); }
+
+    // ---- building, for the host's add-path
+
+    // A tag and namespace as nodes of this tree bear them (each held once):
+    // what adds and lookups are given.
+    struct Name {
+        const char *tag;
+        const char *ns;
+        uint32_t index; // names are numbered from 0 as they come
+    };
+    const Name *name(std::string_view tag, std::string_view ns);
+    const Name &name_of(Id id) const { return *node(id).name; }
+    // A new last child of `parent`.
+    Id add(Id parent, const Name *name);
+    // The first child of `parent` with the tag of `name` and a namespace the
+    // framework matches with its namespace, or a new one.
+    Id find_or_add(Id parent, const Name *name);
+    void set_value(Id id, std::string_view value);
+    void set_op(Id id, uint32_t op);
+    // Entries of a list among the children of `parent`: those with the tag
+    // of `entry`, by the value of their first child tagged `key` (the tag of
+    // a Name).  first_entry() is the first entry with that key value,
+    // last_entry() the last entry of the list; none when there is none.
+    Id first_entry(Id parent, const Name *entry, const char *key, std::string_view value);
+    Id last_entry(Id parent, const Name *entry, const char *key);
+    // The key of an entry among the children of `parent` changed.
+    void forget_list(Id parent, const char *tag);
+
+    // Children and index entries looked at so far.
+    std::size_t steps() const { return steps_; }
+
+private:
+    struct Node {
+        const Name *name;
+        const char *value;
+        Id first, next, last; // first child, next sibling, last child
+        uint32_t op;
+    };
+    static constexpr uint8_t has_op_flag = 1;
+    static constexpr uint8_t indexed_flag = 2;      // children by tag
+    static constexpr uint8_t list_indexed_flag = 4; // list entries by key
+    // Nodes live in blocks that never move: a first small one, then blocks
+    // of a huge page each.
+    static constexpr Id first_block = 1u << 12;
+    static constexpr unsigned block_bits = 16;
+
+    const Node &node(Id id) const
+    {
+        if (id < first_block)
+            return blocks_[0][id];
+        id -= first_block;
+        return blocks_[1 + (id >> block_bits)][id & ((1u << block_bits) - 1)];
+    }
+    Node &node(Id id) { return const_cast<Node &>(std::as_const(*this).node(id)); }
+    Id child(Id parent, const Name *name);
+    struct ListIndex;
+    ListIndex &list(Id parent, const char *tag, const char *key);
+    const char *key_of(Id entry, const char *key) const;
+
+    std::unique_ptr<Store> strings_;
+    std::vector<Node *> blocks_;
+    std::vector<uint8_t> flags_;
+    struct Names;
+    std::unique_ptr<Names> names_;
+    struct Indexes;
+    std::unique_ptr<Indexes> indexes_;
+    std::size_t steps_ = 0;
+};
+
 // ---------------------------------------------------------------- requests
 
 struct Emission {
@@ -123,7 +224,10 @@ public:
     yfw_map_ctx ctx() { return &ctx_; }
     yfw_map_request &header() { return header_; }
     yfw_map_state &state() { return state_; }
+    // The root record of the tree the module adds to; what it adds is kept
+    // in answer().
     vidl_yfw_datatree *out() { return out_.get(); }
+    const Answer &answer() const { return answer_; }
 
     // Request trees the module walks; their operations are inherited by
     // yfw_map_is_request_add.
@@ -213,15 +317,32 @@ private:
     const vidl_yfw_datatree *op_holder(const vidl_yfw_datatree *node) const;
     void emit(vidl_yfw_datatree *tree, const char *path, const char *ns, const char *value,
               const vidl_yfw_datatree *op_node, uint32_t list_entry, uint32_t path_flag);
-    vidl_yfw_datatree *list_entry_for(Store &store, vidl_yfw_datatree *parent, std::string_view tag,
-                                      const char *ns, const schema::ListBinding &binding,
-                                      const char *named_key);
+    struct Compiled;
+    const Compiled &compile(const char *path, const char *ns);
+    verrno add_to_answer(const char *path, const char *ns, const char *value,
+                         const vidl_yfw_datatree *op_node, uint32_t list_entry);
+    bool anchored_key(const schema::ListBinding &binding);
+    Answer::Id list_entry_for(Answer::Id parent, const void *step, const char *named_key);
 
     yfw_map_ctx_s ctx_{};
     yfw_map_state state_{};
     yfw_map_request header_{};
     Tree out_;
-    Store *out_store_;
+    Answer answer_;
+    // Added paths as the answer takes them, step by step, for each path and
+    // namespace the module passes (its constants: a few hundred).
+    struct PathKey {
+        const char *path;
+        const char *ns;
+        bool operator==(const PathKey &) const = default;
+    };
+    struct PathKeyHash {
+        std::size_t operator()(const PathKey &k) const
+        {
+            return std::hash<const void *>()(k.path) * 31 + std::hash<const void *>()(k.ns);
+        }
+    };
+    std::unordered_map<PathKey, std::unique_ptr<Compiled>, PathKeyHash> compiled_;
     LogSink log_;
     Ring ring_;
     std::unordered_set<const vidl_yfw_datatree *> inputs_;

@@ -1,0 +1,109 @@
+#include "memory.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <sys/mman.h>
+
+namespace yfwhost {
+
+void *block_new(std::size_t bytes)
+{
+    if (bytes < huge_block) {
+        void *p = std::malloc(bytes);
+        if (p == nullptr)
+            throw std::bad_alloc();
+        return p;
+    }
+    // Aligned to the huge page: map one more than asked for and give back
+    // what sticks out on either side.
+    std::size_t span = bytes + huge_block;
+    void *raw = mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (raw == MAP_FAILED)
+        throw std::bad_alloc();
+    auto start = reinterpret_cast<std::uintptr_t>(raw);
+    std::uintptr_t aligned = (start + huge_block - 1) & ~(huge_block - 1);
+    if (aligned > start)
+        munmap(raw, aligned - start);
+    std::uintptr_t end = aligned + bytes;
+    std::uintptr_t span_end = start + span;
+    if (span_end > end)
+        munmap(reinterpret_cast<void *>(end), span_end - end);
+    madvise(reinterpret_cast<void *>(aligned), bytes, MADV_HUGEPAGE);
+    return reinterpret_cast<void *>(aligned);
+}
+
+void block_free(void *block, std::size_t bytes)
+{
+    if (block == nullptr)
+        return;
+    if (bytes < huge_block)
+        std::free(block);
+    else
+        munmap(block, bytes);
+}
+
+// Eight bytes at a time: namespaces are long and alike but for their ends.
+uint32_t StringPool::hash(std::string_view s)
+{
+    constexpr uint64_t k = 0x9E3779B97F4A7C15ull;
+    uint64_t h = s.size() * k;
+    std::size_t i = 0;
+    for (; i + 8 <= s.size(); i += 8) {
+        uint64_t word;
+        std::memcpy(&word, s.data() + i, 8);
+        h = (h ^ word) * k;
+        h ^= h >> 29;
+    }
+    uint64_t tail = 0;
+    std::memcpy(&tail, s.data() + i, s.size() - i);
+    h = (h ^ tail) * k;
+    h ^= h >> 32;
+    return static_cast<uint32_t>(h);
+}
+
+const char *StringPool::find(std::string_view s) const
+{
+    if (slots_.empty())
+        return nullptr;
+    const uint32_t h = hash(s);
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t i = h & mask;; i = (i + 1) & mask) {
+        const Slot &slot = slots_[i];
+        if (slot.text == nullptr)
+            return nullptr;
+        if (slot.hash == h && slot.size == s.size() &&
+            std::memcmp(slot.text, s.data(), s.size()) == 0)
+            return slot.text;
+    }
+}
+
+void StringPool::insert(std::string_view s, const char *copy)
+{
+    if ((used_ + 1) * 4 > slots_.size() * 3)
+        grow();
+    const uint32_t h = hash(s);
+    const std::size_t mask = slots_.size() - 1;
+    std::size_t i = h & mask;
+    while (slots_[i].text != nullptr)
+        i = (i + 1) & mask;
+    slots_[i] = Slot{copy, static_cast<uint32_t>(s.size()), h};
+    ++used_;
+}
+
+void StringPool::grow()
+{
+    std::vector<Slot> old = std::move(slots_);
+    slots_.assign(old.empty() ? 16 : old.size() * 2, Slot{});
+    const std::size_t mask = slots_.size() - 1;
+    for (const Slot &slot : old) {
+        if (slot.text == nullptr)
+            continue;
+        std::size_t i = slot.hash & mask;
+        while (slots_[i].text != nullptr)
+            i = (i + 1) & mask;
+        slots_[i] = slot;
+    }
+}
+
+} // namespace yfwhost

@@ -1,0 +1,44 @@
+// Large blocks of memory for trees, and the one copy of each string a tree
+// holds.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+namespace yfwhost {
+
+// A block for a tree's nodes or arena.  Blocks of 2 MiB and more are
+// mapped on their own and asked to be backed by huge pages, so a tree of a
+// router's size is faulted in a few large pages rather than thousands of
+// small ones; smaller ones come from malloc.  Throws std::bad_alloc.
+void *block_new(std::size_t bytes);
+void block_free(void *block, std::size_t bytes);
+// The size above which blocks are huge-page sized.
+inline constexpr std::size_t huge_block = std::size_t{2} << 20;
+
+// The strings of one tree, each held once: a table with open addressing
+// over the copies, which live in the caller's arena.
+class StringPool {
+public:
+    // The copy of `s`, or null.
+    const char *find(std::string_view s) const;
+    // Records `copy` (a NUL-terminated copy of `s` made by the caller) as
+    // the copy of `s`, which must not be in the pool yet.
+    void insert(std::string_view s, const char *copy);
+
+private:
+    struct Slot {
+        const char *text = nullptr;
+        uint32_t size = 0;
+        uint32_t hash = 0;
+    };
+    static uint32_t hash(std::string_view s);
+    void grow();
+
+    std::vector<Slot> slots_;
+    std::size_t used_ = 0;
+};
+
+} // namespace yfwhost
