@@ -29,9 +29,14 @@ struct Answer::Names {
 struct Answer::ListIndex {
     const char *tag;
     const char *key;
-    std::unordered_map<std::string_view, Id> first;
+    TextIndex first; // by key value, the first entry
     Id last = none;
     Id seen = none; // the last child looked at
+    // The entry found last: the paths of one instance come one after the
+    // other, and this spares the table, which a large list keeps in memory
+    // far from the cache.
+    std::string_view hit_key;
+    Id hit = none;
 };
 
 struct Answer::Indexes {
@@ -137,7 +142,9 @@ Answer::Id Answer::find_or_add(Id parent, const Name *name)
 
 void Answer::set_value(Id id, std::string_view value)
 {
-    node(id).value = strings_->copy(value);
+    Node &n = node(id);
+    if (n.value == nullptr || value != n.value) // a value added again is not copied again
+        n.value = strings_->copy(value);
 }
 
 void Answer::set_op(Id id, uint32_t op)
@@ -152,7 +159,7 @@ Answer::ListIndex &Answer::list(Id parent, const char *tag, const char *key)
     auto it = std::find_if(lists.begin(), lists.end(),
                            [&](const ListIndex &l) { return l.tag == tag && l.key == key; });
     if (it == lists.end()) {
-        lists.push_back(ListIndex{tag, key, {}, none, none});
+        lists.push_back(ListIndex{tag, key, {}, none, none, {}, none});
         it = std::prev(lists.end());
     }
     ListIndex &l = *it;
@@ -165,7 +172,7 @@ Answer::ListIndex &Answer::list(Id parent, const char *tag, const char *key)
         l.last = e;
         // The entry's first child of the key's tag names it, if it has a value.
         if (const char *k = key_of(e, key); k != nullptr)
-            l.first.emplace(k, e);
+            l.first.insert(k, e);
     }
     return l;
 }
@@ -193,8 +200,14 @@ Answer::Id Answer::first_entry(Id parent, const Name *entry, const char *key,
     }
     ListIndex &l = list(parent, tag, key);
     ++steps_;
-    auto it = l.first.find(value);
-    return it != l.first.end() ? it->second : none;
+    if (l.hit != none && value == l.hit_key)
+        return l.hit;
+    Id found = l.first.find(value);
+    if (found != none) {
+        l.hit_key = key_of(found, key);
+        l.hit = found;
+    }
+    return found;
 }
 
 Answer::Id Answer::last_entry(Id parent, const Name *entry, const char *key)

@@ -43,8 +43,7 @@ void block_free(void *block, std::size_t bytes)
         munmap(block, bytes);
 }
 
-// Eight bytes at a time: namespaces are long and alike but for their ends.
-uint32_t StringPool::hash(std::string_view s)
+uint32_t hash_text(std::string_view s)
 {
     constexpr uint64_t k = 0x9E3779B97F4A7C15ull;
     uint64_t h = s.size() * k;
@@ -66,7 +65,7 @@ const char *StringPool::find(std::string_view s) const
 {
     if (slots_.empty())
         return nullptr;
-    const uint32_t h = hash(s);
+    const uint32_t h = hash_text(s);
     const std::size_t mask = slots_.size() - 1;
     for (std::size_t i = h & mask;; i = (i + 1) & mask) {
         const Slot &slot = slots_[i];
@@ -82,7 +81,7 @@ void StringPool::insert(std::string_view s, const char *copy)
 {
     if ((used_ + 1) * 4 > slots_.size() * 3)
         grow();
-    const uint32_t h = hash(s);
+    const uint32_t h = hash_text(s);
     const std::size_t mask = slots_.size() - 1;
     std::size_t i = h & mask;
     while (slots_[i].text != nullptr)
@@ -92,6 +91,52 @@ void StringPool::insert(std::string_view s, const char *copy)
 }
 
 void StringPool::grow()
+{
+    std::vector<Slot> old = std::move(slots_);
+    slots_.assign(old.empty() ? 16 : old.size() * 2, Slot{});
+    const std::size_t mask = slots_.size() - 1;
+    for (const Slot &slot : old) {
+        if (slot.text == nullptr)
+            continue;
+        std::size_t i = slot.hash & mask;
+        while (slots_[i].text != nullptr)
+            i = (i + 1) & mask;
+        slots_[i] = slot;
+    }
+}
+
+uint32_t TextIndex::find(std::string_view text) const
+{
+    if (slots_.empty())
+        return none;
+    const uint32_t h = hash_text(text);
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t i = h & mask;; i = (i + 1) & mask) {
+        const Slot &slot = slots_[i];
+        if (slot.text == nullptr)
+            return none;
+        if (slot.hash == h && slot.size == text.size() &&
+            std::memcmp(slot.text, text.data(), text.size()) == 0)
+            return slot.value;
+    }
+}
+
+void TextIndex::insert(std::string_view text, uint32_t value)
+{
+    if ((used_ + 1) * 4 > slots_.size() * 3)
+        grow();
+    const uint32_t h = hash_text(text);
+    const std::size_t mask = slots_.size() - 1;
+    std::size_t i = h & mask;
+    for (; slots_[i].text != nullptr; i = (i + 1) & mask)
+        if (slots_[i].hash == h && slots_[i].size == text.size() &&
+            std::memcmp(slots_[i].text, text.data(), text.size()) == 0)
+            return;
+    slots_[i] = Slot{text.data(), static_cast<uint32_t>(text.size()), h, value};
+    ++used_;
+}
+
+void TextIndex::grow()
 {
     std::vector<Slot> old = std::move(slots_);
     slots_.assign(old.empty() ? 16 : old.size() * 2, Slot{});

@@ -34,11 +34,38 @@ private:
         uint32_t size = 0;
         uint32_t hash = 0;
     };
-    static uint32_t hash(std::string_view s);
     void grow();
 
     std::vector<Slot> slots_;
     std::size_t used_ = 0;
 };
+
+// Texts that the caller keeps, each mapped to the number it came with
+// first: a table with open addressing, whose probes stay in one array.
+class TextIndex {
+public:
+    static constexpr uint32_t none = UINT32_MAX;
+    uint32_t find(std::string_view text) const;
+    // Maps `text` (which the caller keeps alive) to `value` unless it is
+    // mapped already.
+    void insert(std::string_view text, uint32_t value);
+    std::size_t size() const { return used_; }
+
+private:
+    struct Slot {
+        const char *text = nullptr;
+        uint32_t size = 0;
+        uint32_t hash = 0;
+        uint32_t value = 0;
+    };
+    void grow();
+
+    std::vector<Slot> slots_;
+    std::size_t used_ = 0;
+};
+
+// The hash of a text, eight bytes at a time: namespaces are long and alike
+// but for their ends.
+uint32_t hash_text(std::string_view s);
 
 } // namespace yfwhost

@@ -360,6 +360,8 @@ verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *
 // (its namespace that of the model that owns it, else the path's own), and
 // for a list the names of its keys.
 struct Request::Compiled {
+    const char *path_at; // the caller's pointers it was last asked for by
+    const char *ns_at;
     std::string path;
     std::string ns;
     struct Step {
@@ -375,14 +377,32 @@ struct Request::Compiled {
 const Request::Compiled &Request::compile(const char *path, const char *ns)
 {
     const char *given_ns = ns != nullptr ? ns : "";
+    // The same constants come again and again: a few are kept at hand, by
+    // address, and their text checked before use.
+    const std::size_t slot =
+        (reinterpret_cast<std::uintptr_t>(path) >> 4 ^ reinterpret_cast<std::uintptr_t>(ns) >> 4) %
+        recent_paths_.size();
+    if (Compiled *r = recent_paths_[slot]; r != nullptr && r->path_at == path && r->ns_at == ns &&
+                                           std::strcmp(r->path.c_str(), path) == 0 &&
+                                           std::strcmp(r->ns.c_str(), given_ns) == 0)
+        return *r;
     std::unique_ptr<Compiled> &c = compiled_[PathKey{path, ns}];
-    if (c != nullptr && c->path == path && c->ns == given_ns)
+    if (c != nullptr && std::strcmp(c->path.c_str(), path) == 0 &&
+        std::strcmp(c->ns.c_str(), given_ns) == 0) {
+        recent_paths_[slot] = c.get();
         return *c;
+    }
     if (compiled_.size() > 4096) { // paths of the caller's making: start over
+        recent_paths_.fill(nullptr);
         compiled_.clear();
         return compile(path, ns);
     }
+    for (Compiled *&r : recent_paths_) // the one replaced below may be at hand
+        if (r == c.get())
+            r = nullptr;
     c = std::make_unique<Compiled>();
+    c->path_at = path;
+    c->ns_at = ns;
     c->path = path;
     c->ns = given_ns;
     const std::vector<std::string_view> &steps = steps_of(path, path_steps_);
@@ -410,6 +430,7 @@ const Request::Compiled &Request::compile(const char *path, const char *ns)
         }
         c->steps.push_back(step);
     }
+    recent_paths_[slot] = c.get();
     return *c;
 }
 

@@ -127,27 +127,6 @@ const vidl_yfw_datatree *tree_child(const vidl_yfw_datatree *node, std::string_v
     return nullptr;
 }
 
-// One pass, without measuring either string first: the two are equal, or
-// where they part one has ended and the other goes on with ".yang" alone.
-bool ns_match(const char *a, const char *b)
-{
-    if (a == nullptr || b == nullptr)
-        return false;
-    if (a == b)
-        return true;
-    while (*a != '\0' && *a == *b) {
-        ++a;
-        ++b;
-    }
-    if (*a == *b)
-        return true;
-    if (*a == '\0')
-        return std::strcmp(b, ".yang") == 0;
-    if (*b == '\0')
-        return std::strcmp(a, ".yang") == 0;
-    return false;
-}
-
 // ---------------------------------------------------------------- building whole
 
 TreeBuilder::TreeBuilder(std::string_view root_tag, std::string_view root_ns)

@@ -3,8 +3,10 @@
 #include "testing.h"
 
 #include <arpa/inet.h>
+#include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 
 using namespace testing_support;
 using testing::ElementsAre;
@@ -318,6 +320,38 @@ TEST(Platform, AddressTextAndNumericResolver)
     yfwhost::set_router_type(13);
     EXPECT_EQ(platform_get_router_type(), 13);
     yfwhost::set_router_type(0);
+}
+
+// The host reads numeric addresses itself; it must answer as the system's
+// resolver does with AI_NUMERICHOST, for either family asked.
+TEST(Platform, NumericResolverAnswersAsTheSystemDoes)
+{
+    const char *const texts[] = {"192.0.2.1",  "2001:db8::1", "::ffff:192.0.2.1", "::",
+                                 "10.1",       "0x7f.1",      "01.2.3.4",         "127.1",
+                                 "0",          "4294967295",  "1.2.3.256",        "1.2.3.4.5",
+                                 " 192.0.2.1", "192.0.2.1 ",  "fe80::1%1",        "2001:db8::1/64",
+                                 "",           "tunnel-ip12", "::1.2.3.4",        "1::2::3"};
+    for (const char *text : texts) {
+        for (int family : {AF_INET6, AF_INET}) {
+            SCOPED_TRACE(std::string(text) + (family == AF_INET ? " as IPv4" : " as IPv6"));
+            struct addrinfo hints {};
+            hints.ai_family = family;
+            struct addrinfo *ours = nullptr, *system = nullptr;
+            int rc = getaddrinfo_vlm(text, nullptr, &hints, &ours);
+            hints.ai_flags = AI_NUMERICHOST;
+            int expected = getaddrinfo(text, nullptr, &hints, &system);
+            EXPECT_EQ(rc == 0, expected == 0);
+            if (rc == 0 && expected == 0) {
+                EXPECT_EQ(ours->ai_family, system->ai_family);
+                ASSERT_EQ(ours->ai_addrlen, system->ai_addrlen);
+                EXPECT_EQ(std::memcmp(ours->ai_addr, system->ai_addr, ours->ai_addrlen), 0);
+            }
+            if (rc == 0)
+                freeaddrinfo_vlm(ours);
+            if (expected == 0)
+                freeaddrinfo(system);
+        }
+    }
 }
 
 } // namespace

@@ -12,6 +12,7 @@
 
 #include "octunnel/yfw_types.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -60,8 +61,31 @@ const vidl_yfw_datatree *tree_child(const vidl_yfw_datatree *node, std::string_v
 std::size_t tree_child_count(const vidl_yfw_datatree *node);
 
 // The framework's namespace rule: equal, or equal once a trailing ".yang"
-// is taken off one side.  Null matches nothing.
-bool ns_match(const char *a, const char *b);
+// is taken off one side.  Null matches nothing.  In one pass, without
+// measuring either string first: where the two part, one has ended and the
+// other goes on with ".yang" alone.  The module asks it of every tag it
+// looks up, so it is inline.
+inline bool ns_match(const char *a, const char *b)
+{
+    if (a == nullptr || b == nullptr)
+        return false;
+    if (a == b)
+        return true;
+    while (*a != '\0' && *a == *b) {
+        ++a;
+        ++b;
+    }
+    if (*a == *b)
+        return true;
+    constexpr char yang[] = ".yang";
+    const char *rest = *a == '\0' ? b : *b == '\0' ? a : nullptr;
+    if (rest == nullptr)
+        return false;
+    for (const char *y = yang; *y != '\0'; ++y, ++rest)
+        if (*rest != *y)
+            return false;
+    return *rest == '\0';
+}
 
 // Builds a tree whole, as a reader meets a document: nodes are opened and
 // closed in document order, and the children of a node are laid out in one
@@ -343,6 +367,7 @@ private:
         }
     };
     std::unordered_map<PathKey, std::unique_ptr<Compiled>, PathKeyHash> compiled_;
+    std::array<Compiled *, 64> recent_paths_{};
     LogSink log_;
     Ring ring_;
     std::unordered_set<const vidl_yfw_datatree *> inputs_;
