@@ -79,6 +79,10 @@ Answer::Id Answer::add(Id parent, const Name *name)
     const auto id = static_cast<Id>(flags_.size());
     if (id >= first_block && ((id - first_block) & ((Id{1} << block_bits) - 1)) == 0)
         blocks_.push_back(static_cast<Node *>(block_new((Id{1} << block_bits) * sizeof(Node))));
+    // A mapped block is faulted in a window at a time as its nodes are used.
+    constexpr Id window = prefault_window / sizeof(Node);
+    if (id >= first_block && ((id - first_block) % window) == 0)
+        prefault(&node(id), prefault_window);
     flags_.push_back(0);
     node(id) = Node{name, nullptr, none, none, none, 0};
     Node &p = node(parent);

@@ -9,38 +9,36 @@ namespace yfwhost {
 
 void *block_new(std::size_t bytes)
 {
-    if (bytes < huge_block) {
+    if (bytes < mapped_block) {
         void *p = std::malloc(bytes);
         if (p == nullptr)
             throw std::bad_alloc();
         return p;
     }
-    // Aligned to the huge page: map one more than asked for and give back
-    // what sticks out on either side.
-    std::size_t span = bytes + huge_block;
-    void *raw = mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (raw == MAP_FAILED)
+    void *p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED)
         throw std::bad_alloc();
-    auto start = reinterpret_cast<std::uintptr_t>(raw);
-    std::uintptr_t aligned = (start + huge_block - 1) & ~(huge_block - 1);
-    if (aligned > start)
-        munmap(raw, aligned - start);
-    std::uintptr_t end = aligned + bytes;
-    std::uintptr_t span_end = start + span;
-    if (span_end > end)
-        munmap(reinterpret_cast<void *>(end), span_end - end);
-    madvise(reinterpret_cast<void *>(aligned), bytes, MADV_HUGEPAGE);
-    return reinterpret_cast<void *>(aligned);
+    return p;
 }
 
 void block_free(void *block, std::size_t bytes)
 {
     if (block == nullptr)
         return;
-    if (bytes < huge_block)
+    if (bytes < mapped_block)
         std::free(block);
     else
         munmap(block, bytes);
+}
+
+void prefault(void *start, std::size_t bytes)
+{
+    constexpr std::uintptr_t page = 4096;
+    auto from = reinterpret_cast<std::uintptr_t>(start) & ~(page - 1);
+    auto to = (reinterpret_cast<std::uintptr_t>(start) + bytes + page - 1) & ~(page - 1);
+    // A kernel without MADV_POPULATE_WRITE refuses it: the pages then come
+    // one fault at a time, as they would have.
+    madvise(reinterpret_cast<void *>(from), to - from, MADV_POPULATE_WRITE);
 }
 
 uint32_t hash_text(std::string_view s)

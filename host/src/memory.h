@@ -9,14 +9,20 @@
 
 namespace yfwhost {
 
-// A block for a tree's nodes or arena.  Blocks of 2 MiB and more are
-// mapped on their own and asked to be backed by huge pages, so a tree of a
-// router's size is faulted in a few large pages rather than thousands of
-// small ones; smaller ones come from malloc.  Throws std::bad_alloc.
+// A block for a tree's nodes or arena.  Blocks of `mapped_block` and more
+// are mapped on their own, so that their pages are given back whole when
+// the tree goes; smaller ones come from malloc.  Throws std::bad_alloc.
 void *block_new(std::size_t bytes);
 void block_free(void *block, std::size_t bytes);
-// The size above which blocks are huge-page sized.
-inline constexpr std::size_t huge_block = std::size_t{2} << 20;
+inline constexpr std::size_t mapped_block = std::size_t{256} << 10;
+
+// Makes the pages of a range of a mapped block present, in one call: a
+// tree of a router's size fills thousands of pages in order, and a fault
+// for each, on a virtual machine, costs more than filling it.  Only what is
+// about to be written is asked for, so nothing unused becomes resident.
+void prefault(void *start, std::size_t bytes);
+// How far ahead of its writing an arena or a block of nodes asks.
+inline constexpr std::size_t prefault_window = std::size_t{256} << 10;
 
 // The strings of one tree, each held once: a table with open addressing
 // over the copies, which live in the caller's arena.

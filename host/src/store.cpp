@@ -14,7 +14,7 @@ constexpr std::size_t node_size = sizeof(vidl_yfw_datatree);
 // Arrays this large get a block of their own, given back to the system when
 // they grow, rather than a place in the arena.
 constexpr std::size_t big_array_bytes = 32 * 1024;
-constexpr std::size_t largest_chunk = huge_block;
+constexpr std::size_t largest_chunk = std::size_t{4} << 20;
 
 // Array sizes grow by half: 1, 2, 3, 4, 6, 8, 12, 16, 24, ...  Class k has
 // room for class_room(k) nodes.
@@ -52,18 +52,30 @@ void *Store::raw(std::size_t bytes, std::size_t align)
     std::size_t pad = (align - reinterpret_cast<std::uintptr_t>(free_) % align) % align;
     if (free_ == nullptr || pad + bytes > left_) {
         std::size_t size = std::max(next_chunk_, bytes + sizeof(Chunk) + align);
-        next_chunk_ = std::min(next_chunk_ * 2, largest_chunk);
+        // A tree that outgrows its first pieces is likely large: the third
+        // chunk is of the largest size, and mapped.
+        next_chunk_ = std::min(next_chunk_ * 16, largest_chunk);
         auto *chunk = static_cast<Chunk *>(block_new(size));
         chunk->next = chunks_;
         chunk->size = size;
         chunks_ = chunk;
         free_ = reinterpret_cast<char *>(chunk + 1);
         left_ = size - sizeof(Chunk);
+        // What malloc gave is the heap's; a mapped chunk is faulted in as it
+        // fills.
+        faulted_ = size < mapped_block ? free_ + left_ : free_;
         pad = (align - reinterpret_cast<std::uintptr_t>(free_) % align) % align;
     }
     char *p = free_ + pad;
     free_ = p + bytes;
     left_ -= pad + bytes;
+    if (free_ > faulted_) {
+        std::size_t ahead = std::min<std::size_t>(
+            std::max<std::size_t>(prefault_window, static_cast<std::size_t>(free_ - faulted_)),
+            static_cast<std::size_t>(free_ + left_ - faulted_));
+        prefault(faulted_, ahead);
+        faulted_ += ahead;
+    }
     return p;
 }
 
@@ -125,6 +137,8 @@ vidl_yfw_datatree *Store::nodes(uint32_t count, uint32_t &capacity)
     if (bytes >= big_array_bytes) {
         void *p = block_new(bytes);
         big_arrays_.emplace(p, bytes);
+        if (bytes >= mapped_block) // what the grown array takes over is written at once
+            prefault(p, std::size_t{count} * node_size);
         return static_cast<vidl_yfw_datatree *>(p);
     }
     if (k < free_arrays_.size() && free_arrays_[k] != nullptr) {
@@ -141,6 +155,8 @@ vidl_yfw_datatree *Store::exact_nodes(uint32_t count)
     if (bytes >= big_array_bytes) {
         void *p = block_new(bytes);
         big_arrays_.emplace(p, bytes);
+        if (bytes >= mapped_block) // written whole at once
+            prefault(p, bytes);
         return static_cast<vidl_yfw_datatree *>(p);
     }
     return static_cast<vidl_yfw_datatree *>(raw(bytes, alignof(vidl_yfw_datatree)));

@@ -87,6 +87,7 @@ private:
     Chunk *chunks_ = nullptr;
     char *free_ = nullptr;
     std::size_t left_ = 0;
+    char *faulted_ = nullptr; // the end of what of the chunk is present
     std::size_t next_chunk_ = 4096;
     std::vector<void *> free_arrays_; // by size class: a list linked through the arrays
     std::unordered_map<void *, std::size_t> big_arrays_; // arrays of their own, by size
