@@ -60,14 +60,16 @@ public:
         sax.startElementNs = &Reader::start;
         sax.endElementNs = &Reader::end;
         sax.characters = &Reader::text;
-        sax.cdataBlock = &Reader::text;
+        sax.cdataBlock = &Reader::cdata;
+        sax.comment = &Reader::comment;
+        sax.processingInstruction = &Reader::instruction;
         sax.serror = &Reader::libxml_error;
         ctxt_ = xmlCreatePushParserCtxt(&sax, this, nullptr, 0, nullptr);
         if (ctxt_ == nullptr)
             throw std::bad_alloc();
         // The text is UTF-8 whatever its declaration says; nothing is
         // fetched from the network or substituted from a DTD.
-        xmlCtxtUseOptions(ctxt_, XML_PARSE_NONET | XML_PARSE_IGNORE_ENC | XML_PARSE_NOCDATA);
+        xmlCtxtUseOptions(ctxt_, XML_PARSE_NONET | XML_PARSE_IGNORE_ENC);
         xmlSwitchEncoding(ctxt_, XML_CHAR_ENCODING_UTF8);
     }
     ~Reader()
@@ -100,7 +102,7 @@ private:
         const xmlChar *prefix = nullptr;
         const xmlChar *local = nullptr;
         int line = 0;
-        bool has_text = false;
+        bool has_text = false; // text that counts: see flush_run
         bool has_elements = false;
         bool nonblank = false;
         std::string text;
@@ -176,6 +178,7 @@ private:
         if (r.error_)
             return;
         const int line = r.line();
+        r.flush_run();
         if (r.depth_ > 0)
             r.frames_[r.depth_ - 1].has_elements = true;
         Frame &f = r.open_frame();
@@ -224,6 +227,7 @@ private:
         auto &r = *static_cast<Reader *>(self);
         if (r.error_)
             return;
+        r.flush_run();
         Frame &f = r.frames_[--r.depth_];
         if (r.depth_ == 0)
             return;
@@ -236,21 +240,65 @@ private:
         r.builder_.close();
     }
 
+    // Character data comes in pieces; a run of it ends at the next markup
+    // (an element, a CDATA section, a comment, an instruction).
     static void text(void *self, const xmlChar *ch, int len)
     {
         auto &r = *static_cast<Reader *>(self);
         if (r.error_ || r.depth_ == 0)
             return;
         std::string_view piece(reinterpret_cast<const char *>(ch), static_cast<std::size_t>(len));
-        Frame &f = r.frames_[r.depth_ - 1];
-        f.has_text = true;
-        f.nonblank = f.nonblank || !blank(piece);
-        if (r.depth_ == 1 && f.nonblank) {
+        if (r.depth_ == 1 && !blank(piece)) {
             r.fail(r.line(), "text outside any element");
             return;
         }
-        if (!f.has_elements)
-            f.text.append(piece);
+        r.run_.append(piece);
+    }
+
+    // A run of blank text is layout, not a value: <ip> </ip> is a selection
+    // node, as <ip/> is, and the blanks between a value's pieces drop out.
+    // Text in a CDATA section is a value, even blank.
+    void flush_run() { take_text(run_, false); }
+
+    void take_text(std::string_view piece, bool cdata)
+    {
+        if (!cdata && piece.empty())
+            return;
+        Frame &f = frames_[depth_ - 1];
+        const bool counts = !blank(piece);
+        if (cdata || counts) {
+            f.nonblank = f.nonblank || counts;
+            if (depth_ == 1 && f.nonblank) {
+                fail(line(), "text outside any element");
+                return;
+            }
+            f.has_text = true;
+            if (!f.has_elements)
+                f.text.append(piece);
+        }
+        run_.clear();
+    }
+
+    static void cdata(void *self, const xmlChar *ch, int len)
+    {
+        auto &r = *static_cast<Reader *>(self);
+        if (r.error_ || r.depth_ == 0)
+            return;
+        r.flush_run();
+        if (!r.error_)
+            r.take_text({reinterpret_cast<const char *>(ch), static_cast<std::size_t>(len)}, true);
+    }
+
+    static void comment(void *self, const xmlChar *)
+    {
+        auto &r = *static_cast<Reader *>(self);
+        if (!r.error_ && r.depth_ > 0)
+            r.flush_run();
+    }
+
+    static void instruction(void *self, const xmlChar *, const xmlChar *)
+    {
+        comment(self, nullptr);
     }
 
     static void libxml_error(void *self, xmlErrorPtr e)
@@ -304,6 +352,7 @@ private:
     // the children of the first top-level element.
     Envelope first_envelope_[2];
     std::optional<InputError> error_;
+    std::string run_; // the character data since the last markup
 };
 
 // ------------------------------------------------------------------ writing
