@@ -7,7 +7,7 @@ packages=(
   build-essential cmake python3
   libgtest-dev libgmock-dev
   libxml2-dev rapidjson-dev libcli11-dev libyang2-dev pkgconf
-  libyang-tools time
+  libyang-tools time libbenchmark-dev
 )
 
 missing=()
