@@ -273,7 +273,7 @@ private:
             // member, an envelope: then its value is the top level.
             if (o.members == 2 && envelope_ != nullptr)
                 return fail(envelope_line_,
-                            "'" + std::string(envelope_) + "' may only wrap the whole document");
+                            quoted(envelope_) + " may only wrap the whole document");
             if (o.members == 1 && is_envelope(name)) {
                 envelope_ = interned;
                 envelope_line_ = at;
@@ -282,7 +282,7 @@ private:
             o.top = true;
         }
         if (o.top && is_envelope(name))
-            return fail(at, "'" + std::string(name) + "' may only wrap the whole document");
+            return fail(at, quoted(name) + " may only wrap the whole document");
         return true;
     }
 
@@ -366,7 +366,7 @@ private:
         std::string_view member_name(name);
         if (o.document && name == envelope_) {
             if (type != Type::object)
-                return fail(at, "'" + std::string(member_name) + "' does not hold an object");
+                return fail(at, quoted(member_name) + " does not hold an object");
             Open &inner = push(Frame::object);
             inner.top = true;
             return true;
@@ -411,8 +411,8 @@ private:
             return true;
         }
         case Type::null:
-            return fail(at, "'" + std::string(member_name) +
-                                "' is null: an empty leaf is [null], an empty container {}");
+            return fail(at, quoted(member_name) +
+                                " is null: an empty leaf is [null], an empty container {}");
         case Type::array: {
             o.seen.push_back({name, Member::list, first, 0, at});
             Open &a = push(Frame::array);
@@ -439,8 +439,8 @@ private:
     {
         const int at = line();
         auto neither = [&] {
-            return fail(a.line, "'" + std::string(a.member) +
-                                    "' is neither a list (entries are objects), a leaf-list "
+            return fail(a.line, quoted(a.member) +
+                                    " is neither a list (entries are objects), a leaf-list "
                                     "(values are scalars) nor [null]");
         };
         if (a.null_item || (type == Type::null && a.items != 0) || type == Type::array)

@@ -66,7 +66,7 @@ const NativeRoot &route(const vidl_yfw_datatree &root)
     for (const NativeRoot &r : native_roots)
         known += std::string(known.empty() ? "" : ", ") + r.tag;
     throw InputError(static_cast<int>(root.fw_line),
-                     "<" + std::string(root.tag) + "> in namespace '" + root.ns +
+                     element_name(root.tag) + " in namespace '" + root.ns +
                          "' is not a native root this module translates (roots: " + known + ")");
 }
 
@@ -315,7 +315,7 @@ int to_native(const Options &o)
         if (std::string_view(root->tag) != "interfaces" ||
             !yfwhost::ns_match(NS_OC_INTERFACES, root->ns))
             throw InputError(static_cast<int>(root->fw_line),
-                             "<" + std::string(root->tag) + "> in namespace '" + root->ns +
+                             element_name(root->tag) + " in namespace '" + root->ns +
                                  "' is not the OpenConfig <interfaces> root (" NS_OC_INTERFACES
                                  ")");
     yfwhost::set_router_type(static_cast<int>(o.router_type));

@@ -232,7 +232,8 @@ private:
         if (r.depth_ == 0)
             return;
         if (f.has_elements && f.nonblank) {
-            r.fail(f.line, "<" + qualified(f.prefix, f.local) + "> holds both text and elements");
+            r.fail(f.line,
+                   element_name(qualified(f.prefix, f.local)) + " holds both text and elements");
             return;
         }
         if (!f.has_elements && f.has_text)
@@ -331,8 +332,8 @@ private:
         }
         if (!first_envelope_[nested].empty())
             throw InputError(first_envelope_[nested].line,
-                             "<" + first_envelope_[nested].name +
-                                 "> may only wrap the whole document");
+                             element_name(first_envelope_[nested].name) +
+                                 " may only wrap the whole document");
         for (std::size_t i = 0; i < yfwhost::tree_child_count(inside); ++i)
             doc.roots.push_back(&inside->subtrees[i]);
         return doc;

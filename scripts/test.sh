@@ -15,6 +15,6 @@ run() {
   ctest --test-dir "$dir" --output-on-failure -j"$jobs"
 }
 
-run build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run build -DCMAKE_BUILD_TYPE=Release
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   run build-sanitize -DCMAKE_BUILD_TYPE=Debug -DOCTUNNEL_SANITIZE=ON
