@@ -1,0 +1,371 @@
+#include "translate.h"
+
+#include "document.h"
+#include "json_io.h"
+#include "json_schema.h"
+#include "xml_io.h"
+
+#include "octunnel/yfw_namespaces.h"
+#include "yfwhost/host.h"
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <rapidjson/writer.h>
+#include <unistd.h>
+#include <utility>
+
+namespace octunnel {
+namespace {
+
+// A failure of the tool itself rather than of the input: a file it cannot
+// write, a module without a walker.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// The native roots this module translates, and the walker each goes to.
+// tunnel-ip-ma takes the root that the registration names; a child of
+// ipv4-network from Valmora-ipv4-ma-oper goes to that model's augment entry.
+struct NativeRoot {
+    const char *tag;
+    const char *ns;
+    const char *walker; // null: the registered native root
+    const char *augment_ns;
+    const char *augment_entry;
+};
+constexpr NativeRoot native_roots[] = {
+    {"tunnel-ip-ma", NS_VALMORA_TUNNEL_IP_MA_OPER, nullptr, nullptr, nullptr},
+    {"interface-configurations", NS_VALMORA_IFMGR_CFG,
+     "ymap_vo_octunnel_valmoraifmgrcfg_lvla_interfaceconfigurations", nullptr, nullptr},
+    {"global-interface-configuration", NS_VALMORA_IFMGR_CFG,
+     "ymap_vo_octunnel_valmoraifmgrcfg_lvla_globalinterfaceconfiguration", nullptr, nullptr},
+    {"ipv4-network", NS_VALMORA_IPV4_IO_OPER, "ymap_vo_octunnel_valmoraipv4iooper_lvla_ipv4network",
+     NS_VALMORA_IPV4_MA_OPER, "ymap_vo_octunnel_valmoraipv4maoper_augment_lvla_ipv4_network"},
+    {"ipv6-network", NS_VALMORA_IPV6_MA_OPER, "ymap_vo_octunnel_valmoraipv6maoper_lvla_ipv6network",
+     nullptr, nullptr},
+};
+
+const NativeRoot &route(const vidl_yfw_datatree &root)
+{
+    for (const NativeRoot &r : native_roots)
+        if (std::string_view(root.tag) == r.tag && yfwhost::ns_match(r.ns, root.ns))
+            return r;
+    std::string known;
+    for (const NativeRoot &r : native_roots)
+        known += std::string(known.empty() ? "" : ", ") + r.tag;
+    throw InputError(static_cast<int>(root.fw_line),
+                     element_name(root.tag) + " in namespace '" + root.ns +
+                         "' is not a native root this module translates (roots: " + known + ")");
+}
+
+std::string source_name(const std::string &file)
+{
+    return file == "-" ? "<stdin>" : file;
+}
+
+// A file the tool writes: whole, or not at all.  It is written under a name
+// of its own beside the one asked for and takes that name once complete, so
+// that a reader never sees it half-written, and a run that fails leaves
+// nothing behind.
+class OutputFile {
+public:
+    explicit OutputFile(const std::string &path) : path_(path), temp_(path + ".XXXXXX")
+    {
+        int fd = mkstemp(temp_.data());
+        if (fd < 0 || (file_ = fdopen(fd, "w")) == nullptr) {
+            const int error = errno;
+            if (fd >= 0)
+                close(fd);
+            throw UsageError("cannot write " + path_ + ": " + std::strerror(error));
+        }
+        out_.emplace(file_);
+    }
+    ~OutputFile()
+    {
+        out_.reset();
+        if (file_ != nullptr) {
+            std::fclose(file_);
+            std::remove(temp_.c_str());
+        }
+    }
+    OutputFile(const OutputFile &) = delete;
+    OutputFile &operator=(const OutputFile &) = delete;
+
+    Output &out() { return *out_; }
+    void commit()
+    {
+        try {
+            out_->flush();
+        } catch (const std::exception &) {
+            throw UsageError("cannot write " + path_ + ": " + std::strerror(errno));
+        }
+        out_.reset();
+        std::FILE *f = std::exchange(file_, nullptr);
+        if (std::fclose(f) != 0 || std::rename(temp_.c_str(), path_.c_str()) != 0) {
+            const int error = errno;
+            std::remove(temp_.c_str());
+            throw UsageError("cannot write " + path_ + ": " + std::strerror(error));
+        }
+    }
+
+private:
+    std::string path_;
+    std::string temp_;
+    std::FILE *file_ = nullptr;
+    std::optional<Output> out_;
+};
+
+// One line of JSON for each path the module added.
+void write_emission(const yfwhost::Emission &e, Output &out)
+{
+    OutputStream stream{out};
+    rapidjson::Writer<OutputStream> j(stream);
+    auto string = [&](std::string_view s) {
+        j.String(s.data(), static_cast<rapidjson::SizeType>(s.size()));
+    };
+    j.StartObject();
+    j.Key("tree");
+    string(e.to_out ? "out" : "request");
+    j.Key("path");
+    string(e.path);
+    j.Key("ns");
+    string(e.ns);
+    j.Key("value");
+    if (e.value)
+        string(*e.value);
+    else
+        j.Null();
+    j.Key("op_node");
+    j.Bool(e.op_node);
+    j.Key("op");
+    if (e.op)
+        j.Uint(*e.op);
+    else
+        j.Null();
+    j.Key("list_entry");
+    j.Uint(e.list_entry);
+    j.Key("path_flag");
+    j.Uint(e.path_flag);
+    j.EndObject();
+    out.put('\n');
+}
+
+void report_failure(verrno rc, yfwhost::Request &req, std::ostream &err)
+{
+    char code[16];
+    std::snprintf(code, sizeof code, "0x%08x", rc);
+    const char *name = yfwhost::error_name(rc);
+    err << "octunnel: error " << (name != nullptr ? name : std::to_string(rc)) << " (" << code
+        << ")\n";
+    if (req.state().error_tag != nullptr)
+        err << "error-tag: " << req.state().error_tag << '\n';
+    if (!req.error_path().empty())
+        err << "error-path: " << req.error_path() << '\n';
+    if (req.state().error_text != nullptr)
+        err << "error-text: " << req.state().error_text << '\n';
+}
+
+// One walk: the request set up with the options' tracing, and what the
+// module did written out at the end.
+class Session {
+public:
+    Session(const Options &o, std::string_view out_tag, std::ostream &err)
+        : o_(o), req_(o.kind, out_tag), err_(err)
+    {
+        o.apply_marks(req_.header());
+        if (!o.emissions.empty()) {
+            emissions_.emplace(o.emissions);
+            req_.on_emission = [this](const yfwhost::Emission &e) {
+                write_emission(e, emissions_->out());
+            };
+        }
+        if (!o.log.empty()) {
+            log_.emplace(o.log);
+            req_.log_to([this](std::string_view line) {
+                log_->out().put(line);
+                log_->out().put('\n');
+            });
+        }
+        if (!o.ring.empty()) {
+            ring_.emplace(o.ring);
+            req_.enable_ring();
+        }
+        req_.notes = [this](uint32_t line, std::string_view text) {
+            err_ << "octunnel: note: " << source_name(o_.input);
+            if (line > 0)
+                err_ << ':' << line;
+            err_ << ": " << text << '\n';
+        };
+    }
+
+    yfwhost::Request &request() { return req_; }
+
+    // Writes the emissions, the log and the ring, then the answer (in JSON,
+    // as `schema` types it) or the failure.
+    int finish(verrno rc, const JsonSchema *schema, std::FILE *answer)
+    {
+        if (ring_) {
+            for (const std::string &line : req_.ring()) {
+                ring_->out().put(line);
+                ring_->out().put('\n');
+            }
+        }
+        for (std::optional<OutputFile> *file : {&emissions_, &log_, &ring_})
+            if (*file)
+                (*file)->commit();
+        if (rc != YFW_OK) {
+            report_failure(rc, req_, err_);
+            return exit_refused;
+        }
+        Output out(answer);
+        if (o_.json)
+            write_json_document(req_.answer(), *schema, out);
+        else
+            write_document(req_.answer(), out);
+        out.flush();
+        return exit_translated;
+    }
+
+private:
+    const Options &o_;
+    yfwhost::Request req_;
+    std::ostream &err_;
+    std::optional<OutputFile> emissions_, log_, ring_;
+};
+
+Document read_input(const Options &o, Input &input)
+{
+    return o.json ? read_json_document(input) : read_document(input);
+}
+
+} // namespace
+
+Translator::Translator() = default;
+Translator::~Translator() = default;
+
+std::string Translator::module_path(const Options &o)
+{
+    if (!o.module.empty())
+        return o.module;
+    if (const char *env = std::getenv("OCTUNNEL_MODULE"); env != nullptr && *env != '\0')
+        return env;
+    char exe[4096];
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    std::string dir = n > 0 ? std::string(exe, static_cast<std::size_t>(n)) : std::string(".");
+    dir = dir.substr(0, dir.find_last_of('/') + 1);
+    return dir + "liboctunnel.so";
+}
+
+std::string yang_dir(const Options &o)
+{
+    if (!o.yang_dir.empty())
+        return o.yang_dir;
+    if (const char *env = std::getenv("OCTUNNEL_YANG_DIR"); env != nullptr && *env != '\0')
+        return env;
+    return OCTUNNEL_DEFAULT_YANG_DIR;
+}
+
+const yfwhost::Module &Translator::module(const std::string &path)
+{
+    if (!module_ || module_path_ != path) {
+        module_.reset();
+        module_ = std::make_unique<yfwhost::Module>(path);
+        module_path_ = path;
+    }
+    return *module_;
+}
+
+std::shared_future<std::shared_ptr<OpenConfigSchema>> &Translator::models(const std::string &dir)
+{
+    auto it = models_.find(dir);
+    if (it == models_.end())
+        it = models_
+                 .emplace(dir, std::async(std::launch::async,
+                                          [dir] { return std::make_shared<OpenConfigSchema>(dir); })
+                                   .share())
+                 .first;
+    return it->second;
+}
+
+int Translator::run(const Options &o, Direction d, Input &input, std::FILE *answer,
+                    std::ostream &err)
+{
+    try {
+        return translate(o, d, input, answer, err);
+    } catch (const InputError &e) {
+        err << "octunnel: " << source_name(o.input);
+        if (e.line > 0)
+            err << ':' << e.line;
+        err << ": " << e.what() << '\n';
+    } catch (const std::bad_alloc &) {
+        err << "octunnel: out of memory\n";
+    } catch (const std::exception &e) {
+        err << "octunnel: " << e.what() << '\n';
+    }
+    return exit_unusable;
+}
+
+int Translator::translate(const Options &o, Direction d, Input &input, std::FILE *answer,
+                          std::ostream &err)
+{
+    if (d == Direction::to_oc) {
+        // The models that type a JSON answer load on the other core while
+        // the document is read and translated.
+        std::shared_future<std::shared_ptr<OpenConfigSchema>> *schema =
+            o.json ? &models(yang_dir(o)) : nullptr;
+        Document doc = read_input(o, input);
+        std::vector<const NativeRoot *> routes;
+        for (const vidl_yfw_datatree *root : doc.roots)
+            routes.push_back(&route(*root));
+
+        const yfwhost::Module &mod = module(module_path(o));
+        Session session(o, "data", err);
+        yfwhost::Request &req = session.request();
+        req.add_input(doc.tree.get());
+        verrno rc = YFW_OK;
+        for (std::size_t i = 0; i < doc.roots.size() && rc == YFW_OK; ++i) {
+            const NativeRoot &r = *routes[i];
+            vidl_yfw_datatree *root = doc.roots[i];
+            map_function walker =
+                r.walker != nullptr ? mod.function(r.walker) : mod.registration().native_to_oc_root;
+            if (walker == nullptr)
+                throw UsageError(std::string("the module does not export ") + r.walker);
+            rc = walker(req.ctx(), root, req.out());
+            if (r.augment_entry == nullptr)
+                continue;
+            map_function entry = mod.function(r.augment_entry);
+            for (std::size_t c = 0; c < yfwhost::tree_child_count(root) && rc == YFW_OK; ++c)
+                if (yfwhost::ns_match(r.augment_ns, root->subtrees[c].ns))
+                    rc = entry(req.ctx(), &root->subtrees[c], req.out());
+        }
+        return session.finish(rc, schema != nullptr ? schema->get().get() : nullptr, answer);
+    }
+
+    // An OpenConfig request to the native request tree: an edit's
+    // <config>, or a read's subtree <filter>.
+    Document doc = read_input(o, input);
+    for (const vidl_yfw_datatree *root : doc.roots)
+        if (std::string_view(root->tag) != "interfaces" ||
+            !yfwhost::ns_match(NS_OC_INTERFACES, root->ns))
+            throw InputError(static_cast<int>(root->fw_line),
+                             element_name(root->tag) + " in namespace '" + root->ns +
+                                 "' is not the OpenConfig <interfaces> root (" NS_OC_INTERFACES
+                                 ")");
+    yfwhost::set_router_type(static_cast<int>(o.router_type));
+    yfwhost::set_resolve_names(o.resolve_names);
+
+    const bool read = o.kind == YFW_MAP_REQ_GET_CONFIG || o.kind == YFW_MAP_REQ_GET;
+    static const NativeSchema schema;
+    const yfwhost::Module &mod = module(module_path(o));
+    Session session(o, read ? "filter" : "config", err);
+    yfwhost::Request &req = session.request();
+    map_function root_walker = mod.registration().oc_to_native_root;
+    req.add_input(doc.tree.get());
+    verrno rc = YFW_OK;
+    for (std::size_t i = 0; i < doc.roots.size() && rc == YFW_OK; ++i)
+        rc = root_walker(req.ctx(), doc.roots[i], req.out());
+    return session.finish(rc, &schema, answer);
+}
+
+} // namespace octunnel
