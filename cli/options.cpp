@@ -1,20 +1,24 @@
 #include "options.h"
 
+#include <charconv>
 #include <stdexcept>
 
 namespace octunnel {
 
 uint32_t parse_number(const std::string &text, const std::string &what)
 {
-    bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    std::string digits = hex ? text.substr(2) : text;
-    const std::string allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
-    if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos)
+    const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const char *first = text.data() + (hex ? 2 : 0);
+    const char *last = text.data() + text.size();
+    uint32_t v = 0;
+    // from_chars takes no sign, no blank and no prefix: only the digits.
+    auto [end, error] = std::from_chars(first, last, v, hex ? 16 : 10);
+    if (first == last || end != last ||
+        (error != std::errc() && error != std::errc::result_out_of_range))
         throw std::invalid_argument(what + ": '" + text + "' is not a decimal or 0x number");
-    unsigned long long v = std::stoull(digits, nullptr, hex ? 16 : 10);
-    if (v > 0xffffffffull)
+    if (error == std::errc::result_out_of_range)
         throw std::invalid_argument(what + ": '" + text + "' does not fit in 32 bits");
-    return static_cast<uint32_t>(v);
+    return v;
 }
 
 void Options::add_common(CLI::App &cmd, const std::string &default_kind)
