@@ -7,13 +7,15 @@
 
 namespace octunnel {
 
-Input::Input(const std::string &file)
+Input::Input(const std::string &file, std::size_t limit)
     : file_(file == "-" ? stdin : std::fopen(file.c_str(), "rb")), owned_(file != "-"),
-      buffer_(1 << 16)
+      buffer_(piece), limit_(limit)
 {
     if (file_ == nullptr)
         throw std::runtime_error("cannot read " + file + ": " + std::strerror(errno));
 }
+
+Input::Input(std::string_view text, std::size_t limit) : text_(text), limit_(limit) {}
 
 Input::~Input()
 {
@@ -23,10 +25,24 @@ Input::~Input()
 
 std::string_view Input::next()
 {
-    std::size_t n = std::fread(buffer_.data(), 1, buffer_.size(), file_);
-    if (n == 0 && std::ferror(file_))
-        throw std::runtime_error(std::string("cannot read the input: ") + std::strerror(errno));
-    return {buffer_.data(), n};
+    std::string_view got;
+    if (file_ == nullptr) {
+        got = text_.substr(0, piece);
+        text_.remove_prefix(got.size());
+    } else {
+        std::size_t n = std::fread(buffer_.data(), 1, buffer_.size(), file_);
+        if (n == 0 && std::ferror(file_))
+            throw std::runtime_error(std::string("cannot read the input: ") + std::strerror(errno));
+        got = {buffer_.data(), n};
+    }
+    read_ += got.size();
+    if (read_ > limit_) {
+        const bool mib = limit_ % (std::size_t{1} << 20) == 0;
+        throw InputError(0, "the document is larger than " +
+                                std::to_string(mib ? limit_ >> 20 : limit_) +
+                                (mib ? " MiB" : " bytes") + ", the most octunnel reads");
+    }
+    return got;
 }
 
 Output::~Output()

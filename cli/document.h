@@ -19,6 +19,11 @@ namespace octunnel {
 inline constexpr std::size_t max_depth = 128;
 inline constexpr std::size_t max_json_depth = 2 * max_depth + 8;
 
+// How large a document may be: about a million tunnel interfaces, far
+// beyond the whole configuration of a router, and still within what the
+// machine that reads it can hold.
+inline constexpr std::size_t max_document_bytes = std::size_t{1} << 30;
+
 // What a document holds: one tree whose unnamed root holds the top-level
 // nodes (or the NETCONF envelope around them), and those nodes themselves.
 // A request gets the whole tree as its input, so the operations of the
@@ -28,23 +33,31 @@ struct Document {
     std::vector<vidl_yfw_datatree *> roots;
 };
 
-// A document read in pieces, from a file or from standard input ("-").
+// A document read in pieces, from a file, from standard input ("-"), or
+// from memory, of at most `limit` bytes.
 class Input {
 public:
     // Throws std::runtime_error naming a file that cannot be opened.
-    explicit Input(const std::string &file);
+    explicit Input(const std::string &file, std::size_t limit = max_document_bytes);
+    // A document in memory, which must outlive the Input.
+    Input(std::string_view text, std::size_t limit);
     ~Input();
     Input(const Input &) = delete;
     Input &operator=(const Input &) = delete;
 
     // The next piece of the text; empty at its end.  Throws
-    // std::runtime_error when the file cannot be read.
+    // std::runtime_error when the file cannot be read, and InputError once
+    // the document is larger than its limit.
     std::string_view next();
 
 private:
-    std::FILE *file_;
-    bool owned_;
+    static constexpr std::size_t piece = 1 << 16;
+    std::FILE *file_ = nullptr;
+    bool owned_ = false;
     std::vector<char> buffer_;
+    std::string_view text_; // what is left of a document in memory
+    std::size_t limit_;
+    std::size_t read_ = 0;
 };
 
 // Text written out in large pieces.  Throws std::runtime_error when the

@@ -247,7 +247,38 @@ private:
         return interned;
     }
 
-    bool nul(std::string_view s) const { return s.find('\0') != std::string_view::npos; }
+    // `s` up to what a message cannot show, with "..." for the rest.
+    static std::string printable(std::string_view s)
+    {
+        std::size_t end = 0;
+        while (end < s.size() && static_cast<unsigned char>(s[end]) >= 0x20)
+            ++end;
+        return std::string(s.substr(0, end)) + (end < s.size() ? "..." : "");
+    }
+
+    // What of `s` a document cannot carry, in words, or "" when all is well:
+    // a NUL would cut names and values short in the trees, and XML allows
+    // no other control character but tab, line feed and carriage return,
+    // nor U+FFFE and U+FFFF.  JSON text takes what XML takes, so that both
+    // syntaxes of one document mean the same.
+    static std::string unfit(std::string_view s)
+    {
+        for (std::size_t i = 0; i < s.size(); ++i) {
+            const auto c = static_cast<unsigned char>(s[i]);
+            if (c == 0)
+                return "a NUL character";
+            if (c < 0x20 && c != '\t' && c != '\n' && c != '\r') {
+                char text[48];
+                std::snprintf(text, sizeof text, "the control character U+%04X", c);
+                return text;
+            }
+            if (c == 0xEF && i + 2 < s.size() && static_cast<unsigned char>(s[i + 1]) == 0xBF &&
+                (static_cast<unsigned char>(s[i + 2]) & 0xFE) == 0xBE)
+                return static_cast<unsigned char>(s[i + 2]) == 0xBE ? "the noncharacter U+FFFE"
+                                                                    : "the noncharacter U+FFFF";
+        }
+        return {};
+    }
 
     // ---- members
 
@@ -259,9 +290,8 @@ private:
             return annotation_name(o, name, at);
         if (o.frame == Frame::ignored)
             return true;
-        if (nul(name))
-            return fail(at, "member name '" + std::string(name.substr(0, name.find('\0'))) +
-                                "...' holds a NUL character");
+        if (std::string bad = unfit(name); !bad.empty())
+            return fail(at, "member name '" + printable(name) + "' holds " + bad);
         const char *interned = intern(name);
         if (repeated(o, interned))
             return fail(at, "member '" + std::string(name) + "' appears twice");
@@ -321,8 +351,8 @@ private:
     {
         if (depth_ == 0)
             return fail(line(), "the document is not a JSON object");
-        if (nul(text))
-            return fail(line(), "a value holds a NUL character");
+        if (std::string bad = unfit(text); !bad.empty())
+            return fail(line(), "a value holds " + bad);
         string_ = is_string;
         return value(type, text);
     }
@@ -900,7 +930,9 @@ Document read_json_document(Input &input)
     if (builder.error)
         throw *builder.error;
     if (result.IsError()) {
-        std::string what = rapidjson::GetParseError_En(result.Code());
+        std::string what = result.Code() == rapidjson::kParseErrorNumberTooBig
+                               ? "a number beyond what JSON can carry (1.8e308)"
+                               : rapidjson::GetParseError_En(result.Code());
         if (!what.empty() && what.back() == '.')
             what.pop_back();
         if (!what.empty())

@@ -36,13 +36,15 @@ public:
     virtual ValueKind value_kind(Node node, std::string_view value) const = 0;
 };
 
-// The native models as the module's model descriptions give them (their
-// containers, lists and mapped leaves, compiled into the tool).  Their YANG
-// modules are not at hand, so every value is written as a string.
-class NativeSchema final : public JsonSchema {
+// The models as the module's model descriptions give them, compiled into
+// the tool: their containers, lists, keys and described leaves, by path
+// without module names.  It types native answers, whose YANG modules are
+// not at hand, so every value is written as a string; the XML reader finds
+// in it the leaves an element may hold once.
+class ModelSchema final : public JsonSchema {
 public:
-    NativeSchema();
-    ~NativeSchema() override;
+    ModelSchema();
+    ~ModelSchema() override;
     Node root() const override;
     Node child(Node parent, std::string_view module, std::string_view name) const override;
     NodeKind kind(Node node) const override;

@@ -10,19 +10,19 @@ struct Row {
     NodeKind kind;
 };
 constexpr Row rows[] = {
-#include "native_schema.inc"
+#include "model_schema.inc"
 };
 
 } // namespace
 
-// The rows as a tree of steps: module names play no part in native paths.
-struct NativeSchema::Step {
+// The rows as a tree of steps: module names play no part in the paths.
+struct ModelSchema::Step {
     std::string_view name;
     NodeKind kind = NodeKind::unknown;
     std::vector<std::pair<std::string_view, std::size_t>> children;
 };
 
-NativeSchema::NativeSchema() : steps_(1)
+ModelSchema::ModelSchema() : steps_(1)
 {
     for (const Row &row : rows) {
         std::size_t at = 0;
@@ -46,14 +46,14 @@ NativeSchema::NativeSchema() : steps_(1)
     }
 }
 
-NativeSchema::~NativeSchema() = default;
+ModelSchema::~ModelSchema() = default;
 
-JsonSchema::Node NativeSchema::root() const
+JsonSchema::Node ModelSchema::root() const
 {
     return &steps_[0];
 }
 
-JsonSchema::Node NativeSchema::child(Node parent, std::string_view, std::string_view name) const
+JsonSchema::Node ModelSchema::child(Node parent, std::string_view, std::string_view name) const
 {
     if (parent == nullptr)
         return nullptr;
@@ -63,7 +63,7 @@ JsonSchema::Node NativeSchema::child(Node parent, std::string_view, std::string_
     return nullptr;
 }
 
-NodeKind NativeSchema::kind(Node node) const
+NodeKind ModelSchema::kind(Node node) const
 {
     return node != nullptr ? static_cast<const Step *>(node)->kind : NodeKind::unknown;
 }

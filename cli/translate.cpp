@@ -356,7 +356,7 @@ int Translator::translate(const Options &o, Direction d, Input &input, std::FILE
     yfwhost::set_resolve_names(o.resolve_names);
 
     const bool read = o.kind == YFW_MAP_REQ_GET_CONFIG || o.kind == YFW_MAP_REQ_GET;
-    static const NativeSchema schema;
+    static const ModelSchema schema;
     const yfwhost::Module &mod = module(module_path(o));
     Session session(o, read ? "filter" : "config", err);
     yfwhost::Request &req = session.request();

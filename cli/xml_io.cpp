@@ -1,5 +1,6 @@
 #include "xml_io.h"
 
+#include "json_schema.h"
 #include "octunnel/yfw_namespaces.h"
 #include "yang_names.h"
 
@@ -25,6 +26,7 @@ namespace {
 // own, on the line where the document starts, so line numbers stay those of
 // the document.
 
+constexpr std::string_view element_of_our_own = "octunnel-document";
 constexpr std::string_view fragment_open = "<octunnel-document>";
 constexpr std::string_view fragment_close = "</octunnel-document>";
 
@@ -84,6 +86,9 @@ public:
     Document read(Input &input)
     {
         std::string_view piece = input.next();
+        // The text is UTF-8 in any case; a byte order mark says no more.
+        if (piece.starts_with("\xEF\xBB\xBF"))
+            piece.remove_prefix(3);
         std::size_t head = prolog(piece);
         feed(piece.substr(0, head));
         feed(fragment_open);
@@ -106,15 +111,24 @@ private:
         bool has_elements = false;
         bool nonblank = false;
         std::string text;
+        // Its place in the models (null outside them), and the leaves of
+        // the models it holds so far, each with its namespace.
+        JsonSchema::Node schema = nullptr;
+        struct Leaf {
+            JsonSchema::Node node;
+            const char *ns;
+            int line;
+        };
+        std::vector<Leaf> leaves;
     };
 
-    // The XML declaration (and a byte order mark) must come first, before
-    // the element around the document: the length of what does.  A DOCTYPE
+    // The XML declaration must come first, before the element around the
+    // document: the length of what does.  A DOCTYPE
     // has no place in a NETCONF message and is refused here, where it can
     // still be told from the document's own elements.
     std::size_t prolog(std::string_view piece)
     {
-        std::size_t at = piece.starts_with("\xEF\xBB\xBF") ? 3 : 0;
+        std::size_t at = 0;
         if (piece.substr(at).starts_with("<?xml") && piece.size() > at + 5 &&
             std::strchr(" \t\r\n", piece[at + 5]) != nullptr) {
             std::size_t end = piece.find("?>", at);
@@ -161,6 +175,26 @@ private:
         xmlStopParser(ctxt_);
     }
 
+    // Finds the element of `f` in the models, below its parent's place,
+    // and refuses a leaf that its parent already holds: a second value
+    // would be taken silently, or both translated.  Elements outside the
+    // models are left alone, whatever their number.
+    bool place(Frame &f, Frame &parent, const char *ns, bool envelope)
+    {
+        f.schema = envelope ? schema_.root() : schema_.child(parent.schema, {}, chars(f.local));
+        if (schema_.kind(f.schema) != NodeKind::leaf)
+            return true;
+        for (const Frame::Leaf &held : parent.leaves)
+            if (held.node == f.schema && held.ns == ns) {
+                fail(f.line, element_name(chars(f.local)) + " is given twice in " +
+                                 element_name(chars(parent.local)) + ", first on line " +
+                                 std::to_string(held.line));
+                return false;
+            }
+        parent.leaves.push_back({f.schema, ns, f.line});
+        return true;
+    }
+
     Frame &open_frame()
     {
         if (frames_.size() == depth_)
@@ -168,6 +202,7 @@ private:
         Frame &f = frames_[depth_++];
         f.has_text = f.has_elements = f.nonblank = false;
         f.text.clear();
+        f.leaves.clear();
         return f;
     }
 
@@ -185,8 +220,10 @@ private:
         f.prefix = prefix;
         f.local = local;
         f.line = line;
-        if (r.depth_ == 1)
-            return; // ours, around the document
+        if (r.depth_ == 1) {
+            f.schema = r.schema_.root(); // ours, around the document
+            return;
+        }
         if (r.depth_ - 1 > max_depth) {
             r.fail(line,
                    "the document nests deeper than " + std::to_string(max_depth) + " elements");
@@ -197,9 +234,11 @@ private:
             return;
         }
         vidl_yfw_datatree &node = r.builder_.open(chars(local), chars(uri), line);
-        if (r.depth_ <= 3 && r.first_envelope_[r.depth_ - 2].empty() &&
-            is_envelope(chars(local), chars(uri)))
+        const bool envelope = is_envelope(chars(local), chars(uri));
+        if (r.depth_ <= 3 && r.first_envelope_[r.depth_ - 2].empty() && envelope)
             r.first_envelope_[r.depth_ - 2] = {qualified(prefix, local), line};
+        if (!r.place(f, r.frames_[r.depth_ - 2], node.ns, envelope && r.depth_ == 2))
+            return;
         // Attributes come in fives: local name, prefix, namespace, value, end.
         for (int i = 0; i < attribute_count; ++i) {
             const xmlChar **a = attributes + 5 * i;
@@ -308,10 +347,52 @@ private:
         // Namespace prefixes are checked where they matter, with our words.
         if (e == nullptr || e->level < XML_ERR_ERROR || e->domain == XML_FROM_NAMESPACE)
             return;
-        std::string what = e->message != nullptr ? e->message : "not well-formed";
-        while (!what.empty() && (what.back() == '\n' || what.back() == ' '))
-            what.pop_back();
-        r.fail(e->line, "malformed XML: " + what);
+        r.fail(e->line, "malformed XML: " + describe(*e));
+    }
+
+    // libxml2's report in one line, and in the document's terms: the element
+    // of our own around the document is not named.
+    static std::string describe(const xmlError &e)
+    {
+        std::string_view message = chars(reinterpret_cast<const xmlChar *>(e.message));
+        message = message.substr(0, message.find('\n'));
+        while (!message.empty() && (message.back() == ' ' || message.back() == '!'))
+            message.remove_suffix(1);
+        std::string_view first = chars(reinterpret_cast<const xmlChar *>(e.str1));
+        std::string_view second = chars(reinterpret_cast<const xmlChar *>(e.str2));
+        switch (e.code) {
+        case XML_ERR_INVALID_CHAR:
+        case XML_ERR_INVALID_CHARREF:
+            if (message.starts_with("Input is not proper UTF-8")) {
+                first = first.substr(0, first.find('\n'));
+                if (first.starts_with("Bytes: "))
+                    first.remove_prefix(7);
+                return "the text is not UTF-8, at bytes " + std::string(first);
+            }
+            return "character U+" + hex(e.int1) + " is not allowed in XML";
+        case XML_ERR_TAG_NAME_MISMATCH:
+            if (second == element_of_our_own)
+                return element_name(first) + " is not closed";
+            if (first == element_of_our_own)
+                return "</" + std::string(second) + "> closes no open element";
+            break;
+        case XML_ERR_DOCUMENT_END:
+            return "content after the end of the document";
+        case XML_ERR_INTERNAL_ERROR:
+            // What libxml2 reports of markup it cannot take in content.
+            return "a declaration (<!...>) where only elements, text, comments and CDATA may "
+                   "stand";
+        default:
+            break;
+        }
+        return message.empty() ? std::string("not well-formed") : std::string(message);
+    }
+
+    static std::string hex(int value)
+    {
+        char text[16];
+        std::snprintf(text, sizeof text, "%04X", static_cast<unsigned>(value));
+        return text;
     }
 
     Document finish()
@@ -345,6 +426,7 @@ private:
         bool empty() const { return name.empty(); }
     };
 
+    static inline const ModelSchema schema_;
     xmlParserCtxtPtr ctxt_;
     yfwhost::TreeBuilder builder_;
     std::vector<Frame> frames_;
@@ -376,7 +458,9 @@ void escape(Output &out, std::string_view s, bool attribute)
             with = "&gt;";
         else if (c == '"' && attribute)
             with = "&quot;";
-        else if (c < 32 && (attribute || (c != '\t' && c != '\n' && c != '\r'))) {
+        else if (c < 32 && (attribute || (c != '\t' && c != '\n'))) {
+            // A tab and a line feed stand as they are in text; a carriage
+            // return as such would be read back as a line feed.
             std::snprintf(code, sizeof code, "&#%02u;", c);
             with = code;
         }
