@@ -155,11 +155,56 @@ constexpr const char *netmask_path =
     "/interface-configurations/interface-configuration/ipv4-network/addresses/primary/netmask";
 constexpr verrno INVALID_PREFIX_LENGTH = 16;
 
+// A prefix length as a client wrote it.  A number is decimal digits with an
+// optional sign, blanks around them allowed; its value is kept only as far
+// as a netmask needs it, so that no text, however long, overflows.  Any
+// other text is not a number, and counts as 0.
+struct PrefixLength {
+    bool zero = true;     // the number is 0, or the text is not a number
+    bool netmask = true;  // from 0 to 32: a netmask an edit may write
+    uint32_t residue = 0; // the number modulo 32, of a negative one too
+};
+
+bool blank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+PrefixLength prefix_length(const char *text)
+{
+    const char *p = text;
+    while (blank(*p))
+        ++p;
+    const bool negative = *p == '-';
+    if (*p == '-' || *p == '+')
+        ++p;
+    const char *digits = p;
+    uint32_t value = 0; // stops at what no prefix length reaches
+    uint32_t residue = 0;
+    for (; *p >= '0' && *p <= '9'; ++p) {
+        const uint32_t d = static_cast<uint32_t>(*p - '0');
+        value = value * 10 + d;
+        if (value > 1000)
+            value = 1000;
+        residue = (residue * 10 + d) % 32;
+    }
+    const char *end = p;
+    while (blank(*p))
+        ++p;
+    if (end == digits || *p != '\0')
+        return {};
+    PrefixLength n;
+    n.zero = value == 0;
+    n.netmask = n.zero || (!negative && value <= 32);
+    n.residue = negative ? (32 - residue) % 32 : residue;
+    return n;
+}
+
 // The dotted netmask of a prefix length; the shift is taken modulo 32, so a
 // read has no bound (40 gives 255.0.0.0).
-const char *netmask(uint32_t n)
+const char *netmask(const PrefixLength &n)
 {
-    uint32_t word = n == 0 ? 0 : 0xFFFFFFFFu << ((32u - n) % 32u);
+    uint32_t word = n.zero ? 0 : 0xFFFFFFFFu << ((32u - n.residue) % 32u);
     return vlm_inet_ntoa(htonl(word));
 }
 
@@ -246,9 +291,9 @@ YFW_EXPORT verrno ymap_ov_octunnel_openconfigiftunnel_leaf_lvla_tunnel_state_gre
 YFW_EXPORT const char *
 oc_tunnel_plat_to_vlm_inv_name_conv_prefixlength(const struct vidl_yfw_datatree *in)
 {
-    if ((in->present & YFW_PRESENT_VALUE) == 0)
+    if ((in->present & YFW_PRESENT_VALUE) == 0 || in->value == nullptr)
         return nullptr;
-    return netmask(static_cast<uint32_t>(atoi(in->value)));
+    return netmask(prefix_length(in->value));
 }
 
 // /interfaces/interface/tunnel/ipv4/addresses/address/config/prefix-length
@@ -268,10 +313,11 @@ YFW_EXPORT verrno to_low_config_preLen(yfw_map_ctx ctx, const struct vidl_yfw_da
                                                oc_tunnel_plat_to_vlm_inv_name_conv_prefixlength(in),
                                                nullptr, nullptr, 0, 1);
     } else if (!yfw_map_is_request_delete(in)) {
-        uint32_t n = (in->present & YFW_PRESENT_VALUE) != 0 && in->value != nullptr
-                         ? static_cast<uint32_t>(atoi(in->value))
-                         : 33;
-        if (n >= 33) {
+        // A negative number, or one above 32 however long, is refused;
+        // so is an edit without a value, which has no netmask to write.
+        const bool valued = (in->present & YFW_PRESENT_VALUE) != 0 && in->value != nullptr;
+        const PrefixLength n = valued ? prefix_length(in->value) : PrefixLength{false, false, 0};
+        if (!n.netmask) {
             YFW_ERR(ctx, __func__, "Invalid prefix-length");
             YFW_TRC(ctx, __func__, "End");
             return INVALID_PREFIX_LENGTH;
