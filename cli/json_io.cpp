@@ -653,6 +653,8 @@ private:
     int envelope_line_ = 0;
 };
 
+} // namespace
+
 // ------------------------------------------------------------------ writing
 
 using yfwhost::Answer;
@@ -661,9 +663,9 @@ using yfwhost::Answer;
 // so that no node asks twice: each name of the answer (tag and namespace)
 // belongs to a member class (tag and module), and each schema node keeps
 // its children by class, so a node's member is found without a lookup.
-class Writer {
+class JsonWriter {
 public:
-    Writer(const JsonSchema &schema, const Answer &answer, Output &out)
+    JsonWriter(const JsonSchema &schema, const Answer &answer, Output &out)
         : schema_(schema), answer_(answer), stream_{out}, json_(stream_)
     {
         json_.SetIndent(' ', 2);
@@ -916,8 +918,6 @@ private:
     std::string name_;
 };
 
-} // namespace
-
 Document read_json_document(Input &input)
 {
     Stream stream(input);
@@ -942,11 +942,17 @@ Document read_json_document(Input &input)
     return builder.finish();
 }
 
-void write_json_document(const yfwhost::Answer &answer, const JsonSchema &schema, Output &out)
+JsonAnswer::JsonAnswer(const yfwhost::Answer &answer, const JsonSchema &schema, Output &out)
+    : writer_(std::make_unique<JsonWriter>(schema, answer, out))
 {
-    Writer writer(schema, answer, out);
-    writer.check();
-    writer.document();
+    writer_->check();
+}
+
+JsonAnswer::~JsonAnswer() = default;
+
+void JsonAnswer::write()
+{
+    writer_->document();
 }
 
 } // namespace octunnel

@@ -4,6 +4,8 @@
 #include "document.h"
 #include "json_schema.h"
 
+#include <memory>
+
 namespace octunnel {
 
 // Reads the top-level nodes of a JSON document: one object whose members are
@@ -17,8 +19,20 @@ Document read_json_document(Input &input);
 
 // The children of the answer's root (the envelope, which JSON does not
 // write) as a JSON document, lists and values as `schema` tells, operations
-// as metadata.  Throws std::runtime_error, before writing anything, for a
-// namespace that has no module name.
-void write_json_document(const yfwhost::Answer &answer, const JsonSchema &schema, Output &out);
+// as metadata.  Made in two steps so that a caller can tell whether the
+// answer can be written before it commits to anything else: the
+// constructor throws std::runtime_error, before anything is written, for a
+// namespace that has no module name; write() then writes it all.
+class JsonAnswer {
+public:
+    JsonAnswer(const yfwhost::Answer &answer, const JsonSchema &schema, Output &out);
+    ~JsonAnswer();
+    JsonAnswer(const JsonAnswer &) = delete;
+    JsonAnswer &operator=(const JsonAnswer &) = delete;
+    void write();
+
+private:
+    std::unique_ptr<class JsonWriter> writer_;
+};
 
 } // namespace octunnel

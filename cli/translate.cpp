@@ -211,6 +211,12 @@ public:
                 ring_->out().put('\n');
             }
         }
+        // Whether the answer can be written is known before anything is:
+        // the files stay unwritten when it cannot.
+        Output out(answer);
+        std::optional<JsonAnswer> json;
+        if (rc == YFW_OK && o_.json)
+            json.emplace(req_.answer(), *schema, out);
         for (std::optional<OutputFile> *file : {&emissions_, &log_, &ring_})
             if (*file)
                 (*file)->commit();
@@ -218,9 +224,8 @@ public:
             report_failure(rc, req_, err_);
             return exit_refused;
         }
-        Output out(answer);
-        if (o_.json)
-            write_json_document(req_.answer(), *schema, out);
+        if (json)
+            json->write();
         else
             write_document(req_.answer(), out);
         out.flush();
