@@ -53,7 +53,8 @@ uint32_t hash_text(std::string_view s)
         h ^= h >> 29;
     }
     uint64_t tail = 0;
-    std::memcpy(&tail, s.data() + i, s.size() - i);
+    if (i < s.size())
+        std::memcpy(&tail, s.data() + i, s.size() - i);
     h = (h ^ tail) * k;
     h ^= h >> 32;
     return static_cast<uint32_t>(h);
@@ -61,6 +62,7 @@ uint32_t hash_text(std::string_view s)
 
 const char *StringPool::find(std::string_view s) const
 {
+    s = with_data(s);
     if (slots_.empty())
         return nullptr;
     const uint32_t h = hash_text(s);
@@ -77,6 +79,7 @@ const char *StringPool::find(std::string_view s) const
 
 void StringPool::insert(std::string_view s, const char *copy)
 {
+    s = with_data(s);
     if ((used_ + 1) * 4 > slots_.size() * 3)
         grow();
     const uint32_t h = hash_text(s);
@@ -105,6 +108,7 @@ void StringPool::grow()
 
 uint32_t TextIndex::find(std::string_view text) const
 {
+    text = with_data(text);
     if (slots_.empty())
         return none;
     const uint32_t h = hash_text(text);
@@ -121,6 +125,7 @@ uint32_t TextIndex::find(std::string_view text) const
 
 void TextIndex::insert(std::string_view text, uint32_t value)
 {
+    text = with_data(text);
     if ((used_ + 1) * 4 > slots_.size() * 3)
         grow();
     const uint32_t h = hash_text(text);

@@ -70,6 +70,13 @@ private:
     std::size_t used_ = 0;
 };
 
+// `s`, with data even when empty: the tables below take a null pointer for
+// an empty slot, and the C library's string functions take none at all.
+inline std::string_view with_data(std::string_view s)
+{
+    return s.data() != nullptr ? s : std::string_view("", 0);
+}
+
 // The hash of a text, eight bytes at a time: namespaces are long and alike
 // but for their ends.
 uint32_t hash_text(std::string_view s);

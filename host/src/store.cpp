@@ -97,6 +97,7 @@ void Store::remember(std::string_view s, const char *copy) const
 
 char *Store::intern(std::string_view s)
 {
+    s = with_data(s);
     const char *known = recent(s);
     if (known == nullptr) {
         known = strings_.find(s);
@@ -112,6 +113,7 @@ char *Store::intern(std::string_view s)
 
 const char *Store::interned(std::string_view s) const
 {
+    s = with_data(s);
     const char *known = recent(s);
     if (known == nullptr) {
         known = strings_.find(s);
@@ -123,6 +125,7 @@ const char *Store::interned(std::string_view s) const
 
 char *Store::copy(std::string_view s)
 {
+    s = with_data(s);
     auto *p = static_cast<char *>(raw(s.size() + 1, 1));
     std::memcpy(p, s.data(), s.size());
     p[s.size()] = '\0';
