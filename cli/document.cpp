@@ -65,6 +65,26 @@ void Output::flush()
         throw std::runtime_error(std::string("cannot write the answer: ") + std::strerror(errno));
 }
 
+std::string one_line(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        const auto u = static_cast<unsigned char>(c);
+        if (u >= 0x20 && u != 0x7F) {
+            out.push_back(c);
+            continue;
+        }
+        char escape[8];
+        if (c == '\n' || c == '\r' || c == '\t')
+            std::snprintf(escape, sizeof escape, "\\%c", c == '\n' ? 'n' : c == '\r' ? 'r' : 't');
+        else
+            std::snprintf(escape, sizeof escape, "\\x%02X", u);
+        out.append(escape);
+    }
+    return out;
+}
+
 void LineCounter::pass(std::string_view piece)
 {
     line_ += static_cast<int>(std::count(piece.begin(), piece.end(), '\n'));

@@ -33,4 +33,9 @@ inline std::string quoted(std::string_view name)
     return enclosed('\'', name, '\'');
 }
 
+// `text` as one line of a message: what would break the line or not show
+// (control characters, DEL) written as escapes, \n, \r, \t or \xNN.
+// Messages quote names and values of the input, which may hold anything.
+std::string one_line(std::string_view text);
+
 } // namespace octunnel

@@ -247,15 +247,6 @@ private:
         return interned;
     }
 
-    // `s` up to what a message cannot show, with "..." for the rest.
-    static std::string printable(std::string_view s)
-    {
-        std::size_t end = 0;
-        while (end < s.size() && static_cast<unsigned char>(s[end]) >= 0x20)
-            ++end;
-        return std::string(s.substr(0, end)) + (end < s.size() ? "..." : "");
-    }
-
     // What of `s` a document cannot carry, in words, or "" when all is well:
     // a NUL would cut names and values short in the trees, and XML allows
     // no other control character but tab, line feed and carriage return,
@@ -291,7 +282,7 @@ private:
         if (o.frame == Frame::ignored)
             return true;
         if (std::string bad = unfit(name); !bad.empty())
-            return fail(at, "member name '" + printable(name) + "' holds " + bad);
+            return fail(at, "member name '" + one_line(name) + "' holds " + bad);
         const char *interned = intern(name);
         if (repeated(o, interned))
             return fail(at, "member '" + std::string(name) + "' appears twice");

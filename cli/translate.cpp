@@ -159,11 +159,11 @@ void report_failure(verrno rc, yfwhost::Request &req, std::ostream &err)
     err << "octunnel: error " << (name != nullptr ? name : std::to_string(rc)) << " (" << code
         << ")\n";
     if (req.state().error_tag != nullptr)
-        err << "error-tag: " << req.state().error_tag << '\n';
+        err << "error-tag: " << one_line(req.state().error_tag) << '\n';
     if (!req.error_path().empty())
-        err << "error-path: " << req.error_path() << '\n';
+        err << "error-path: " << one_line(req.error_path()) << '\n';
     if (req.state().error_text != nullptr)
-        err << "error-text: " << req.state().error_text << '\n';
+        err << "error-text: " << one_line(req.state().error_text) << '\n';
 }
 
 // One walk: the request set up with the options' tracing, and what the
@@ -195,7 +195,7 @@ public:
             err_ << "octunnel: note: " << source_name(o_.input);
             if (line > 0)
                 err_ << ':' << line;
-            err_ << ": " << text << '\n';
+            err_ << ": " << one_line(text) << '\n';
         };
     }
 
@@ -302,11 +302,11 @@ int Translator::run(const Options &o, Direction d, Input &input, std::FILE *answ
         err << "octunnel: " << source_name(o.input);
         if (e.line > 0)
             err << ':' << e.line;
-        err << ": " << e.what() << '\n';
+        err << ": " << one_line(e.what()) << '\n';
     } catch (const std::bad_alloc &) {
         err << "octunnel: out of memory\n";
     } catch (const std::exception &e) {
-        err << "octunnel: " << e.what() << '\n';
+        err << "octunnel: " << one_line(e.what()) << '\n';
     }
     return exit_unusable;
 }

@@ -32,7 +32,7 @@ constexpr std::string_view fragment_close = "</octunnel-document>";
 
 std::string_view chars(const xmlChar *s)
 {
-    return s != nullptr ? std::string_view(reinterpret_cast<const char *>(s)) : std::string_view();
+    return std::string_view(s != nullptr ? reinterpret_cast<const char *>(s) : "");
 }
 
 bool blank(std::string_view s)

@@ -201,11 +201,12 @@ TEST(Hostile, TextThatNoDocumentMayCarryIsRefused)
                     native_xml, ":2: malformed XML: a declaration"),
             REFUSED("XML, an element not closed", "<interfaces " + std::string(OC) + ">\n<a>",
                     native_xml, ":2: malformed XML: <a> is not closed"),
-            REFUSED("JSON, NUL in a root's name",
-                    R"({"openconfig-interfaces:interfaces\u0000junk":{}})", native_json,
-                    "member name 'openconfig-interfaces:interfaces...' holds a NUL character"),
+            REFUSED(
+                "JSON, NUL in a root's name",
+                R"({"openconfig-interfaces:interfaces\u0000junk":{}})", native_json,
+                "member name 'openconfig-interfaces:interfaces\\x00junk' holds a NUL character"),
             REFUSED("JSON, NUL in a leaf's name", json_tunnel_config(R"("src\u0000x":"192.0.2.1")"),
-                    native_json, "member name 'src...' holds a NUL character"),
+                    native_json, "member name 'src\\x00x' holds a NUL character"),
             REFUSED(
                 "JSON, NUL in a key",
                 R"({"openconfig-interfaces:interfaces":{"interface":[{"name":"tunnel-ip12\u0000evil"}]}})",
