@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian machine and runs the whole test suite twice: in a
-# normal build, then under AddressSanitizer and UndefinedBehaviorSanitizer.
+# Release build, then under AddressSanitizer and UndefinedBehaviorSanitizer;
+# then runs each fuzz target for a short while (scripts/fuzz.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -18,3 +19,5 @@ run() {
 run build -DCMAKE_BUILD_TYPE=Release
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   run build-sanitize -DCMAKE_BUILD_TYPE=Debug -DOCTUNNEL_SANITIZE=ON
+echo "== fuzz: each target for 30 s, under AddressSanitizer and UndefinedBehaviorSanitizer"
+scripts/fuzz.sh 30

@@ -1,0 +1,133 @@
+#!/usr/bin/env python3
+"""Writes the seed corpus and the dictionary of octunnel's fuzz targets.
+
+    fuzz_corpus.py OUT_DIR
+
+Seeds come from the golden cases (tests/golden/cases/*/input.{xml,json},
+with the request fields their args name) and the examples, each as the
+target of its direction and format expects it: a header of twelve bytes
+(see tests/fuzz/translate_fuzzer.cpp), then the document.  They go to
+OUT_DIR/<target>/.  The dictionary, OUT_DIR/octunnel.dict, holds the words
+of the models (every tag of the model descriptions, the namespaces, the
+JSON module names) and of NETCONF, in libFuzzer's format.
+"""
+
+import glob
+import os
+import shlex
+import sys
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(HERE)
+sys.path.insert(0, HERE)
+import ymapgen  # noqa: E402
+
+TARGETS = ["to-native-xml", "to-native-json", "to-oc-xml", "to-oc-json"]
+KINDS = {"get-config": 0, "edit": 1, "get": 2}
+NETCONF = "urn:ietf:params:xml:ns:netconf:base:1.0"
+
+
+def number(text):
+    return int(text, 16) if text.lower().startswith("0x") else int(text)
+
+
+def header(direction, args):
+    """The twelve bytes of the request fields that `args` name."""
+    kind = "get" if direction == "to-oc" else "edit"
+    router, view, marks = 0, 0, [0] * 9
+    words = iter(args)
+    for w in words:
+        if w == "--kind":
+            kind = next(words)
+        elif w == "--router-type":
+            router = number(next(words))
+        elif w == "--read-view":
+            view = number(next(words))
+        elif w == "--marks":
+            for item in next(words).split(","):
+                v = number(item[2:])
+                marks[ord(item[0]) - ord("a")] = (v | v >> 8 | v >> 16) & 0xFF
+    if kind in KINDS:
+        k = KINDS[kind]
+    else:
+        try:
+            k = (number(kind) % 64) * 4 + 3
+        except ValueError:
+            k = 1
+    r = 1 if router == 13 else (router * 2) % 256
+    return bytes([k, r, view % 4] + marks)
+
+
+def seeds():
+    """(target, name, header, document) of every case and example."""
+    for case in sorted(glob.glob(os.path.join(ROOT, "tests/golden/cases/*"))):
+        args = ["to-oc"]
+        if os.path.exists(os.path.join(case, "args")):
+            with open(os.path.join(case, "args")) as f:
+                args = shlex.split(f.read())
+        direction = args[0] if args and args[0] in ("to-oc", "to-native") else "to-oc"
+        for fmt in ("xml", "json"):
+            path = os.path.join(case, "input." + fmt)
+            if os.path.exists(path):
+                with open(path, "rb") as f:
+                    yield (f"{direction}-{fmt}", os.path.basename(case), header(direction, args),
+                           f.read())
+    for path in sorted(glob.glob(os.path.join(ROOT, "examples/*.xml"))):
+        with open(path, "rb") as f:
+            doc = f.read()
+        direction = "to-native" if b"http://openconfig.net/yang/interfaces" in doc else "to-oc"
+        name = os.path.basename(path)[:-4]
+        args = ["--kind", "get" if "read" in name else "get-config" if "config" in name else
+                ("edit" if direction == "to-native" else "get")]
+        yield f"{direction}-xml", name, header(direction, args), doc
+
+
+def words():
+    found = {"merge", "replace", "create", "delete", "remove", "operation", "nc:operation",
+             "xmlns", "xmlns:nc", NETCONF, "data", "config", "filter", "type", "subtree",
+             "ietf-netconf:operation", "ietf-netconf:data", "ietf-netconf:config",
+             "ietf-netconf:filter", "@", "[null]", "act", "tunnel-ip12", "<![CDATA[", "]]>",
+             "<!--", "-->", "&amp;", "&#", "<?xml version=\"1.0\"?>"}
+    for path in glob.glob(os.path.join(ROOT, "src/models/*.ymap")):
+        with open(path, encoding="utf-8") as f:
+            model = ymapgen.parse(f.read())
+        for n in ymapgen.walk(model):
+            found.update(model.path(n).strip("/").split("/"))
+            found.update(n.opts.get("keys", []))
+    with open(os.path.join(ROOT, "include/octunnel/yfw_namespaces.h"), encoding="utf-8") as f:
+        for line in f:
+            if '"' in line:
+                ns = line.split('"')[1]
+                found.add(ns)
+                if "Valmora-" in ns:
+                    found.add(ns[ns.index("Valmora-"):])
+    found.update(["openconfig-interfaces", "openconfig-if-ip", "openconfig-if-tunnel",
+                  "openconfig-vlan"])
+    return sorted(w for w in found if w)
+
+
+def quoted(word):
+    out = ""
+    for ch in word.encode():
+        c = chr(ch)
+        if c in '"\\' or not 32 <= ch < 127:
+            out += "\\x%02X" % ch
+        else:
+            out += c
+    return '"' + out + '"'
+
+
+def main():
+    out = sys.argv[1]
+    for t in TARGETS:
+        os.makedirs(os.path.join(out, t), exist_ok=True)
+    for target, name, head, doc in seeds():
+        with open(os.path.join(out, target, "seed-" + name), "wb") as f:
+            f.write(head + doc)
+    with open(os.path.join(out, "octunnel.dict"), "w") as f:
+        for w in words():
+            f.write(quoted(w) + "\n")
+
+
+if __name__ == "__main__":
+    main()
