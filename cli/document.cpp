@@ -85,6 +85,67 @@ std::string one_line(std::string_view text)
     return out;
 }
 
+bool Utf8Check::pass(std::string_view piece, std::size_t &bad)
+{
+    const auto *p = reinterpret_cast<const unsigned char *>(piece.data());
+    const std::size_t n = piece.size();
+    std::size_t i = 0;
+    // Where the character being checked starts, when in this piece.
+    std::size_t lead = n;
+    while (i < n) {
+        if (need_ == 0) {
+            // Most of a document is ASCII: eight bytes at a time.
+            while (i + 8 <= n) {
+                uint64_t word;
+                std::memcpy(&word, p + i, 8);
+                if ((word & 0x8080808080808080ull) != 0)
+                    break;
+                i += 8;
+            }
+            if (i == n)
+                break;
+            const unsigned char c = p[i];
+            if (c < 0x80) {
+                ++i;
+                continue;
+            }
+            lead = i;
+            low_ = 0x80;
+            high_ = 0xBF;
+            if (c >= 0xC2 && c <= 0xDF)
+                need_ = 1;
+            else if (c >= 0xE0 && c <= 0xEF) {
+                need_ = 2;
+                if (c == 0xE0)
+                    low_ = 0xA0; // no overlong form
+                else if (c == 0xED)
+                    high_ = 0x9F; // no surrogate
+            } else if (c >= 0xF0 && c <= 0xF4) {
+                need_ = 3;
+                if (c == 0xF0)
+                    low_ = 0x90; // no overlong form
+                else if (c == 0xF4)
+                    high_ = 0x8F; // nothing past U+10FFFF
+            } else {
+                bad = i;
+                return false;
+            }
+            ++i;
+            continue;
+        }
+        const unsigned char c = p[i];
+        if (c < low_ || c > high_) {
+            bad = lead < n ? lead : i;
+            return false;
+        }
+        low_ = 0x80;
+        high_ = 0xBF;
+        --need_;
+        ++i;
+    }
+    return true;
+}
+
 void LineCounter::pass(std::string_view piece)
 {
     line_ += static_cast<int>(std::count(piece.begin(), piece.end(), '\n'));

@@ -117,6 +117,21 @@ inline void PutUnsafe(OutputStream &s, char c)
     s.out.put_reserved(c);
 }
 
+// Checks that a text is UTF-8 as RFC 3629 defines it (no overlong forms,
+// no surrogates, nothing past U+10FFFF), piece by piece as it streams by.
+class Utf8Check {
+public:
+    // Whether `piece` goes on well from what came before; if not, `bad`
+    // is the offset in it of the first byte at fault.
+    bool pass(std::string_view piece, std::size_t &bad);
+    // Whether the text may end here, not in the middle of a character.
+    bool complete() const { return need_ == 0; }
+
+private:
+    int need_ = 0;                           // continuation bytes still to come
+    unsigned char low_ = 0x80, high_ = 0xBF; // the range of the next one
+};
+
 // Where a line of text sits: counts lines as the text goes by, piece by piece.
 class LineCounter {
 public:

@@ -31,11 +31,18 @@ int main(int argc, char **argv)
                               "  0  translated\n"
                               "  1  the module refused the input (its error on stderr, nothing "
                               "on stdout)\n"
-                              "  2  usage, input or installation error\n";
+                              "  2  usage, input or installation error: one line on stderr,\n"
+                              "     nothing on stdout, no --emissions, --log or --ring file\n";
+    const std::string limits = "Limits: a document of at most " +
+                               std::to_string(max_document_bytes >> 20) + " MiB, nested at most " +
+                               std::to_string(max_depth) +
+                               " elements\n  deep (JSON: " + std::to_string(max_json_depth) +
+                               " levels of objects and arrays); XML 1.0 in UTF-8 without\n"
+                               "  DOCTYPE, or JSON in UTF-8; a leaf at most once in its element.\n";
     const std::string environment =
         "Environment: OCTUNNEL_MODULE (the module), OCTUNNEL_YANG_DIR (to-oc: the\n"
         "  OpenConfig models of a JSON answer).";
-    app.footer(kinds + formats + exits + environment +
+    app.footer(kinds + formats + exits + limits + environment +
                "\nSee 'octunnel SUBCOMMAND --help' for the options of each.");
 
     Options o;
@@ -48,7 +55,7 @@ int main(int argc, char **argv)
                    "Directory of the OpenConfig YANG models that type a JSON answer (default: "
                    "$OCTUNNEL_YANG_DIR, else " OCTUNNEL_DEFAULT_YANG_DIR ")")
         ->type_name("DIR");
-    oc->footer(kinds + formats + exits + environment);
+    oc->footer(kinds + formats + exits + limits + environment);
     CLI::App *native = app.add_subcommand(
         "to-native", "An OpenConfig request on /interfaces (an edit, or a read whose tree is a "
                      "subtree filter) to the native request tree: in XML inside a NETCONF "
@@ -65,7 +72,7 @@ int main(int argc, char **argv)
     native->add_flag("--resolve-names", on.resolve_names,
                      "Let the resolver look names up (by default it takes numeric addresses only, "
                      "so a translation never waits on the network)");
-    native->footer(kinds + formats + exits + environment);
+    native->footer(kinds + formats + exits + limits + environment);
 
     try {
         app.parse(argc, argv);

@@ -90,11 +90,17 @@ public:
         if (piece.starts_with("\xEF\xBB\xBF"))
             piece.remove_prefix(3);
         std::size_t head = prolog(piece);
+        check(piece);
         feed(piece.substr(0, head));
         feed(fragment_open);
         feed(piece.substr(head));
-        for (piece = input.next(); !piece.empty(); piece = input.next())
+        for (piece = input.next(); !piece.empty(); piece = input.next()) {
+            check(piece);
             feed(piece);
+        }
+        if (!utf8_.complete())
+            throw InputError(lines_.line(),
+                             "malformed XML: the text is not UTF-8: it ends inside a character");
         feed(fragment_close);
         feed({}, true);
         return finish();
@@ -156,6 +162,26 @@ private:
             break;
         }
         return head;
+    }
+
+    // The document must be UTF-8 throughout.  libxml2 checks most of it,
+    // but not every part: a CDATA section let overlong forms through.
+    void check(std::string_view piece)
+    {
+        std::size_t bad = 0;
+        if (!utf8_.pass(piece, bad)) {
+            lines_.pass(piece.substr(0, bad));
+            std::string bytes;
+            for (std::size_t i = bad; i < piece.size() && i < bad + 4; ++i) {
+                char hex[8];
+                std::snprintf(hex, sizeof hex, " 0x%02X",
+                              static_cast<unsigned>(static_cast<unsigned char>(piece[i])));
+                bytes += hex;
+            }
+            throw InputError(lines_.line(),
+                             "malformed XML: the text is not UTF-8, at bytes" + bytes);
+        }
+        lines_.pass(piece);
     }
 
     void feed(std::string_view text, bool last = false)
@@ -436,6 +462,8 @@ private:
     Envelope first_envelope_[2];
     std::optional<InputError> error_;
     std::string run_; // the character data since the last markup
+    Utf8Check utf8_;
+    LineCounter lines_; // of the pieces checked so far
 };
 
 // ------------------------------------------------------------------ writing
