@@ -53,7 +53,7 @@ int main(int argc, char **argv)
     o.add_common(*oc, "get");
     oc->add_option("--yang-dir", o.yang_dir,
                    "Directory of the OpenConfig YANG models that type a JSON answer (default: "
-                   "$OCTUNNEL_YANG_DIR, else " OCTUNNEL_DEFAULT_YANG_DIR ")")
+                   "$OCTUNNEL_YANG_DIR, else the models installed with the tool)")
         ->type_name("DIR");
     oc->footer(kinds + formats + exits + limits + environment);
     CLI::App *native = app.add_subcommand(

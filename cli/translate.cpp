@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <initializer_list>
 #include <optional>
 #include <rapidjson/writer.h>
 #include <unistd.h>
@@ -249,26 +250,54 @@ Document read_input(const Options &o, Input &input)
 Translator::Translator() = default;
 Translator::~Translator() = default;
 
+namespace {
+
+// The directory of the running program, with its trailing '/'.
+std::string program_dir()
+{
+    char exe[4096];
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    std::string dir = n > 0 ? std::string(exe, static_cast<std::size_t>(n)) : std::string("./");
+    return dir.substr(0, dir.find_last_of('/') + 1);
+}
+
+// The first of `candidates`, relative to the program, that exists; else the
+// last, so that the error that follows names where an install puts it.
+std::string beside_program(std::initializer_list<const char *> candidates)
+{
+    const std::string dir = program_dir();
+    std::string path;
+    for (const char *c : candidates) {
+        path = dir + c;
+        if (access(path.c_str(), F_OK) == 0)
+            break;
+    }
+    return path;
+}
+
+} // namespace
+
+// The build tree has the module beside the tool; an install has it in a
+// directory of its own, found relative to the tool so that the installed
+// tree may be moved.
 std::string Translator::module_path(const Options &o)
 {
     if (!o.module.empty())
         return o.module;
     if (const char *env = std::getenv("OCTUNNEL_MODULE"); env != nullptr && *env != '\0')
         return env;
-    char exe[4096];
-    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    std::string dir = n > 0 ? std::string(exe, static_cast<std::size_t>(n)) : std::string(".");
-    dir = dir.substr(0, dir.find_last_of('/') + 1);
-    return dir + "liboctunnel.so";
+    return beside_program({"liboctunnel.so", OCTUNNEL_MODULE_FROM_BIN});
 }
 
+// The build tree links share/octunnel/yang beside the tool to the vendored
+// models; an install puts them in its data directory.
 std::string yang_dir(const Options &o)
 {
     if (!o.yang_dir.empty())
         return o.yang_dir;
     if (const char *env = std::getenv("OCTUNNEL_YANG_DIR"); env != nullptr && *env != '\0')
         return env;
-    return OCTUNNEL_DEFAULT_YANG_DIR;
+    return beside_program({"share/octunnel/yang", OCTUNNEL_YANG_FROM_BIN});
 }
 
 const yfwhost::Module &Translator::module(const std::string &path)

@@ -46,7 +46,7 @@ public:
     int run(const Options &o, Direction d, Input &input, std::FILE *answer, std::ostream &err);
 
     // The module of `o`: --module, else $OCTUNNEL_MODULE, else the one
-    // beside the program.
+    // installed with the program, found relative to it.
     static std::string module_path(const Options &o);
 
 private:
@@ -63,7 +63,8 @@ private:
 };
 
 // Where the OpenConfig YANG models of a JSON answer are read from: --yang-dir,
-// else $OCTUNNEL_YANG_DIR, else the directory the tool was built with.
+// else $OCTUNNEL_YANG_DIR, else the models installed with the tool, found
+// relative to it.
 std::string yang_dir(const Options &o);
 
 } // namespace octunnel

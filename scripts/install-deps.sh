@@ -8,7 +8,7 @@ packages=(
   libgtest-dev libgmock-dev
   libxml2-dev rapidjson-dev libcli11-dev libyang2-dev pkgconf
   libyang-tools time libbenchmark-dev
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format git man-db
 )
 
 missing=()

@@ -1,11 +1,16 @@
 #!/usr/bin/env bash
-# Sets up a fresh Debian machine and runs the whole test suite twice: in a
-# Release build, then under AddressSanitizer and UndefinedBehaviorSanitizer;
-# then runs each fuzz target for a short while (scripts/fuzz.sh).
+# Sets up a fresh Debian machine, checks that the C++ sources are formatted,
+# and runs the whole test suite twice: in a Release build (which also
+# installs itself into a temporary prefix and is used from there), then
+# under AddressSanitizer and UndefinedBehaviorSanitizer; then runs each fuzz
+# target for a short while (scripts/fuzz.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 jobs="$(nproc)"
+
+echo "== format: clang-format --dry-run -Werror"
+git ls-files -z -- '*.cpp' '*.h' ':!third_party' | xargs -0 clang-format --dry-run -Werror
 
 run() {
   local dir=$1; shift
