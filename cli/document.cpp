@@ -151,4 +151,31 @@ void LineCounter::pass(std::string_view piece)
     line_ += static_cast<int>(std::count(piece.begin(), piece.end(), '\n'));
 }
 
+void check_answer_text(const yfwhost::Answer &answer)
+{
+    for (yfwhost::Answer::Id id = 0; id < answer.size(); ++id) {
+        const char *value = answer.value(id);
+        if (value == nullptr)
+            continue;
+        const std::string_view text(value);
+        Utf8Check check;
+        std::size_t bad = 0;
+        if (check.pass(text, bad)) {
+            if (check.complete())
+                continue;
+            bad = text.size();
+        }
+        std::string bytes;
+        char hex[8];
+        for (std::size_t i = bad; i < text.size() && i < bad + 4; ++i) {
+            std::snprintf(hex, sizeof hex, " 0x%02X", static_cast<unsigned char>(text[i]));
+            bytes += hex;
+        }
+        throw InputError(0, "the module's answer holds text that is not UTF-8 in " +
+                                element_name(answer.tag(id)) +
+                                (bytes.empty() ? std::string(": it ends inside a character")
+                                               : ", at bytes" + bytes));
+    }
+}
+
 } // namespace octunnel

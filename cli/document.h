@@ -132,6 +132,13 @@ private:
     unsigned char low_ = 0x80, high_ = 0xBF; // the range of the next one
 };
 
+// Checks that every value of the answer is UTF-8, which both syntaxes need.
+// The input's text was checked as it was read, but the module may cut a
+// value anywhere (a tunnel id is what follows the ninth byte of its
+// interface's name), and no answer may carry half a character.  Throws
+// InputError naming the node and its bytes.
+void check_answer_text(const yfwhost::Answer &answer);
+
 // Where a line of text sits: counts lines as the text goes by, piece by piece.
 class LineCounter {
 public:

@@ -215,6 +215,8 @@ public:
         // Whether the answer can be written is known before anything is:
         // the files stay unwritten when it cannot.
         Output out(answer);
+        if (rc == YFW_OK)
+            check_answer_text(req_.answer());
         std::optional<JsonAnswer> json;
         if (rc == YFW_OK && o_.json)
             json.emplace(req_.answer(), *schema, out);

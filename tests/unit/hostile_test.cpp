@@ -148,7 +148,7 @@ void expect_refused(const Refusal &c, std::size_t limit = max_document_bytes)
         name, doc, args, says                                                                      \
     }
 const std::vector<std::string> native_xml, native_json{"json"}, oc_xml{"to-oc"},
-    oc_json{"to-oc", "json"};
+    oc_json{"to-oc", "json"}, native_get{"--kind", "get"}, native_json_get{"json", "--kind", "get"};
 
 TEST(Hostile, NestingBeyondTheLimitIsRefusedWithoutRecursion)
 {
@@ -182,6 +182,13 @@ TEST(Hostile, NestingBeyondTheLimitIsRefusedWithoutRecursion)
 
 TEST(Hostile, TextThatNoDocumentMayCarryIsRefused)
 {
+    const std::string cut_tunnel_name =
+        "<interfaces " + std::string(OC) + "><interface><name>tunnel-i\xC3\xA9</name>" +
+        "<tunnel xmlns=\"http://openconfig.net/yang/interfaces/tunnel\"><state><ttl/></state>" +
+        "</tunnel></interface></interfaces>";
+    const std::string json_cut_tunnel_name =
+        R"({"openconfig-interfaces:interfaces":{"interface":[{"name":"tunnel-i\u00e9",)"
+        R"("openconfig-if-tunnel:tunnel":{"state":{"ttl":[null]}}}]}})";
     for (
         const Refusal &c : {
             REFUSED("XML, a byte that is not UTF-8", tunnel_config("<ttl>6\xFF</ttl>"), native_xml,
@@ -219,6 +226,11 @@ TEST(Hostile, TextThatNoDocumentMayCarryIsRefused)
                     native_json, "malformed JSON: invalid encoding in string"),
             REFUSED("JSON, a lone surrogate", json_tunnel_config(R"("ttl":"\ud800")"), native_json,
                     "malformed JSON: the surrogate pair in string is invalid"),
+            // The tunnel id follows the ninth byte of the name, inside é.
+            REFUSED("an answer cut inside a character", cut_tunnel_name, native_get,
+                    "the module's answer holds text that is not UTF-8 in <tid>, at bytes 0xA9"),
+            REFUSED("JSON, an answer cut inside a character", json_cut_tunnel_name, native_json_get,
+                    "not UTF-8 in <tid>"),
         })
         expect_refused(c);
 }
