@@ -4,6 +4,7 @@
 // type calls for; none of that can be told from the tree alone.
 #pragma once
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -40,7 +41,8 @@ public:
 // the tool: their containers, lists, keys and described leaves, by path
 // without module names.  It types native answers, whose YANG modules are
 // not at hand, so every value is written as a string; the XML reader finds
-// in it the leaves an element may hold once.
+// in it the leaves an element may hold once, and the agent the keys of list
+// entries.
 class ModelSchema final : public JsonSchema {
 public:
     ModelSchema();
@@ -50,6 +52,11 @@ public:
     NodeKind kind(Node node) const override;
     bool typed(Node) const override { return false; }
     ValueKind value_kind(Node, std::string_view) const override { return ValueKind::string; }
+    // The keys of a list, in order; none for another node.
+    std::span<const std::string_view> keys(Node node) const;
+    // Whether `node` is a `state` container of OpenConfig: read-only, with
+    // all it holds.
+    bool state(Node node) const;
 
 private:
     struct Step;

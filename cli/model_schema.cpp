@@ -8,6 +8,8 @@ namespace {
 struct Row {
     std::string_view path; // schema path without module names
     NodeKind kind;
+    std::string_view keys; // a list's keys, in order, apart by spaces
+    bool state;            // an OpenConfig state container
 };
 constexpr Row rows[] = {
 #include "model_schema.inc"
@@ -20,6 +22,8 @@ struct ModelSchema::Step {
     std::string_view name;
     NodeKind kind = NodeKind::unknown;
     std::vector<std::pair<std::string_view, std::size_t>> children;
+    std::vector<std::string_view> keys;
+    bool state = false;
 };
 
 ModelSchema::ModelSchema() : steps_(1)
@@ -40,9 +44,16 @@ ModelSchema::ModelSchema() : steps_(1)
             }
             steps_[at].children.emplace_back(name, steps_.size());
             at = steps_.size();
-            steps_.push_back(Step{name, NodeKind::unknown, {}});
+            steps_.push_back(Step{name, NodeKind::unknown, {}, {}, false});
         }
-        steps_[at].kind = row.kind;
+        Step &step = steps_[at];
+        step.kind = row.kind;
+        step.state = row.state;
+        for (std::string_view keys = row.keys; !keys.empty();) {
+            std::string_view key = keys.substr(0, keys.find(' '));
+            step.keys.push_back(key);
+            keys.remove_prefix(std::min(keys.size(), key.size() + 1));
+        }
     }
 }
 
@@ -66,6 +77,22 @@ JsonSchema::Node ModelSchema::child(Node parent, std::string_view, std::string_v
 NodeKind ModelSchema::kind(Node node) const
 {
     return node != nullptr ? static_cast<const Step *>(node)->kind : NodeKind::unknown;
+}
+
+} // namespace octunnel
+
+namespace octunnel {
+
+std::span<const std::string_view> ModelSchema::keys(Node node) const
+{
+    if (node == nullptr)
+        return {};
+    return static_cast<const Step *>(node)->keys;
+}
+
+bool ModelSchema::state(Node node) const
+{
+    return node != nullptr && static_cast<const Step *>(node)->state;
 }
 
 } // namespace octunnel

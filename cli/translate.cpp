@@ -47,11 +47,18 @@ constexpr NativeRoot native_roots[] = {
      nullptr, nullptr},
 };
 
-const NativeRoot &route(const vidl_yfw_datatree &root)
+const NativeRoot *find_route(const vidl_yfw_datatree &root)
 {
     for (const NativeRoot &r : native_roots)
         if (std::string_view(root.tag) == r.tag && yfwhost::ns_match(r.ns, root.ns))
-            return r;
+            return &r;
+    return nullptr;
+}
+
+const NativeRoot &route(const vidl_yfw_datatree &root)
+{
+    if (const NativeRoot *r = find_route(root); r != nullptr)
+        return *r;
     std::string known;
     for (const NativeRoot &r : native_roots)
         known += std::string(known.empty() ? "" : ", ") + r.tag;
@@ -351,30 +358,14 @@ int Translator::translate(const Options &o, Direction d, Input &input, std::FILE
         std::shared_future<std::shared_ptr<OpenConfigSchema>> *schema =
             o.json ? &models(yang_dir(o)) : nullptr;
         Document doc = read_input(o, input);
-        std::vector<const NativeRoot *> routes;
         for (const vidl_yfw_datatree *root : doc.roots)
-            routes.push_back(&route(*root));
+            route(*root);
 
         const yfwhost::Module &mod = module(module_path(o));
         Session session(o, "data", err);
         yfwhost::Request &req = session.request();
         req.add_input(doc.tree.get());
-        verrno rc = YFW_OK;
-        for (std::size_t i = 0; i < doc.roots.size() && rc == YFW_OK; ++i) {
-            const NativeRoot &r = *routes[i];
-            vidl_yfw_datatree *root = doc.roots[i];
-            map_function walker =
-                r.walker != nullptr ? mod.function(r.walker) : mod.registration().native_to_oc_root;
-            if (walker == nullptr)
-                throw UsageError(std::string("the module does not export ") + r.walker);
-            rc = walker(req.ctx(), root, req.out());
-            if (r.augment_entry == nullptr)
-                continue;
-            map_function entry = mod.function(r.augment_entry);
-            for (std::size_t c = 0; c < yfwhost::tree_child_count(root) && rc == YFW_OK; ++c)
-                if (yfwhost::ns_match(r.augment_ns, root->subtrees[c].ns))
-                    rc = entry(req.ctx(), &root->subtrees[c], req.out());
-        }
+        verrno rc = walk_to_oc(mod, req, doc.roots);
         return session.finish(rc, schema != nullptr ? schema->get().get() : nullptr, answer);
     }
 
@@ -382,12 +373,7 @@ int Translator::translate(const Options &o, Direction d, Input &input, std::FILE
     // <config>, or a read's subtree <filter>.
     Document doc = read_input(o, input);
     for (const vidl_yfw_datatree *root : doc.roots)
-        if (std::string_view(root->tag) != "interfaces" ||
-            !yfwhost::ns_match(NS_OC_INTERFACES, root->ns))
-            throw InputError(static_cast<int>(root->fw_line),
-                             element_name(root->tag) + " in namespace '" + root->ns +
-                                 "' is not the OpenConfig <interfaces> root (" NS_OC_INTERFACES
-                                 ")");
+        check_oc_root(*root);
     yfwhost::set_router_type(static_cast<int>(o.router_type));
     yfwhost::set_resolve_names(o.resolve_names);
 
@@ -396,12 +382,56 @@ int Translator::translate(const Options &o, Direction d, Input &input, std::FILE
     const yfwhost::Module &mod = module(module_path(o));
     Session session(o, read ? "filter" : "config", err);
     yfwhost::Request &req = session.request();
-    map_function root_walker = mod.registration().oc_to_native_root;
     req.add_input(doc.tree.get());
-    verrno rc = YFW_OK;
-    for (std::size_t i = 0; i < doc.roots.size() && rc == YFW_OK; ++i)
-        rc = root_walker(req.ctx(), doc.roots[i], req.out());
+    verrno rc = walk_to_native(mod, req, doc.roots);
     return session.finish(rc, &schema, answer);
+}
+
+bool native_root_known(const vidl_yfw_datatree &root)
+{
+    return find_route(root) != nullptr;
+}
+
+void check_oc_root(const vidl_yfw_datatree &root)
+{
+    if (std::string_view(root.tag) != "interfaces" || !yfwhost::ns_match(NS_OC_INTERFACES, root.ns))
+        throw InputError(static_cast<int>(root.fw_line),
+                         element_name(root.tag) + " in namespace '" + root.ns +
+                             "' is not the OpenConfig <interfaces> root (" NS_OC_INTERFACES ")");
+}
+
+verrno walk_to_oc(const yfwhost::Module &mod, yfwhost::Request &req,
+                  std::span<vidl_yfw_datatree *const> roots)
+{
+    verrno rc = YFW_OK;
+    for (std::size_t i = 0; i < roots.size() && rc == YFW_OK; ++i) {
+        vidl_yfw_datatree *root = roots[i];
+        const NativeRoot &r = route(*root);
+        map_function walker =
+            r.walker != nullptr ? mod.function(r.walker) : mod.registration().native_to_oc_root;
+        if (walker == nullptr)
+            throw UsageError(std::string("the module does not export ") + r.walker);
+        rc = walker(req.ctx(), root, req.out());
+        if (r.augment_entry == nullptr)
+            continue;
+        map_function entry = mod.function(r.augment_entry);
+        for (std::size_t c = 0; c < yfwhost::tree_child_count(root) && rc == YFW_OK; ++c)
+            if (yfwhost::ns_match(r.augment_ns, root->subtrees[c].ns))
+                rc = entry(req.ctx(), &root->subtrees[c], req.out());
+    }
+    return rc;
+}
+
+verrno walk_to_native(const yfwhost::Module &mod, yfwhost::Request &req,
+                      std::span<vidl_yfw_datatree *const> roots)
+{
+    for (const vidl_yfw_datatree *root : roots)
+        check_oc_root(*root);
+    map_function root_walker = mod.registration().oc_to_native_root;
+    verrno rc = YFW_OK;
+    for (std::size_t i = 0; i < roots.size() && rc == YFW_OK; ++i)
+        rc = root_walker(req.ctx(), roots[i], req.out());
+    return rc;
 }
 
 } // namespace octunnel

@@ -2,6 +2,7 @@
 // runs it: read, walk, and write the answer and what the module did.
 #pragma once
 
+#include "octunnel/yfw_types.h"
 #include "options.h"
 
 #include <cstdio>
@@ -9,11 +10,13 @@
 #include <map>
 #include <memory>
 #include <ostream>
+#include <span>
 #include <string>
 
 namespace yfwhost {
 class Module;
-}
+class Request;
+} // namespace yfwhost
 
 namespace octunnel {
 
@@ -48,11 +51,13 @@ public:
     // The module of `o`: --module, else $OCTUNNEL_MODULE, else the one
     // installed with the program, found relative to it.
     static std::string module_path(const Options &o);
+    // The module at `path`, loaded on first use.  Throws std::runtime_error
+    // when it does not load.
+    const yfwhost::Module &module(const std::string &path);
 
 private:
     int translate(const Options &o, Direction d, Input &input, std::FILE *answer,
                   std::ostream &err);
-    const yfwhost::Module &module(const std::string &path);
     // The models of a JSON answer, loading on another thread from the first
     // call until the first get().
     std::shared_future<std::shared_ptr<OpenConfigSchema>> &models(const std::string &dir);
@@ -61,6 +66,22 @@ private:
     std::string module_path_;
     std::map<std::string, std::shared_future<std::shared_ptr<OpenConfigSchema>>> models_;
 };
+
+// The walks of one request apart from reading and writing, for callers that
+// hold their trees themselves (the agent of `octunnel serve`).  The request
+// must have been given the trees the roots belong to (Request::add_input).
+//
+// Native data to the OpenConfig answer: each root goes to the walker of its
+// native root.  Throws InputError for a root that no walker takes.
+verrno walk_to_oc(const yfwhost::Module &mod, yfwhost::Request &req,
+                  std::span<vidl_yfw_datatree *const> roots);
+// Whether walk_to_oc takes `root`.
+bool native_root_known(const vidl_yfw_datatree &root);
+// An OpenConfig request on /interfaces to the native request tree.  Throws
+// InputError for a root other than the OpenConfig <interfaces>.
+verrno walk_to_native(const yfwhost::Module &mod, yfwhost::Request &req,
+                      std::span<vidl_yfw_datatree *const> roots);
+void check_oc_root(const vidl_yfw_datatree &root);
 
 // Where the OpenConfig YANG models of a JSON answer are read from: --yang-dir,
 // else $OCTUNNEL_YANG_DIR, else the models installed with the tool, found
