@@ -1,0 +1,97 @@
+// What the agent does with each request, apart from the protocol: edits go
+// through the mapping module to the native running configuration, reads go
+// through it to the native configuration and operational data and back to
+// OpenConfig.  Requests come in as the XML texts of their parameters and are
+// answered with the XML text of the data or with NETCONF errors, so that
+// everything here can be driven without a network.
+#pragma once
+
+#include "datastore.h"
+#include "oper.h"
+#include "translate.h"
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace octunnel::serve {
+
+// One <rpc-error> (RFC 6241, section 4.3).
+struct RpcError {
+    std::string type = "application"; // transport, rpc, protocol, application
+    std::string tag;                  // error-tag
+    std::string message;              // error-message
+    std::string path;                 // error-path
+    std::string app_tag;              // error-app-tag
+    // error-info
+    std::string bad_element, bad_attribute, bad_namespace;
+    uint32_t session_id = 0;
+};
+
+// An answer: errors, or (when there are none) data when the request reads.
+struct Outcome {
+    std::vector<RpcError> errors;
+    std::string data; // XML elements, the content of <data>
+
+    bool ok() const { return errors.empty(); }
+    static Outcome error(RpcError e)
+    {
+        Outcome o;
+        o.errors.push_back(std::move(e));
+        return o;
+    }
+};
+
+struct AgentOptions {
+    std::string state_dir;
+    std::string oper_dir;    // none: no operational data
+    std::string module_path; // the mapping module
+    uint32_t router_type = 0;
+    bool resolve_names = false;
+    // The largest <config> or <filter> taken, in bytes; beyond: too-big.
+    std::size_t max_content = std::size_t{256} << 20;
+};
+
+class Agent {
+public:
+    // Loads the module and reads the running configuration of the state
+    // directory (creating the directory if need be).  Throws
+    // std::runtime_error (InputError for a configuration file that is not a
+    // document) naming what is wrong.
+    Agent(const AgentOptions &o, std::function<void(const std::string &)> log);
+    ~Agent();
+
+    // <edit-config> on running: `config` is the text of its <config>.
+    Outcome edit_config(uint32_t session, std::string_view config, DefaultOperation op,
+                        bool test_only);
+    // <get-config> on running (`config_only`) or <get>: `filter` is the text
+    // of a subtree filter, or none for everything.
+    Outcome read(uint32_t session, bool config_only, const std::optional<std::string> &filter);
+    Outcome lock(uint32_t session);
+    Outcome unlock(uint32_t session);
+    // The session is gone: its lock goes with it.
+    void session_ended(uint32_t session);
+
+    const std::string &running_path() const;
+
+private:
+    Outcome read_locked(bool config_only, const std::optional<std::string> &filter);
+
+    std::mutex mutex_; // one request at a time sees the datastore and the module
+    AgentOptions options_;
+    std::function<void(const std::string &)> log_;
+    Translator translator_;
+    const yfwhost::Module *module_;
+    Datastore running_;
+    OperationalData oper_;
+    uint32_t lock_owner_ = 0;
+};
+
+// The request kind of an edit, as the module knows it.
+inline constexpr uint32_t edit_kind = 1;
+
+} // namespace octunnel::serve

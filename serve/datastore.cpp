@@ -1,0 +1,406 @@
+#include "datastore.h"
+
+#include "octunnel/yfw_namespaces.h"
+#include "octunnel/yfw_types.h"
+#include "xml_io.h"
+#include "yang_names.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace octunnel::serve {
+namespace {
+
+constexpr int op_none = -2; // default-operation none: walk, change nothing
+
+std::string system_error(const std::string &what, const std::string &path)
+{
+    return "cannot " + what + " " + path + ": " + std::strerror(errno);
+}
+
+bool is_key_of(const Node &leaf, const Node &entry)
+{
+    if (entry.kind() != NodeKind::list)
+        return false;
+    for (std::string_view key : models().keys(entry.place()))
+        if (key == leaf.tag())
+            return true;
+    return false;
+}
+
+// Whether anything at or below `e` writes (merge, replace, create) or
+// deletes: under default-operation none such a node needs its parent to
+// exist.  An operation-less node below writes only if `inherited` does.
+bool changes_data(const Node &e, int inherited)
+{
+    struct Step {
+        const Node *node;
+        int op;
+    };
+    std::vector<Step> stack{{&e, e.op() >= 0 ? e.op() : inherited}};
+    while (!stack.empty()) {
+        Step s = stack.back();
+        stack.pop_back();
+        if (s.op != op_none && s.op != static_cast<int>(YFW_OP_REMOVE))
+            return true;
+        for (const auto &k : s.node->slots())
+            if (k)
+                stack.push_back({k.get(), k->op() >= 0 ? k->op() : s.op});
+    }
+    return false;
+}
+
+// Changes made to the tree, kept until the edit is whole so that every one
+// can be taken back, newest first.
+class Journal {
+public:
+    ~Journal() = default;
+
+    Node &insert(Node &parent, std::unique_ptr<Node> node, std::size_t slot)
+    {
+        Node &n = parent.put(std::move(node), slot);
+        changes_.push_back({Change::inserted, &parent, n.slot(), nullptr, nullptr, {}, false});
+        return n;
+    }
+    // Takes `n` out of the tree, and returns its slot.
+    std::size_t remove(Node &n)
+    {
+        Node &parent = *n.parent();
+        const std::size_t slot = n.slot();
+        changes_.push_back({Change::removed, &parent, slot, parent.take(slot), nullptr, {}, false});
+        return slot;
+    }
+    void set_value(Node &n, const std::string &value)
+    {
+        if (n.has_value() && n.value() == value)
+            return;
+        changes_.push_back({Change::value_set, nullptr, 0, nullptr, &n, n.value(), n.has_value()});
+        n.set_value(value);
+    }
+    bool empty() const { return changes_.empty(); }
+
+    void undo()
+    {
+        while (!changes_.empty()) {
+            Change &c = changes_.back();
+            switch (c.kind) {
+            case Change::inserted:
+                c.parent->take(c.slot);
+                break;
+            case Change::removed:
+                c.parent->put(std::move(c.node), c.slot);
+                break;
+            case Change::value_set:
+                if (c.had_value)
+                    c.valued->set_value(c.old_value);
+                else
+                    c.valued->clear_value();
+                break;
+            }
+            changes_.pop_back();
+        }
+    }
+
+    // Once the edit stands: drops the empty slots of the parents that
+    // changed, where they have become many.
+    void commit()
+    {
+        for (Change &c : changes_)
+            if (c.parent != nullptr && c.parent->slots().size() > 2 * c.parent->child_count() + 8)
+                c.parent->compact();
+        changes_.clear();
+    }
+
+private:
+    struct Change {
+        enum Kind { inserted, removed, value_set } kind;
+        Node *parent;
+        std::size_t slot;
+        std::unique_ptr<Node> node; // what was removed
+        Node *valued;
+        std::string old_value;
+        bool had_value;
+    };
+    std::vector<Change> changes_;
+};
+
+class Editor {
+public:
+    Editor(Tree &tree, Journal &journal) : tree_(tree), journal_(journal) {}
+
+    void apply(const Tree &edit, DefaultOperation def)
+    {
+        int op = def == DefaultOperation::merge     ? static_cast<int>(YFW_OP_MERGE)
+                 : def == DefaultOperation::replace ? static_cast<int>(YFW_OP_REPLACE)
+                                                    : op_none;
+        walk(edit.root(), tree_.root(), op);
+        prune();
+    }
+
+private:
+    struct Step {
+        const Node *e; // the edit node whose children are applied
+        Node *d;       // the data node they apply to
+        int op;        // what an operation-less child does
+        std::size_t next;
+    };
+
+    void walk(const Node &edit_root, Node &data_root, int op)
+    {
+        std::vector<Step> stack{{&edit_root, &data_root, op, 0}};
+        while (!stack.empty()) {
+            Step &s = stack.back();
+            if (s.next == s.e->slots().size()) {
+                stack.pop_back();
+                continue;
+            }
+            const Node *e = s.e->slots()[s.next++].get();
+            if (e == nullptr)
+                continue;
+            Node *into = apply_one(*e, *s.d, s.op);
+            if (into != nullptr) {
+                int inherited = e->op() >= 0 ? e->op() : s.op;
+                stack.push_back({e, into, inherited, 0});
+            }
+        }
+    }
+
+    [[noreturn]] void fail(const char *tag, const Node &e, const std::string &message)
+    {
+        throw EditError(tag, path_of(e), e.tag(), message);
+    }
+
+    // Applies `e` below `parent`; returns the data node its children apply
+    // to, or null when they are done with.
+    Node *apply_one(const Node &e, Node &parent, int inherited)
+    {
+        const int op = e.op() >= 0 ? e.op() : inherited;
+        // A list entry's keys name it; they were written with it.
+        if (parent.parent() != nullptr && is_key_of(e, parent)) {
+            if (op == static_cast<int>(YFW_OP_DELETE) || op == static_cast<int>(YFW_OP_REMOVE))
+                fail("operation-not-supported", e,
+                     "a list key cannot be deleted apart from its entry");
+            if (e.has_value() && parent.child(e.tag())->value() != e.value())
+                fail("invalid-value", e, "a list key cannot be changed");
+            return nullptr;
+        }
+        if (e.kind() == NodeKind::list)
+            for (std::string_view key : models().keys(e.place())) {
+                const Node *k = e.child(key);
+                if (k == nullptr || !k->has_value())
+                    fail("missing-element", e,
+                         element_name(e.tag()) + " has no key " + element_name(key));
+            }
+        Node *d = parent.find(e.identity());
+        switch (op) {
+        case YFW_OP_DELETE:
+            if (d == nullptr)
+                fail("data-missing", e, "there is no " + element_name(e.tag()) + " to delete");
+            remove(*d);
+            return nullptr;
+        case YFW_OP_REMOVE:
+            if (d != nullptr)
+                remove(*d);
+            return nullptr;
+        case YFW_OP_CREATE:
+            if (d != nullptr)
+                fail("data-exists", e, element_name(e.tag()) + " exists already");
+            return &create(e, parent, parent.slots().size());
+        case YFW_OP_REPLACE: {
+            std::size_t slot = parent.slots().size();
+            if (d != nullptr)
+                slot = journal_.remove(*d);
+            return &create(e, parent, slot);
+        }
+        case YFW_OP_MERGE:
+            if (d == nullptr)
+                return &create(e, parent, parent.slots().size());
+            if (e.has_value())
+                journal_.set_value(*d, e.value());
+            return d;
+        case op_none:
+            if (d == nullptr) {
+                if (changes_data(e, op_none))
+                    fail("data-missing", e,
+                         "there is no " + element_name(e.tag()) +
+                             " to edit below, and the default operation is none");
+                return nullptr;
+            }
+            return d;
+        default:
+            fail("bad-attribute", e, "unknown operation " + std::to_string(op));
+        }
+    }
+
+    Node &create(const Node &e, Node &parent, std::size_t slot)
+    {
+        std::unique_ptr<Node> n = tree_.make(parent, e.tag(), e.ns());
+        if (e.has_value())
+            n->set_value(e.value());
+        if (e.kind() == NodeKind::list)
+            for (std::string_view key : models().keys(e.place())) {
+                const Node *k = e.child(key);
+                n->add(k->tag(), k->ns()).set_value(k->value());
+            }
+        return journal_.insert(parent, std::move(n), slot);
+    }
+
+    void remove(Node &d)
+    {
+        emptied_.push_back(d.parent());
+        journal_.remove(d);
+    }
+
+    // Containers that the edit left empty go too, up to a list entry or a
+    // top-level node.
+    void prune()
+    {
+        for (Node *n : emptied_) {
+            while (n != nullptr && n->parent() != nullptr && n->parent()->parent() != nullptr &&
+                   attached(*n) && n->child_count() == 0 && !n->has_value() &&
+                   (n->kind() == NodeKind::container || n->kind() == NodeKind::unknown)) {
+                Node *up = n->parent();
+                journal_.remove(*n);
+                n = up;
+            }
+        }
+    }
+
+    bool attached(const Node &n) const
+    {
+        const Node *at = &n;
+        while (at->parent() != nullptr)
+            at = at->parent();
+        return at == &tree_.root();
+    }
+
+    Tree &tree_;
+    Journal &journal_;
+    std::vector<Node *> emptied_;
+};
+
+} // namespace
+
+std::string path_of(const Node &n)
+{
+    std::vector<const Node *> chain;
+    for (const Node *at = &n; at != nullptr && at->parent() != nullptr; at = at->parent())
+        chain.push_back(at);
+    std::string path;
+    for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+        const Node &step = **it;
+        path.append("/").append(step.tag());
+        if (step.kind() != NodeKind::list)
+            continue;
+        for (std::string_view key : models().keys(step.place()))
+            if (const Node *k = step.child(key); k != nullptr && k->has_value())
+                path.append("[").append(key).append("='").append(k->value()).append("']");
+    }
+    return path.empty() ? "/" : path;
+}
+
+std::string native_document(const Node &holder)
+{
+    std::string text = "<!-- The native running configuration of octunnel serve, written whole "
+                       "after every\n     committed edit. -->\n";
+    text += "<data xmlns=\"" NS_NETCONF_BASE "\">\n";
+    XmlSink sink(text, 1, NS_NETCONF_BASE);
+    write(holder, sink);
+    text += "</data>\n";
+    return text;
+}
+
+void write_durably(const std::string &path, std::string_view text)
+{
+    const std::size_t cut = path.find_last_of('/');
+    const std::string dir = cut == std::string::npos ? "." : path.substr(0, cut + 1);
+    std::string temp = path + ".XXXXXX";
+    int fd = mkstemp(temp.data());
+    if (fd < 0)
+        throw std::runtime_error(system_error("write", path));
+    auto fail = [&](const char *what) {
+        std::string message = system_error(what, temp);
+        close(fd);
+        unlink(temp.c_str());
+        throw std::runtime_error(message);
+    };
+    for (std::size_t done = 0; done < text.size();) {
+        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            fail("write");
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    if (fchmod(fd, 0644) != 0 || fsync(fd) != 0)
+        fail("flush");
+    if (close(fd) != 0) {
+        std::string message = system_error("write", temp);
+        unlink(temp.c_str());
+        throw std::runtime_error(message);
+    }
+    if (rename(temp.c_str(), path.c_str()) != 0) {
+        std::string message = system_error("rename to " + path, temp);
+        unlink(temp.c_str());
+        throw std::runtime_error(message);
+    }
+    int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dfd < 0)
+        throw std::runtime_error(system_error("open", dir));
+    const int synced = fsync(dfd);
+    close(dfd);
+    if (synced != 0)
+        throw std::runtime_error(system_error("flush", dir));
+}
+
+Datastore::Datastore(std::string path) : path_(std::move(path))
+{
+    struct stat st {};
+    if (stat(path_.c_str(), &st) != 0) {
+        if (errno == ENOENT)
+            return;
+        throw std::runtime_error(system_error("read", path_));
+    }
+    Input input(path_);
+    Document doc = read_document(input);
+    adopt(tree_, doc);
+    // Operations have no place in a configuration.
+    std::vector<Node *> stack{&tree_.root()};
+    while (!stack.empty()) {
+        Node *n = stack.back();
+        stack.pop_back();
+        n->set_op(-1);
+        for (const auto &k : n->slots())
+            stack.push_back(k.get());
+    }
+}
+
+bool Datastore::edit(const Tree &edit, DefaultOperation default_operation, bool test_only)
+{
+    Journal journal;
+    try {
+        Editor(tree_, journal).apply(edit, default_operation);
+        if (test_only || journal.empty()) {
+            const bool changed = !journal.empty();
+            journal.undo();
+            return changed;
+        }
+        save();
+    } catch (...) {
+        journal.undo();
+        throw;
+    }
+    journal.commit();
+    return true;
+}
+
+void Datastore::save() const
+{
+    write_durably(path_, native_document(tree_.root()));
+}
+
+} // namespace octunnel::serve

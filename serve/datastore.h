@@ -1,0 +1,70 @@
+// The router's native running configuration as the agent keeps it: a tree
+// in memory and a native document in a file, which always holds the last
+// committed configuration whole.
+#pragma once
+
+#include "tree.h"
+
+#include <stdexcept>
+#include <string>
+
+namespace octunnel::serve {
+
+// An edit that cannot be applied, in NETCONF's terms: its error-tag (RFC
+// 6241, appendix A), the native node it is about, and a message.
+struct EditError : std::runtime_error {
+    EditError(std::string tag, std::string path, std::string element, const std::string &message)
+        : std::runtime_error(message), tag(std::move(tag)), path(std::move(path)),
+          element(std::move(element))
+    {
+    }
+    std::string tag;
+    std::string path;    // the node, as /a/b[k='v']/c
+    std::string element; // its tag, for error-info's bad-element
+};
+
+// What a node of an edit without an operation of its own, or of a parent
+// that has one, does (RFC 6241, 7.2, default-operation).
+enum class DefaultOperation { merge, replace, none };
+
+class Datastore {
+public:
+    // The configuration kept in the file `path`, read when the file exists.
+    // Throws InputError for a file that is not a document, and
+    // std::runtime_error for one that cannot be read.
+    explicit Datastore(std::string path);
+
+    const Tree &tree() const { return tree_; }
+    const std::string &path() const { return path_; }
+
+    // Applies `edit`, whose top-level nodes are native roots carrying the
+    // operations of RFC 6241 (merge, replace, create, delete, remove), all or
+    // nothing: either every node is applied and, unless `test_only`, the file
+    // holds the new configuration when this returns, or nothing changed.
+    // Returns whether anything changed.  Throws EditError for an edit that
+    // does not fit the configuration, std::runtime_error for a file that
+    // cannot be written.
+    bool edit(const Tree &edit, DefaultOperation default_operation, bool test_only);
+
+    // Writes the configuration to the file: to a new file first, flushed to
+    // the disk, then renamed over the old one.
+    void save() const;
+
+private:
+    Tree tree_;
+    std::string path_;
+};
+
+// The text of a native document holding the top-level nodes of `holder`,
+// as the running configuration file holds them.
+std::string native_document(const Node &holder);
+
+// Writes `text` to `path` whole or not at all: to a new file beside it,
+// flushed to the disk, renamed, and the directory flushed.  Throws
+// std::runtime_error naming the file.
+void write_durably(const std::string &path, std::string_view text);
+
+// The path of a node, as /a/b[k='v']/c: list entries by their keys.
+std::string path_of(const Node &n);
+
+} // namespace octunnel::serve

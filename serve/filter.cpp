@@ -1,0 +1,237 @@
+#include "filter.h"
+
+#include <atomic>
+#include <deque>
+#include <unordered_map>
+
+namespace octunnel::serve {
+namespace {
+
+std::atomic<uint64_t> passes{0};
+
+enum class Role { containment, content, selection };
+
+Role role(const Node &f)
+{
+    if (f.child_count() > 0)
+        return Role::containment;
+    return f.has_value() ? Role::content : Role::selection;
+}
+
+bool same_name(const Node &f, const Node &d)
+{
+    return std::string_view(f.tag()) == d.tag() &&
+           (*f.ns() == '\0' || std::string_view(f.ns()) == d.ns());
+}
+
+// Whether a containment or content-match element names one list entry by
+// all its keys, so that the entry is found through the parent's index.
+bool keyed(const Node &f)
+{
+    if (f.kind() != NodeKind::list || *f.ns() == '\0')
+        return false;
+    auto keys = models().keys(f.place());
+    if (keys.empty())
+        return false;
+    for (std::string_view key : keys) {
+        const Node *k = f.child(key);
+        if (k == nullptr || !k->has_value() || k->child_count() > 0)
+            return false;
+    }
+    return true;
+}
+
+void mark(const Node &d, uint64_t pass, uint8_t level)
+{
+    if (d.mark_pass != pass) {
+        d.mark_pass = pass;
+        d.mark = level;
+    } else if (d.mark < level) {
+        d.mark = level;
+    }
+}
+
+// The children of a data node by tag, gathered once for a node with many.
+class Children {
+public:
+    void reset(const Node &d)
+    {
+        d_ = &d;
+        by_tag_.clear();
+        if (d.child_count() <= 8)
+            return;
+        for (const auto &k : d.slots())
+            if (k)
+                by_tag_[k->tag()].push_back(k.get());
+    }
+
+    // Calls `each` with every child that `f` names, in order.
+    template <typename F> void named(const Node &f, F &&each) const
+    {
+        if (keyed(f)) {
+            if (const Node *k = d_->find(f.identity()); k != nullptr)
+                each(*k);
+            return;
+        }
+        if (d_->child_count() <= 8) {
+            for (const auto &k : d_->slots())
+                if (k && same_name(f, *k))
+                    each(*k);
+            return;
+        }
+        auto it = by_tag_.find(f.tag());
+        if (it == by_tag_.end())
+            return;
+        for (const Node *k : it->second)
+            if (same_name(f, *k))
+                each(*k);
+    }
+
+private:
+    const Node *d_ = nullptr;
+    std::unordered_map<std::string_view, std::vector<const Node *>> by_tag_;
+};
+
+// One data node under evaluation against the children of one filter node.
+struct Frame {
+    const Node *f = nullptr;
+    const Node *d = nullptr;
+    Children children;
+    // Containment elements and the data nodes they stand in, still to go.
+    std::vector<std::pair<const Node *, const Node *>> pending;
+    std::size_t next = 0;
+    bool any = false; // something below d is selected
+};
+
+class Evaluation {
+public:
+    explicit Evaluation(uint64_t pass) : pass_(pass) {}
+
+    // Whether the children of `f` select anything in `d`; marks it.
+    bool run(const Node &f, const Node &d)
+    {
+        depth_ = 0;
+        bool result = false;
+        if (!begin(push(f, d), result))
+            return result;
+        while (depth_ > 0) {
+            Frame &top = frames_[depth_ - 1];
+            if (top.next < top.pending.size()) {
+                auto [cf, cd] = top.pending[top.next++];
+                bool selected = false;
+                if (begin(push(*cf, *cd), selected))
+                    continue;
+                top.any = top.any || selected;
+                continue;
+            }
+            // Every containment element of this level is done.
+            const bool selected = top.any;
+            if (selected)
+                mark(*top.d, pass_, 1);
+            --depth_;
+            if (depth_ == 0)
+                return selected;
+            Frame &parent = frames_[depth_ - 1];
+            parent.any = parent.any || selected;
+        }
+        return result;
+    }
+
+private:
+    Frame &push(const Node &f, const Node &d)
+    {
+        if (frames_.size() == depth_)
+            frames_.emplace_back();
+        Frame &fr = frames_[depth_++];
+        fr.f = &f;
+        fr.d = &d;
+        fr.pending.clear();
+        fr.next = 0;
+        fr.any = false;
+        fr.children.reset(d);
+        return fr;
+    }
+
+    // Evaluates what can be told at once: the content matches, then the
+    // selections.  Returns true when containment elements remain, the frame
+    // staying on the stack; otherwise pops it with `selected` set.
+    bool begin(Frame &fr, bool &selected)
+    {
+        const Node &d = *fr.d;
+        bool others = false;
+        for (const auto &slot : fr.f->slots()) {
+            if (!slot)
+                continue;
+            const Node &c = *slot;
+            if (role(c) != Role::content) {
+                others = true;
+                continue;
+            }
+            bool found = false;
+            fr.children.named(c, [&](const Node &k) {
+                found = found || (k.has_value() && k.value() == c.value());
+            });
+            if (!found) {
+                --depth_;
+                selected = false;
+                return false;
+            }
+        }
+        if (!others) {
+            // Content matches alone: the node with all it holds.
+            mark(d, pass_, 2);
+            --depth_;
+            selected = true;
+            return false;
+        }
+        for (const auto &slot : fr.f->slots()) {
+            if (!slot)
+                continue;
+            const Node &c = *slot;
+            switch (role(c)) {
+            case Role::content:
+                fr.children.named(c, [&](const Node &k) {
+                    if (k.has_value() && k.value() == c.value()) {
+                        mark(k, pass_, 2);
+                        fr.any = true;
+                    }
+                });
+                break;
+            case Role::selection:
+                fr.children.named(c, [&](const Node &k) {
+                    mark(k, pass_, 2);
+                    fr.any = true;
+                });
+                break;
+            case Role::containment:
+                fr.children.named(c, [&](const Node &k) { fr.pending.emplace_back(&c, &k); });
+                break;
+            }
+        }
+        if (!fr.pending.empty())
+            return true;
+        selected = fr.any;
+        if (selected)
+            mark(d, pass_, 1);
+        --depth_;
+        return false;
+    }
+
+    uint64_t pass_;
+    std::deque<Frame> frames_; // frames stay where they are as it grows
+    std::size_t depth_ = 0;
+};
+
+} // namespace
+
+uint64_t select(const Node &filter, std::span<const Node *const> data)
+{
+    const uint64_t pass = ++passes;
+    Evaluation evaluation(pass);
+    for (const Node *holder : data)
+        if (filter.child_count() > 0)
+            evaluation.run(filter, *holder);
+    return pass;
+}
+
+} // namespace octunnel::serve

@@ -1,0 +1,30 @@
+// Subtree filtering (RFC 6241, section 6) over the agent's trees.
+#pragma once
+
+#include "tree.h"
+
+#include <cstdint>
+#include <span>
+
+namespace octunnel::serve {
+
+// Marks what the filter whose top-level nodes `filter` holds selects among
+// the top-level nodes of each of `data`, by the RFC's rules:
+//
+// - a filter element with children is a containment node: a data node of its
+//   name is kept when the children select something in it;
+// - one with text is a content-match node: the data node it stands in holds
+//   a child of its name with that very value, or nothing of it is kept;
+//   when all the elements of a level are content matches, the data node is
+//   kept whole;
+// - one with neither is a selection node: every data node of its name is
+//   kept whole;
+// - an element without a namespace matches one of any namespace.
+//
+// Several filter elements that select the same data select it once.
+// Returns the pass to hand to write(), which writes what was marked, in the
+// order of the data.  Lists whose keys all come as content matches are found
+// through their parent's index.  Does not recurse.
+uint64_t select(const Node &filter, std::span<const Node *const> data);
+
+} // namespace octunnel::serve

@@ -1,0 +1,667 @@
+#include "server.h"
+
+#include "access.h"
+
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <ostream>
+#include <sstream>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <unordered_map>
+
+#define NC_ENABLED_SSH
+#include <libyang/libyang.h>
+#include <nc_server.h>
+
+namespace octunnel::serve {
+namespace {
+
+// The OpenConfig modules served, types modules first: the others' defaults
+// name identities, which only an implemented module may hold.
+constexpr const char *served_modules[] = {
+    "openconfig-vlan-types", "openconfig-if-types", "openconfig-interfaces",
+    "openconfig-vlan",       "openconfig-if-ip",    "openconfig-if-tunnel",
+};
+
+// What libnetconf2 calls back into, for the one server of the process.
+class Server;
+Server *the_server = nullptr;
+
+std::string text_of(const lyd_node *node)
+{
+    return node != nullptr && lyd_get_value(node) != nullptr ? lyd_get_value(node) : "";
+}
+
+const lyd_node *param(const lyd_node *rpc, const char *path)
+{
+    lyd_node *found = nullptr;
+    return lyd_find_path(rpc, path, 0, &found) == LY_SUCCESS ? found : nullptr;
+}
+
+// The XML text an anyxml parameter holds.  Its elements are printed
+// whatever they hold: an empty one (<interfaces/>) is a selection node of
+// a filter, which libyang's own text of the value would leave out.
+std::string content_of(const lyd_node *node)
+{
+    const auto *any = reinterpret_cast<const lyd_node_any *>(node);
+    char *text = nullptr;
+    switch (any->value_type) {
+    case LYD_ANYDATA_DATATREE:
+        if (any->value.tree == nullptr)
+            return {};
+        if (lyd_print_mem(&text, any->value.tree, LYD_XML,
+                          LYD_PRINT_WITHSIBLINGS | LYD_PRINT_KEEPEMPTYCONT | LYD_PRINT_SHRINK) !=
+            LY_SUCCESS)
+            throw std::bad_alloc();
+        break;
+    case LYD_ANYDATA_XML:
+    case LYD_ANYDATA_STRING:
+        return any->value.str != nullptr ? any->value.str : "";
+    default:
+        if (lyd_any_value_str(node, &text) != LY_SUCCESS)
+            throw std::bad_alloc();
+    }
+    std::string s = text != nullptr ? text : "";
+    std::free(text);
+    return s;
+}
+
+NC_ERR tag_of(const std::string &tag)
+{
+    static const std::unordered_map<std::string, NC_ERR> tags = {
+        {"in-use", NC_ERR_IN_USE},
+        {"invalid-value", NC_ERR_INVALID_VALUE},
+        {"too-big", NC_ERR_TOO_BIG},
+        {"missing-attribute", NC_ERR_MISSING_ATTR},
+        {"bad-attribute", NC_ERR_BAD_ATTR},
+        {"unknown-attribute", NC_ERR_UNKNOWN_ATTR},
+        {"missing-element", NC_ERR_MISSING_ELEM},
+        {"bad-element", NC_ERR_BAD_ELEM},
+        {"unknown-element", NC_ERR_UNKNOWN_ELEM},
+        {"unknown-namespace", NC_ERR_UNKNOWN_NS},
+        {"access-denied", NC_ERR_ACCESS_DENIED},
+        {"lock-denied", NC_ERR_LOCK_DENIED},
+        {"resource-denied", NC_ERR_RES_DENIED},
+        {"rollback-failed", NC_ERR_ROLLBACK_FAILED},
+        {"data-exists", NC_ERR_DATA_EXISTS},
+        {"data-missing", NC_ERR_DATA_MISSING},
+        {"operation-not-supported", NC_ERR_OP_NOT_SUPPORTED},
+        {"operation-failed", NC_ERR_OP_FAILED},
+        {"malformed-message", NC_ERR_MALFORMED_MSG},
+    };
+    auto it = tags.find(tag);
+    return it != tags.end() ? it->second : NC_ERR_OP_FAILED;
+}
+
+NC_ERR_TYPE type_of(const std::string &type)
+{
+    if (type == "transport")
+        return NC_ERR_TYPE_TRAN;
+    if (type == "rpc")
+        return NC_ERR_TYPE_RPC;
+    if (type == "protocol")
+        return NC_ERR_TYPE_PROT;
+    return NC_ERR_TYPE_APP;
+}
+
+lyd_node *error_node(const ly_ctx *ctx, const RpcError &e)
+{
+    const NC_ERR tag = tag_of(e.tag);
+    const NC_ERR_TYPE type = type_of(e.type);
+    const char *element = e.bad_element.c_str();
+    lyd_node *err = nullptr;
+    bool element_given = false;
+    switch (tag) {
+    case NC_ERR_MISSING_ATTR:
+    case NC_ERR_BAD_ATTR:
+    case NC_ERR_UNKNOWN_ATTR:
+        err = nc_err(ctx, tag, type, e.bad_attribute.c_str(), element);
+        element_given = true;
+        break;
+    case NC_ERR_MISSING_ELEM:
+    case NC_ERR_BAD_ELEM:
+    case NC_ERR_UNKNOWN_ELEM:
+        err = nc_err(ctx, tag, type, element);
+        element_given = true;
+        break;
+    case NC_ERR_UNKNOWN_NS:
+        err = nc_err(ctx, tag, type, element, e.bad_namespace.c_str());
+        element_given = true;
+        break;
+    case NC_ERR_LOCK_DENIED:
+        err = nc_err(ctx, tag, e.session_id);
+        break;
+    case NC_ERR_DATA_EXISTS:
+    case NC_ERR_DATA_MISSING:
+    case NC_ERR_MALFORMED_MSG:
+        err = nc_err(ctx, tag);
+        break;
+    default:
+        err = nc_err(ctx, tag, type);
+    }
+    if (err == nullptr)
+        throw std::bad_alloc();
+    if (!e.message.empty())
+        nc_err_set_msg(err, e.message.c_str(), "en");
+    if (!e.path.empty())
+        nc_err_set_path(err, e.path.c_str());
+    if (!e.app_tag.empty())
+        nc_err_set_app_tag(err, e.app_tag.c_str());
+    if (!element_given && !e.bad_element.empty())
+        nc_err_add_bad_elem(err, element);
+    if (tag != NC_ERR_LOCK_DENIED && e.session_id != 0)
+        nc_err_set_sid(err, e.session_id);
+    return err;
+}
+
+nc_server_reply *reply_errors(const ly_ctx *ctx, const std::vector<RpcError> &errors)
+{
+    nc_server_reply *reply = nc_server_reply_err(error_node(ctx, errors.front()));
+    for (std::size_t i = 1; i < errors.size(); ++i)
+        nc_server_reply_add_err(reply, error_node(ctx, errors[i]));
+    return reply;
+}
+
+nc_server_reply *error(const ly_ctx *ctx, const char *tag, const std::string &message,
+                       const char *type = "protocol")
+{
+    RpcError e;
+    e.tag = tag;
+    e.type = type;
+    e.message = message;
+    return reply_errors(ctx, {e});
+}
+
+// The reply of `rpc` with its output `data`: XML elements, or a text.
+nc_server_reply *reply_data(const lyd_node *rpc, const std::string &data, bool xml = true)
+{
+    lyd_node *out = nullptr;
+    if (lyd_dup_single(rpc, nullptr, 0, &out) != LY_SUCCESS)
+        throw std::bad_alloc();
+    char *value = strdup(data.c_str());
+    if (value == nullptr ||
+        lyd_new_any(out, nullptr, "data", value, 1, xml ? LYD_ANYDATA_XML : LYD_ANYDATA_STRING, 1,
+                    nullptr) != LY_SUCCESS) {
+        lyd_free_tree(out);
+        throw std::bad_alloc();
+    }
+    return nc_server_reply_data(out, NC_WD_EXPLICIT, NC_PARAMTYPE_FREE);
+}
+
+nc_server_reply *answer(const lyd_node *rpc, const Outcome &o, bool data)
+{
+    if (!o.ok())
+        return reply_errors(LYD_CTX(rpc), o.errors);
+    if (!data)
+        return nc_server_reply_ok();
+    return reply_data(rpc, o.data);
+}
+
+class Server {
+public:
+    Server(const ServerOptions &o, std::ostream &err) : o_(o), err_(err) {}
+    ~Server();
+
+    int run();
+    void log(const std::string &line)
+    {
+        std::lock_guard guard(log_mutex_);
+        err_ << "octunnel serve: " << line << std::endl;
+    }
+    bool verbose() const { return o_.verbose; }
+
+    nc_server_reply *rpc(lyd_node *rpc, nc_session *session);
+    bool password(const nc_session *session, const char *password);
+    bool public_key(const nc_session *session, ssh_key key);
+    std::string host_key_path;
+
+private:
+    void start();
+    void accept_loop();
+    void poll_loop();
+    void end(nc_session *session);
+    nc_server_reply *edit_config(const lyd_node *rpc, uint32_t sid);
+    nc_server_reply *read(const lyd_node *rpc, uint32_t sid, bool config_only);
+    nc_server_reply *kill_session(const lyd_node *rpc, uint32_t sid);
+    nc_server_reply *get_schema(const lyd_node *rpc);
+    nc_server_reply *validate(const lyd_node *rpc, uint32_t sid);
+
+    const ServerOptions &o_;
+    std::ostream &err_;
+    std::mutex log_mutex_;
+    std::unique_ptr<Agent> agent_;
+    Users users_;
+    AuthorizedKeys keys_;
+    ly_ctx *ctx_ = nullptr;
+    nc_pollsession *ps_ = nullptr;
+    bool nc_started_ = false;
+    std::atomic<bool> stop_{false};
+
+    std::mutex sessions_mutex_;
+    std::condition_variable sessions_cv_;
+    std::unordered_map<uint32_t, nc_session *> sessions_;
+};
+
+// ---------------------------------------------------------------- callbacks
+
+nc_server_reply *rpc_callback(lyd_node *rpc, nc_session *session)
+{
+    return the_server->rpc(rpc, session);
+}
+
+int password_callback(const nc_session *session, const char *password, void *)
+{
+    return the_server->password(session, password) ? 0 : 1;
+}
+
+int public_key_callback(const nc_session *session, ssh_key key, void *)
+{
+    return the_server->public_key(session, key) ? 0 : 1;
+}
+
+int host_key_callback(const char *, void *, char **path, char **data, NC_SSH_KEY_TYPE *type)
+{
+    *path = strdup(the_server->host_key_path.c_str());
+    *data = nullptr;
+    *type = NC_SSH_KEY_UNKNOWN;
+    return *path == nullptr ? 1 : 0;
+}
+
+void nc_print(NC_VERB_LEVEL level, const char *message)
+{
+    if (level <= NC_VERB_WARNING || the_server->verbose())
+        the_server->log(std::string("libnetconf2: ") + one_line(message != nullptr ? message : ""));
+}
+
+void ly_print(LY_LOG_LEVEL level, const char *message, const char *path)
+{
+    if (level <= LY_LLERR && the_server->verbose())
+        the_server->log(std::string("libyang: ") + one_line(message != nullptr ? message : "") +
+                        (path != nullptr ? std::string(" (") + path + ")" : std::string()));
+}
+
+// ---------------------------------------------------------------- requests
+
+bool Server::password(const nc_session *session, const char *password)
+{
+    const char *user = nc_session_get_username(session);
+    const bool ok = user != nullptr && password != nullptr && users_.check(user, password);
+    if (!ok)
+        log(std::string("password refused for user '") + one_line(user != nullptr ? user : "") +
+            "' from " +
+            one_line(nc_session_get_host(session) ? nc_session_get_host(session) : "?"));
+    return ok;
+}
+
+bool Server::public_key(const nc_session *session, ssh_key key)
+{
+    const char *user = nc_session_get_username(session);
+    return user != nullptr && keys_.check(user, key);
+}
+
+nc_server_reply *Server::rpc(lyd_node *rpc, nc_session *session)
+{
+    const ly_ctx *ctx = LYD_CTX(rpc);
+    const std::string_view name = LYD_NAME(rpc);
+    const std::string_view module = rpc->schema->module->name;
+    const uint32_t sid = nc_session_get_id(session);
+    try {
+        if (module == "ietf-netconf") {
+            if (name == "edit-config")
+                return edit_config(rpc, sid);
+            if (name == "get-config")
+                return read(rpc, sid, true);
+            if (name == "get")
+                return read(rpc, sid, false);
+            if (name == "lock" || name == "unlock") {
+                if (param(rpc, "target/running") == nullptr)
+                    return error(ctx, "operation-not-supported",
+                                 "only the running configuration is served", "application");
+                return answer(rpc, name == "lock" ? agent_->lock(sid) : agent_->unlock(sid), false);
+            }
+            if (name == "close-session")
+                return nc_server_reply_ok();
+            if (name == "kill-session")
+                return kill_session(rpc, sid);
+            if (name == "validate")
+                return validate(rpc, sid);
+        } else if (module == "ietf-netconf-monitoring" && name == "get-schema") {
+            return get_schema(rpc);
+        }
+        return error(ctx, "operation-not-supported",
+                     "<" + std::string(name) + "> is not an operation this agent performs");
+    } catch (const std::bad_alloc &) {
+        return error(ctx, "resource-denied", "out of memory", "application");
+    } catch (const std::exception &e) {
+        log(std::string("<") + std::string(name) + ">: " + one_line(e.what()));
+        return error(ctx, "operation-failed", one_line(e.what()), "application");
+    }
+}
+
+nc_server_reply *Server::edit_config(const lyd_node *rpc, uint32_t sid)
+{
+    const ly_ctx *ctx = LYD_CTX(rpc);
+    if (param(rpc, "target/running") == nullptr)
+        return error(ctx, "operation-not-supported", "only the running configuration is served",
+                     "application");
+    const lyd_node *config = param(rpc, "config");
+    if (config == nullptr)
+        return error(ctx, "operation-not-supported", "only an inline <config> is taken",
+                     "application");
+    DefaultOperation op = DefaultOperation::merge;
+    if (const std::string d = text_of(param(rpc, "default-operation")); d == "replace")
+        op = DefaultOperation::replace;
+    else if (d == "none")
+        op = DefaultOperation::none;
+    const bool test_only = text_of(param(rpc, "test-option")) == "test-only";
+    return answer(rpc, agent_->edit_config(sid, content_of(config), op, test_only), false);
+}
+
+nc_server_reply *Server::validate(const lyd_node *rpc, uint32_t sid)
+{
+    // The running configuration is valid as it stands; an inline one is
+    // tried as an edit that is not kept.
+    if (const lyd_node *config = param(rpc, "source/config"); config != nullptr)
+        return answer(rpc,
+                      agent_->edit_config(sid, content_of(config), DefaultOperation::merge, true),
+                      false);
+    if (param(rpc, "source/running") != nullptr)
+        return nc_server_reply_ok();
+    return error(LYD_CTX(rpc), "operation-not-supported",
+                 "only the running configuration or an inline one is validated", "application");
+}
+
+nc_server_reply *Server::read(const lyd_node *rpc, uint32_t sid, bool config_only)
+{
+    const ly_ctx *ctx = LYD_CTX(rpc);
+    if (config_only && param(rpc, "source/running") == nullptr)
+        return error(ctx, "operation-not-supported", "only the running configuration is served",
+                     "application");
+    std::optional<std::string> filter;
+    if (const lyd_node *f = param(rpc, "filter"); f != nullptr) {
+        const lyd_meta *type = lyd_find_meta(f->meta, nullptr, "ietf-netconf:type");
+        if (type != nullptr && std::string_view(lyd_get_meta_value(type)) != "subtree") {
+            RpcError e;
+            e.tag = "bad-attribute";
+            e.type = "protocol";
+            e.bad_attribute = "type";
+            e.bad_element = "filter";
+            e.message = "only subtree filters are taken";
+            return reply_errors(ctx, {e});
+        }
+        filter = content_of(f);
+    }
+    return answer(rpc, agent_->read(sid, config_only, filter), true);
+}
+
+nc_server_reply *Server::kill_session(const lyd_node *rpc, uint32_t sid)
+{
+    const ly_ctx *ctx = LYD_CTX(rpc);
+    const std::string text = text_of(param(rpc, "session-id"));
+    const uint32_t target = static_cast<uint32_t>(std::strtoul(text.c_str(), nullptr, 10));
+    if (target == sid)
+        return error(ctx, "invalid-value",
+                     "a session does not kill itself: it sends <close-session>", "protocol");
+    {
+        std::lock_guard guard(sessions_mutex_);
+        auto it = sessions_.find(target);
+        if (it == sessions_.end())
+            return error(ctx, "invalid-value", "there is no session " + text, "protocol");
+        nc_session_set_term_reason(it->second, NC_SESSION_TERM_KILLED);
+        nc_session_set_killed_by(it->second, sid);
+        nc_session_set_status(it->second, NC_STATUS_INVALID);
+    }
+    agent_->session_ended(target);
+    log("session " + std::to_string(target) + " killed by session " + std::to_string(sid));
+    return nc_server_reply_ok();
+}
+
+nc_server_reply *Server::get_schema(const lyd_node *rpc)
+{
+    const ly_ctx *ctx = LYD_CTX(rpc);
+    const std::string id = text_of(param(rpc, "identifier"));
+    const std::string version = text_of(param(rpc, "version"));
+    const std::string format = text_of(param(rpc, "format"));
+    if (!format.empty() && format != "yang" && format != "ietf-netconf-monitoring:yang")
+        return error(ctx, "invalid-value", "schemas are given in YANG only", "application");
+    const lys_module *mod = version.empty() ? ly_ctx_get_module_latest(ctx, id.c_str())
+                                            : ly_ctx_get_module(ctx, id.c_str(), version.c_str());
+    if (mod == nullptr)
+        return error(ctx, "invalid-value",
+                     "no schema '" + id + (version.empty() ? "" : "@" + version) + "' is served",
+                     "application");
+    std::string text;
+    if (mod->filepath != nullptr) {
+        std::ifstream in(mod->filepath);
+        std::ostringstream all;
+        all << in.rdbuf();
+        text = all.str();
+    }
+    if (text.empty()) {
+        char *printed = nullptr;
+        if (lys_print_mem(&printed, mod, LYS_OUT_YANG, 0) != LY_SUCCESS)
+            throw std::bad_alloc();
+        text = printed;
+        std::free(printed);
+    }
+    return reply_data(rpc, text, false);
+}
+
+// ---------------------------------------------------------------- sessions
+
+void Server::accept_loop()
+{
+    while (!stop_) {
+        nc_session *session = nullptr;
+        const NC_MSG_TYPE t = nc_accept(200, &session);
+        if (t != NC_MSG_HELLO || session == nullptr)
+            continue;
+        const uint32_t id = nc_session_get_id(session);
+        {
+            std::lock_guard guard(sessions_mutex_);
+            sessions_.emplace(id, session);
+            nc_ps_add_session(ps_, session);
+        }
+        sessions_cv_.notify_all();
+        if (o_.verbose)
+            log("session " + std::to_string(id) + " of '" +
+                one_line(nc_session_get_username(session) ? nc_session_get_username(session) : "") +
+                "'");
+    }
+}
+
+void Server::end(nc_session *session)
+{
+    const uint32_t id = nc_session_get_id(session);
+    {
+        std::lock_guard guard(sessions_mutex_);
+        sessions_.erase(id);
+        nc_ps_del_session(ps_, session);
+    }
+    agent_->session_ended(id);
+    nc_session_free(session, nullptr);
+    if (o_.verbose)
+        log("session " + std::to_string(id) + " ended");
+}
+
+void Server::poll_loop()
+{
+    while (!stop_) {
+        {
+            std::unique_lock guard(sessions_mutex_);
+            if (sessions_.empty()) {
+                sessions_cv_.wait_for(guard, std::chrono::milliseconds(200));
+                continue;
+            }
+        }
+        nc_session *session = nullptr;
+        const int r = nc_ps_poll(ps_, 200, &session);
+        if ((r & (NC_PSPOLL_SESSION_TERM | NC_PSPOLL_SESSION_ERROR)) && session != nullptr)
+            end(session);
+    }
+}
+
+// ---------------------------------------------------------------- start
+
+std::pair<std::string, uint16_t> address_port(const std::string &listen)
+{
+    const auto colon = listen.find_last_of(':');
+    if (colon == std::string::npos || colon == 0)
+        throw std::invalid_argument("--listen " + listen + ": not ADDRESS:PORT");
+    std::string address = listen.substr(0, colon);
+    if (address.size() > 2 && address.front() == '[' && address.back() == ']')
+        address = address.substr(1, address.size() - 2);
+    const std::string port = listen.substr(colon + 1);
+    char *end = nullptr;
+    errno = 0;
+    const unsigned long n = std::strtoul(port.c_str(), &end, 10);
+    if (port.empty() || *end != '\0' || errno != 0 || n == 0 || n > 65535)
+        throw std::invalid_argument("--listen " + listen + ": the port is not 1 to 65535");
+    return {address, static_cast<uint16_t>(n)};
+}
+
+void Server::start()
+{
+    if (o_.listen.empty() && o_.unix_path.empty())
+        throw std::invalid_argument("nothing to listen on: give --listen, --unix or both");
+    if (!o_.users.empty())
+        users_ = Users::read(o_.users);
+    if (!o_.authorized_keys.empty())
+        keys_ = AuthorizedKeys::read(o_.authorized_keys);
+    if (!o_.listen.empty() && users_.size() == 0 && keys_.size() == 0)
+        throw std::invalid_argument(
+            "--listen without --users or --authorized-keys: no one could log in");
+
+    agent_ = std::make_unique<Agent>(o_.agent, [this](const std::string &l) { log(l); });
+    host_key_path = host_key(o_.agent.state_dir);
+
+    nc_set_print_clb(nc_print);
+    nc_verbosity(o_.verbose ? NC_VERB_VERBOSE : NC_VERB_WARNING);
+    ly_set_log_clb(ly_print, 1);
+    ly_log_level(LY_LLERR);
+    if (ly_ctx_new(o_.yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx_) != LY_SUCCESS)
+        throw std::runtime_error("cannot set up libyang with " + o_.yang_dir);
+    const char *netconf_features[] = {"writable-running", "rollback-on-error", "validate", nullptr};
+    if (ly_ctx_load_module(ctx_, "ietf-netconf", nullptr, netconf_features) == nullptr ||
+        ly_ctx_load_module(ctx_, "ietf-netconf-monitoring", nullptr, nullptr) == nullptr)
+        throw std::runtime_error("cannot load ietf-netconf and ietf-netconf-monitoring from " +
+                                 o_.yang_dir);
+    for (const char *m : served_modules)
+        if (ly_ctx_load_module(ctx_, m, nullptr, nullptr) == nullptr)
+            throw std::runtime_error(std::string("cannot load ") + m + " from " + o_.yang_dir);
+
+    // <get-schema> is answered here: libnetconf2 2.0's own answer prints
+    // from memory it has freed.  It takes an operation's own callback, held
+    // by its schema node, over the one it would install.
+    const lysc_node *get_schema =
+        lys_find_path(ctx_, nullptr, "/ietf-netconf-monitoring:get-schema", 0);
+    if (get_schema == nullptr)
+        throw std::runtime_error("ietf-netconf-monitoring has no <get-schema>");
+    const_cast<lysc_node *>(get_schema)->priv = reinterpret_cast<void *>(rpc_callback);
+    if (nc_server_init(ctx_) != 0)
+        throw std::runtime_error("cannot start libnetconf2");
+    nc_started_ = true;
+    nc_server_set_hello_timeout(60);
+    nc_server_set_idle_timeout(0);
+    nc_set_global_rpc_clb(rpc_callback);
+    ps_ = nc_ps_new();
+
+    if (!o_.listen.empty()) {
+        auto [address, port] = address_port(o_.listen);
+        nc_server_ssh_set_hostkey_clb(host_key_callback, nullptr, nullptr);
+        nc_server_ssh_set_passwd_auth_clb(password_callback, nullptr, nullptr);
+        nc_server_ssh_set_pubkey_auth_clb(public_key_callback, nullptr, nullptr);
+        int methods = 0;
+        if (users_.size() > 0)
+            methods |= NC_SSH_AUTH_PASSWORD;
+        if (keys_.size() > 0)
+            methods |= NC_SSH_AUTH_PUBLICKEY;
+        if (nc_server_add_endpt("ssh", NC_TI_LIBSSH) != 0 ||
+            nc_server_ssh_endpt_add_hostkey("ssh", "host", -1) != 0 ||
+            nc_server_ssh_endpt_set_auth_methods("ssh", methods) != 0 ||
+            nc_server_ssh_endpt_set_auth_attempts("ssh", 3) != 0 ||
+            nc_server_ssh_endpt_set_auth_timeout("ssh", 30) != 0)
+            throw std::runtime_error("cannot set up the SSH endpoint");
+        if (nc_server_endpt_set_address("ssh", address.c_str()) != 0 ||
+            nc_server_endpt_set_port("ssh", port) != 0)
+            throw std::runtime_error("cannot listen on " + o_.listen);
+        log("listening on " + o_.listen + " (SSH)");
+    }
+    if (!o_.unix_path.empty()) {
+        // A socket left by an earlier run is taken over; anything else at
+        // that path is left alone.
+        struct stat st {};
+        if (lstat(o_.unix_path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode))
+            unlink(o_.unix_path.c_str());
+        if (nc_server_add_endpt("unix", NC_TI_UNIX) != 0 ||
+            nc_server_endpt_set_perms("unix", 0600, static_cast<uid_t>(-1),
+                                      static_cast<gid_t>(-1)) != 0 ||
+            nc_server_endpt_set_address("unix", o_.unix_path.c_str()) != 0)
+            throw std::runtime_error("cannot listen on " + o_.unix_path);
+        log("listening on " + o_.unix_path + " (UNIX socket)");
+    }
+    log("running configuration in " + agent_->running_path());
+}
+
+int Server::run()
+{
+    // Signals are taken by this thread alone, in sigwait; the others never
+    // see them.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        start();
+    } catch (const std::exception &e) {
+        log(one_line(e.what()));
+        return 2;
+    }
+    std::vector<std::thread> threads;
+    threads.emplace_back([this] { accept_loop(); });
+    for (unsigned i = 0; i < std::max(1u, o_.threads); ++i)
+        threads.emplace_back([this] { poll_loop(); });
+    int signal = 0;
+    sigwait(&signals, &signal);
+    log(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
+    stop_ = true;
+    sessions_cv_.notify_all();
+    for (std::thread &t : threads)
+        t.join();
+    return 0;
+}
+
+Server::~Server()
+{
+    if (ps_ != nullptr) {
+        nc_ps_clear(ps_, 1, nullptr);
+        nc_ps_free(ps_);
+    }
+    if (nc_started_)
+        nc_server_destroy();
+    if (ctx_ != nullptr)
+        ly_ctx_destroy(ctx_);
+    if (!o_.unix_path.empty() && nc_started_)
+        unlink(o_.unix_path.c_str());
+}
+
+} // namespace
+
+int serve(const ServerOptions &o, std::ostream &err)
+{
+    Server server(o, err);
+    the_server = &server;
+    const int rc = server.run();
+    return rc;
+}
+
+} // namespace octunnel::serve
