@@ -9,6 +9,8 @@ packages=(
   libxml2-dev rapidjson-dev libcli11-dev libyang2-dev pkgconf
   libyang-tools time libbenchmark-dev
   clang libclang-rt-14-dev clang-format git man-db
+  libnetconf2-dev libssh-dev libcrypt-dev
+  python3-ncclient python3-lxml python3-paramiko openssh-client openssl
 )
 
 missing=()

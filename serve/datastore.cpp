@@ -31,26 +31,62 @@ bool is_key_of(const Node &leaf, const Node &entry)
     return false;
 }
 
-// Whether anything at or below `e` writes (merge, replace, create) or
-// deletes: under default-operation none such a node needs its parent to
-// exist.  An operation-less node below writes only if `inherited` does.
-bool changes_data(const Node &e, int inherited)
+// Whether `e` and what it holds only remove (operation remove, or none
+// below one that does): what a missing level of default-operation none may
+// hold without error, as there is nothing to remove.
+bool only_removes(const Node &e, int inherited)
 {
     struct Step {
         const Node *node;
         int op;
     };
+    bool removes = false;
     std::vector<Step> stack{{&e, e.op() >= 0 ? e.op() : inherited}};
     while (!stack.empty()) {
         Step s = stack.back();
         stack.pop_back();
-        if (s.op != op_none && s.op != static_cast<int>(YFW_OP_REMOVE))
-            return true;
+        if (s.op == static_cast<int>(YFW_OP_REMOVE))
+            removes = true;
+        else if (s.op != op_none)
+            return false;
         for (const auto &k : s.node->slots())
             if (k)
                 stack.push_back({k.get(), k->op() >= 0 ? k->op() : s.op});
     }
-    return false;
+    return removes;
+}
+
+// Whether an edit's list entry names all its keys.
+bool keyed(const Node &e)
+{
+    for (std::string_view key : models().keys(e.place())) {
+        const Node *k = e.child(key);
+        if (k == nullptr || !k->has_value())
+            return false;
+    }
+    return true;
+}
+
+// The entries of `parent` that an entry of an edit without all its keys
+// stands for: those with its name and the keys it gives.
+std::vector<Node *> entries_like(const Node &e, const Node &parent)
+{
+    std::vector<Node *> found;
+    for (const auto &k : parent.slots()) {
+        if (!k || std::string_view(k->tag()) != e.tag() || std::string_view(k->ns()) != e.ns())
+            continue;
+        bool match = true;
+        for (std::string_view key : models().keys(e.place())) {
+            const Node *given = e.child(key);
+            if (given == nullptr || !given->has_value())
+                continue;
+            const Node *held = k->child(key);
+            match = match && held != nullptr && held->value() == given->value();
+        }
+        if (match)
+            found.push_back(k.get());
+    }
+    return found;
 }
 
 // Changes made to the tree, kept until the edit is whole so that every one
@@ -160,11 +196,11 @@ private:
             const Node *e = s.e->slots()[s.next++].get();
             if (e == nullptr)
                 continue;
-            Node *into = apply_one(*e, *s.d, s.op);
-            if (into != nullptr) {
-                int inherited = e->op() >= 0 ? e->op() : s.op;
-                stack.push_back({e, into, inherited, 0});
-            }
+            const int inherited = e->op() >= 0 ? e->op() : s.op;
+            into_.clear();
+            apply_one(*e, *s.d, s.op);
+            for (Node *d : into_)
+                stack.push_back({e, d, inherited, 0});
         }
     }
 
@@ -173,9 +209,9 @@ private:
         throw EditError(tag, path_of(e), e.tag(), message);
     }
 
-    // Applies `e` below `parent`; returns the data node its children apply
-    // to, or null when they are done with.
-    Node *apply_one(const Node &e, Node &parent, int inherited)
+    // Applies `e` below `parent`; the data nodes its children apply to go
+    // to into_.
+    void apply_one(const Node &e, Node &parent, int inherited)
     {
         const int op = e.op() >= 0 ? e.op() : inherited;
         // A list entry's keys name it; they were written with it.
@@ -183,55 +219,82 @@ private:
             if (op == static_cast<int>(YFW_OP_DELETE) || op == static_cast<int>(YFW_OP_REMOVE))
                 fail("operation-not-supported", e,
                      "a list key cannot be deleted apart from its entry");
-            if (e.has_value() && parent.child(e.tag())->value() != e.value())
-                fail("invalid-value", e, "a list key cannot be changed");
-            return nullptr;
+            return;
         }
-        if (e.kind() == NodeKind::list)
-            for (std::string_view key : models().keys(e.place())) {
-                const Node *k = e.child(key);
-                if (k == nullptr || !k->has_value())
-                    fail("missing-element", e,
-                         element_name(e.tag()) + " has no key " + element_name(key));
-            }
+        if (e.kind() == NodeKind::list && !keyed(e)) {
+            apply_to_entries(e, parent, op);
+            return;
+        }
         Node *d = parent.find(e.identity());
         switch (op) {
         case YFW_OP_DELETE:
             if (d == nullptr)
                 fail("data-missing", e, "there is no " + element_name(e.tag()) + " to delete");
             remove(*d);
-            return nullptr;
+            return;
         case YFW_OP_REMOVE:
             if (d != nullptr)
                 remove(*d);
-            return nullptr;
+            return;
         case YFW_OP_CREATE:
             if (d != nullptr)
                 fail("data-exists", e, element_name(e.tag()) + " exists already");
-            return &create(e, parent, parent.slots().size());
+            into_.push_back(&create(e, parent, parent.slots().size()));
+            return;
         case YFW_OP_REPLACE: {
             std::size_t slot = parent.slots().size();
             if (d != nullptr)
                 slot = journal_.remove(*d);
-            return &create(e, parent, slot);
+            into_.push_back(&create(e, parent, slot));
+            return;
         }
         case YFW_OP_MERGE:
-            if (d == nullptr)
-                return &create(e, parent, parent.slots().size());
+            if (d == nullptr) {
+                into_.push_back(&create(e, parent, parent.slots().size()));
+                return;
+            }
             if (e.has_value())
                 journal_.set_value(*d, e.value());
-            return d;
+            into_.push_back(d);
+            return;
         case op_none:
-            if (d == nullptr) {
-                if (changes_data(e, op_none))
-                    fail("data-missing", e,
-                         "there is no " + element_name(e.tag()) +
-                             " to edit below, and the default operation is none");
-                return nullptr;
-            }
-            return d;
+            if (d != nullptr)
+                into_.push_back(d);
+            else if (!only_removes(e, op_none))
+                fail("data-missing", e,
+                     "there is no " + element_name(e.tag()) +
+                         " to edit below, and the default operation is none");
+            return;
         default:
             fail("bad-attribute", e, "unknown operation " + std::to_string(op));
+        }
+    }
+
+    // A list entry without all its keys stands for every entry with the
+    // keys it gives: the module names no key where a deletion or a replace
+    // takes out a whole list.  It can remove them, or reach into them; a
+    // new entry needs its keys.
+    void apply_to_entries(const Node &e, Node &parent, int op)
+    {
+        std::vector<Node *> entries = entries_like(e, parent);
+        switch (op) {
+        case YFW_OP_DELETE:
+            if (entries.empty())
+                fail("data-missing", e, "there is no " + element_name(e.tag()) + " to delete");
+            [[fallthrough]];
+        case YFW_OP_REMOVE:
+            for (Node *d : entries)
+                remove(*d);
+            return;
+        case YFW_OP_MERGE:
+        case op_none:
+            into_.insert(into_.end(), entries.begin(), entries.end());
+            return;
+        default:
+            for (std::string_view key : models().keys(e.place()))
+                if (const Node *k = e.child(key); k == nullptr || !k->has_value())
+                    fail("missing-element", e,
+                         element_name(e.tag()) + " has no key " + element_name(key));
         }
     }
 
@@ -280,6 +343,7 @@ private:
     Tree &tree_;
     Journal &journal_;
     std::vector<Node *> emptied_;
+    std::vector<Node *> into_;
 };
 
 } // namespace

@@ -51,6 +51,18 @@ void mark(const Node &d, uint64_t pass, uint8_t level)
     }
 }
 
+// A list entry in an answer holds its keys, whatever the filter selected
+// in it: data has no entry without them.
+void mark_partly(const Node &d, uint64_t pass)
+{
+    mark(d, pass, 1);
+    if (d.kind() != NodeKind::list)
+        return;
+    for (std::string_view key : models().keys(d.place()))
+        if (const Node *k = d.child(key); k != nullptr)
+            mark(*k, pass, 2);
+}
+
 // The children of a data node by tag, gathered once for a node with many.
 class Children {
 public:
@@ -127,7 +139,7 @@ public:
             // Every containment element of this level is done.
             const bool selected = top.any;
             if (selected)
-                mark(*top.d, pass_, 1);
+                mark_partly(*top.d, pass_);
             --depth_;
             if (depth_ == 0)
                 return selected;
@@ -190,11 +202,11 @@ private:
             const Node &c = *slot;
             switch (role(c)) {
             case Role::content:
+                // Kept with the node, but they do not select it: it needs
+                // something of its selections or containments.
                 fr.children.named(c, [&](const Node &k) {
-                    if (k.has_value() && k.value() == c.value()) {
+                    if (k.has_value() && k.value() == c.value())
                         mark(k, pass_, 2);
-                        fr.any = true;
-                    }
                 });
                 break;
             case Role::selection:
@@ -212,7 +224,7 @@ private:
             return true;
         selected = fr.any;
         if (selected)
-            mark(d, pass_, 1);
+            mark_partly(d, pass_);
         --depth_;
         return false;
     }

@@ -16,11 +16,13 @@ namespace octunnel::serve {
 // - one with text is a content-match node: the data node it stands in holds
 //   a child of its name with that very value, or nothing of it is kept;
 //   when all the elements of a level are content matches, the data node is
-//   kept whole;
+//   kept whole; otherwise it is kept, its content matches with it, when its
+//   selection and containment nodes keep something;
 // - one with neither is a selection node: every data node of its name is
 //   kept whole;
 // - an element without a namespace matches one of any namespace.
 //
+// A list entry that something in it is selected from holds its keys.
 // Several filter elements that select the same data select it once.
 // Returns the pass to hand to write(), which writes what was marked, in the
 // order of the data.  Lists whose keys all come as content matches are found

@@ -1,6 +1,7 @@
 #include "server.h"
 
 #include "access.h"
+#include "message_guard.h"
 
 #include <atomic>
 #include <cerrno>
@@ -565,6 +566,9 @@ void Server::start()
     if (get_schema == nullptr)
         throw std::runtime_error("ietf-netconf-monitoring has no <get-schema>");
     const_cast<lysc_node *>(get_schema)->priv = reinterpret_cast<void *>(rpc_callback);
+    // A message may hold the largest request taken and the rest of an <rpc>.
+    guard_messages(o_.agent.max_content + (std::size_t{1} << 20),
+                   [this](const std::string &l) { log(l); });
     if (nc_server_init(ctx_) != 0)
         throw std::runtime_error("cannot start libnetconf2");
     nc_started_ = true;

@@ -1,0 +1,226 @@
+"""The protocol around the requests: the hello and what it advertises,
+<get-schema>, who may log in, and what a client sends that it should not,
+from malformed XML to oversized and deeply nested requests."""
+
+import os
+import socket
+import subprocess
+
+import paramiko
+from lxml import etree
+from ncclient.transport.errors import AuthenticationError
+
+from harness import (NC, OC, PASSWORD, USER, Agent, config, error_of, read, reply_leaves, source,
+                     tunnel)
+
+
+def test_the_hello_advertises_netconf_and_the_openconfig_modules():
+    with Agent() as agent:
+        m = agent.connect()
+        caps = set(m.server_capabilities)
+        for cap in ("urn:ietf:params:netconf:base:1.0", "urn:ietf:params:netconf:base:1.1",
+                    "urn:ietf:params:netconf:capability:writable-running:1.0",
+                    "urn:ietf:params:netconf:capability:rollback-on-error:1.0"):
+            assert cap in caps, cap
+        modules = {c.split("module=")[1].split("&")[0] for c in caps if "module=" in c}
+        for module in ("openconfig-interfaces", "openconfig-if-ip", "openconfig-if-tunnel",
+                       "openconfig-types", "openconfig-inet-types", "openconfig-yang-types",
+                       "openconfig-extensions", "iana-if-type", "ietf-netconf-monitoring"):
+            assert module in modules, module
+        assert "urn:ietf:params:netconf:capability:candidate:1.0" not in caps
+        assert m.session_id is not None
+
+        # The schema of each module, as vendored.
+        for module in ("openconfig-if-tunnel", "openconfig-interfaces"):
+            schema = m.get_schema(module)
+            text = etree.fromstring(schema.xml.encode())[0].text
+            assert text == read(source("third_party", "openconfig-yang", module + ".yang")), module
+        e = error_of(lambda: m.get_schema("no-such-module"))
+        assert e.tag == "invalid-value", e.tag
+        m.close_session()
+        agent.stop()
+
+
+def test_only_known_users_log_in():
+    with Agent(users={USER: PASSWORD, "bob": "builder"}) as agent:
+        keys = os.path.join(agent.work, "keys")
+        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", "carol@laptop",
+                        "-f", os.path.join(agent.work, "carol")], check=True)
+        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", "mallory",
+                        "-f", os.path.join(agent.work, "mallory")], check=True)
+        with open(keys, "w", encoding="utf-8") as f:
+            f.write("# carol's key\n" + read(os.path.join(agent.work, "carol.pub")))
+        agent.stop()
+        agent.args += ["--authorized-keys", keys]
+        agent.start()
+
+        for user, password in ((USER, "wrong"), ("bob", PASSWORD), ("nobody", PASSWORD),
+                               ("", ""), (USER, "")):
+            try:
+                agent.connect(user, password)
+            except AuthenticationError:
+                continue
+            raise AssertionError(f"{user!r} with {password!r} was let in")
+
+        def by_key(user, key):
+            from ncclient import manager
+            return manager.connect(host="127.0.0.1", port=agent.port, username=user,
+                                   key_filename=os.path.join(agent.work, key),
+                                   hostkey_verify=False, allow_agent=False, look_for_keys=False)
+
+        by_key("carol", "carol").close_session()
+        for user, key in (("alice", "carol"), ("mallory", "mallory"), ("carol", "mallory")):
+            try:
+                by_key(user, key)
+            except AuthenticationError:
+                continue
+            raise AssertionError(f"{user} with {key}'s key was let in")
+
+        # The agent goes on serving those who may.
+        for user, password in ((USER, PASSWORD), ("bob", "builder")):
+            m = agent.connect(user, password)
+            m.get_config("running")
+            m.close_session()
+        assert "password refused for user 'nobody'" in "".join(agent.log)
+        agent.stop()
+
+
+def edit(interfaces_content):
+    return (f'<edit-config><target><running/></target><config><interfaces xmlns="{OC}">'
+            f"{interfaces_content}</interfaces></config></edit-config>")
+
+
+def error_tag(reply):
+    root = etree.fromstring(reply.encode())
+    return root.findtext(f".//{{{NC}}}error-tag")
+
+
+def test_malformed_requests_are_answered_and_the_agent_goes_on():
+    with Agent("--max-request", "65536") as agent:
+        s = agent.raw()
+        assert "urn:ietf:params:netconf:base:1.1" in s.hello
+
+        # Not XML: an error naming what is wrong (libnetconf2 2.0 says
+        # operation-failed where the RFC has malformed-message), and the
+        # session goes on.
+        s.send(f'<rpc xmlns="{NC}" message-id="1"><get-config><source><running/></get-config>')
+        reply = s.receive()
+        assert error_tag(reply) in ("malformed-message", "operation-failed"), reply
+        assert "mismatch" in reply, reply
+        # Operations that do not exist, or that the agent does not perform.
+        assert error_tag(s.rpc('<frobnicate xmlns="urn:example:x"/>')) is not None
+        assert error_tag(s.rpc(
+            "<copy-config><target><running/></target><source><running/></source></copy-config>")
+        ) == "operation-not-supported"
+        assert error_tag(s.rpc(
+            "<get-config><source><candidate/></source></get-config>")) is not None
+        assert error_tag(s.rpc("<edit-config><target><running/></target></edit-config>")) \
+            is not None
+        # An XPath filter is not taken; an empty subtree filter selects nothing.
+        assert error_tag(s.rpc(
+            '<get-config><source><running/></source><filter type="xpath" select="/a"/>'
+            "</get-config>")) is not None
+        reply = s.rpc('<get-config><source><running/></source><filter type="subtree"/>'
+                      "</get-config>")
+        data = etree.fromstring(reply.encode()).find(f"{{{NC}}}data")
+        assert data is not None and len(data) == 0, reply
+        # Entities declared in the message, deeply nested documents and
+        # oversized ones.
+        bomb = ('<?xml version="1.0"?><!DOCTYPE r [<!ENTITY a "aaaaaaaaaa">'
+                '<!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;">]>'
+                f'<rpc xmlns="{NC}" message-id="2"><get-config><source><running/></source>'
+                "</get-config></rpc>")
+        s.send(bomb)
+        assert error_tag(s.receive()) is not None
+        deep = "<a>" * 5000 + "</a>" * 5000
+        assert error_tag(s.rpc(edit(deep))) is not None
+        big = "".join(tunnel(f"tunnel-ip{i}", f"<config><ttl>{i % 255}</ttl></config>")
+                      for i in range(1000))
+        assert error_tag(s.rpc(edit(big))) == "too-big"
+        # Still serving, on this session and another.
+        assert "<data" in s.rpc("<get-config><source><running/></source></get-config>")
+        s.close()
+
+        # Broken framing ends the session; so does a message beyond any
+        # request the agent takes, answered too-big first.  Messages
+        # without an element are no requests.  Base 1.0 has no way to say a
+        # message was malformed: it is passed over.
+        for base11, frames in ((True, ["\n#0\n\n##\n"]), (True, ["\n##\n"]),
+                               (True, ["\n#abc\n"]), (True, ["\n#99999999999\n"]),
+                               (True, ["no frame at all"]),
+                               (False, ["]]>]]>", "<rpc><not-closed>]]>]]>", "  ]]>]]>"])):
+            s = agent.raw(base11=base11)
+            for frame in frames:
+                s.send(frame, raw=True)
+            if base11:
+                try:
+                    s.receive()
+                    raise AssertionError("the session went on after " + repr(frames))
+                except (EOFError, OSError):
+                    pass
+            else:
+                assert "<data" in s.rpc("<get-config><source><running/></source></get-config>")
+            s.close()
+        s = agent.raw()
+        s.send(f"\n#{2 * 1024 * 1024}\n", raw=True)
+        assert error_tag(s.receive()) == "too-big"
+        try:
+            s.receive()
+            raise AssertionError("the session went on after a message too large")
+        except (EOFError, OSError):
+            pass
+        s.close()
+        assert agent.alive()
+        assert "its client sent a chunk size" in "".join(agent.log)
+        m = agent.connect()
+        m.edit_config(target="running", config=config(tunnel(
+            "tunnel-ip12", "<config><ttl>12</ttl></config>")))
+        assert "/interfaces/interface[tunnel-ip12]/tunnel/config/ttl=12" in reply_leaves(
+            m.get_config("running"))
+        m.close_session()
+        agent.stop()
+
+
+def test_a_unix_socket_serves_without_ssh():
+    with Agent() as agent:
+        path = os.path.join(agent.work, "netconf.sock")
+        agent.stop()
+        agent.args += ["--unix", path]
+        agent.start()
+        assert oct(os.stat(path).st_mode & 0o777) == "0o600"
+        s = socket.socket(socket.AF_UNIX)
+        s.connect(path)
+        f = s.makefile("rwb", buffering=0)
+        hello = b""
+        while b"]]>]]>" not in hello:
+            hello += s.recv(65536)
+        assert b"urn:ietf:params:netconf:base:1.0" in hello
+        f.write(f'<hello xmlns="{NC}"><capabilities><capability>'
+                "urn:ietf:params:netconf:base:1.0</capability></capabilities></hello>]]>]]>"
+                .encode())
+        f.write(f'<rpc xmlns="{NC}" message-id="1"><get-config><source><running/></source>'
+                "</get-config></rpc>]]>]]>".encode())
+        reply = b""
+        while b"]]>]]>" not in reply:
+            reply += s.recv(65536)
+        assert b"<data" in reply, reply
+        s.close()
+        agent.stop()
+        assert not os.path.exists(path)
+
+
+def test_the_host_key_is_made_once_and_kept():
+    with Agent() as agent:
+        key = os.path.join(agent.state, "ssh_host_ed25519_key")
+        first = paramiko.Transport(("127.0.0.1", agent.port))
+        first.start_client()
+        fingerprint = first.get_remote_server_key().get_fingerprint()
+        first.close()
+        agent.stop()
+        assert oct(os.stat(key).st_mode & 0o777) == "0o600"
+        agent.start()
+        again = paramiko.Transport(("127.0.0.1", agent.port))
+        again.start_client()
+        assert again.get_remote_server_key().get_fingerprint() == fingerprint
+        again.close()
+        agent.stop()
