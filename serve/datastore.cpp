@@ -308,7 +308,9 @@ private:
                 const Node *k = e.child(key);
                 n->add(k->tag(), k->ns()).set_value(k->value());
             }
-        return journal_.insert(parent, std::move(n), slot);
+        Node &made = journal_.insert(parent, std::move(n), slot);
+        created_.push_back(&made);
+        return made;
     }
 
     void remove(Node &d)
@@ -317,19 +319,27 @@ private:
         journal_.remove(d);
     }
 
-    // Containers that the edit left empty go too, up to a list entry or a
-    // top-level node.
+    // Containers that the edit left empty, or made and put nothing in, go
+    // too, up to a list entry: a container holds data only through what it
+    // holds.
     void prune()
     {
-        for (Node *n : emptied_) {
-            while (n != nullptr && n->parent() != nullptr && n->parent()->parent() != nullptr &&
-                   attached(*n) && n->child_count() == 0 && !n->has_value() &&
-                   (n->kind() == NodeKind::container || n->kind() == NodeKind::unknown)) {
+        auto empty_container = [](const Node &n) {
+            return n.child_count() == 0 && !n.has_value() &&
+                   (n.kind() == NodeKind::container || n.kind() == NodeKind::unknown);
+        };
+        auto climb = [&](Node *n) {
+            while (n != nullptr && n->parent() != nullptr && empty_container(*n) && attached(*n)) {
                 Node *up = n->parent();
                 journal_.remove(*n);
                 n = up;
             }
-        }
+        };
+        for (auto it = created_.rbegin(); it != created_.rend(); ++it)
+            if (empty_container(**it))
+                climb(*it);
+        for (Node *n : emptied_)
+            climb(n);
     }
 
     bool attached(const Node &n) const
@@ -343,6 +353,7 @@ private:
     Tree &tree_;
     Journal &journal_;
     std::vector<Node *> emptied_;
+    std::vector<Node *> created_;
     std::vector<Node *> into_;
 };
 

@@ -327,8 +327,13 @@ nc_server_reply *Server::rpc(lyd_node *rpc, nc_session *session)
                                  "only the running configuration is served", "application");
                 return answer(rpc, name == "lock" ? agent_->lock(sid) : agent_->unlock(sid), false);
             }
-            if (name == "close-session")
+            if (name == "close-session") {
+                // Its lock goes before the answer: a session that hears it
+                // may take the lock at once.
+                agent_->session_ended(sid);
+                nc_session_set_term_reason(session, NC_SESSION_TERM_CLOSED);
                 return nc_server_reply_ok();
+            }
             if (name == "kill-session")
                 return kill_session(rpc, sid);
             if (name == "validate")
@@ -558,14 +563,17 @@ void Server::start()
         if (ly_ctx_load_module(ctx_, m, nullptr, nullptr) == nullptr)
             throw std::runtime_error(std::string("cannot load ") + m + " from " + o_.yang_dir);
 
-    // <get-schema> is answered here: libnetconf2 2.0's own answer prints
-    // from memory it has freed.  It takes an operation's own callback, held
-    // by its schema node, over the one it would install.
-    const lysc_node *get_schema =
-        lys_find_path(ctx_, nullptr, "/ietf-netconf-monitoring:get-schema", 0);
-    if (get_schema == nullptr)
-        throw std::runtime_error("ietf-netconf-monitoring has no <get-schema>");
-    const_cast<lysc_node *>(get_schema)->priv = reinterpret_cast<void *>(rpc_callback);
+    // <get-schema> and <close-session> are answered here: libnetconf2 2.0's
+    // own answer to the first prints from memory it has freed, and the
+    // second must let the session's lock go.  It takes an operation's own
+    // callback, held by its schema node, over the one it would install.
+    for (const char *path :
+         {"/ietf-netconf-monitoring:get-schema", "/ietf-netconf:close-session"}) {
+        const lysc_node *op = lys_find_path(ctx_, nullptr, path, 0);
+        if (op == nullptr)
+            throw std::runtime_error(std::string("the YANG models have no ") + path);
+        const_cast<lysc_node *>(op)->priv = reinterpret_cast<void *>(rpc_callback);
+    }
     // A message may hold the largest request taken and the rest of an <rpc>.
     guard_messages(o_.agent.max_content + (std::size_t{1} << 20),
                    [this](const std::string &l) { log(l); });

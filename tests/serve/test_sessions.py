@@ -1,0 +1,170 @@
+"""Several sessions at once: locks, killed and closed sessions, clients
+editing together, and an agent killed in the middle of a stream of edits."""
+
+import os
+import subprocess
+import threading
+
+from lxml import etree
+from ncclient.operations.rpc import RPCError
+from ncclient.transport.errors import SessionCloseError, TransportError
+
+import harness
+from harness import NC, Agent, config, error_of, reply_leaves, tunnel
+
+
+def address(i, n):
+    """An IPv6 address entry of a tunnel, one of a client's edits."""
+    ip = f"2001:db8:{i:x}::{n:x}"
+    return ip, (f"<ipv6><addresses><address><ip>{ip}</ip><config><ip>{ip}</ip>"
+                f"<prefix-length>128</prefix-length></config></address></addresses></ipv6>")
+
+
+def addresses_in(leaves):
+    return {leaf.split("address[")[1].split("]")[0] for leaf in leaves
+            if "/ipv6/addresses/address[" in leaf and leaf.endswith("/config/prefix-length=128")}
+
+
+def test_locks_keep_others_out_until_released():
+    with Agent() as agent:
+        a, b, c = agent.connect(), agent.connect(), agent.connect()
+        edit = config(tunnel("tunnel-ip12", "<config><ttl>1</ttl></config>"))
+        a.lock("running")
+
+        # Another session gets neither the lock nor an edit, but reads.
+        e = error_of(lambda: b.lock("running"))
+        assert e.tag == "lock-denied", e.tag
+        assert f"<session-id>{a.session_id}</session-id>" in e.info, e.info
+        e = error_of(lambda: b.edit_config(target="running", config=edit))
+        assert e.tag == "in-use", e.tag
+        b.get_config("running")
+        # The holder edits; a second lock of its own is refused too.
+        a.edit_config(target="running", config=edit)
+        assert error_of(lambda: a.lock("running")).tag == "lock-denied"
+        # Only the holder unlocks.
+        assert error_of(lambda: b.unlock("running")).tag == "operation-failed"
+        a.unlock("running")
+        assert error_of(lambda: a.unlock("running")).tag == "operation-failed"
+
+        # A lock goes with its session: closed ...
+        b.lock("running")
+        b.close_session()
+        c.lock("running")
+        # ... or killed, which another session may do, not the session itself.
+        e = error_of(lambda: c.kill_session(c.session_id))
+        assert e.tag == "invalid-value", e.tag
+        assert error_of(lambda: a.kill_session("4242")).tag == "invalid-value"
+        a.kill_session(c.session_id)
+        try:
+            c.get_config("running")
+            raise AssertionError("a killed session went on")
+        except (SessionCloseError, TransportError):
+            pass
+        a.lock("running")
+        a.edit_config(target="running", config=edit)
+        a.close_session()
+        agent.stop()
+
+
+def test_clients_editing_at_once_lose_no_acknowledged_edit():
+    clients, edits = 8, 200
+    with Agent() as agent:
+        acknowledged = [set() for _ in range(clients)]
+        failures = []
+
+        def client(i):
+            try:
+                m = agent.connect()
+                for n in range(edits):
+                    ip, inner = address(i, n)
+                    # Every client writes into the same tunnel: the edits
+                    # meet in one native list.
+                    m.edit_config(target="running", config=config(tunnel("tunnel-ip1", inner)))
+                    acknowledged[i].add(ip)
+                m.close_session()
+            except Exception as e:  # noqa: BLE001 - reported below
+                failures.append(f"client {i}: {e!r}")
+
+        threads = [threading.Thread(target=client, args=(i,)) for i in range(clients)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        assert not failures, failures
+        everything = set().union(*acknowledged)
+        assert len(everything) == clients * edits
+        m = agent.connect()
+        assert addresses_in(reply_leaves(m.get_config("running"))) == everything
+        m.close_session()
+        agent.stop()
+        # ... and so does the file, read after the agent is gone.
+        tool = subprocess.run([harness.OCTUNNEL, "to-oc", "--kind", "get-config", agent.running],
+                              check=True, capture_output=True, text=True).stdout
+        assert addresses_in(harness.leaves(tool)) == everything
+
+
+def test_an_agent_killed_among_edits_keeps_every_acknowledged_one():
+    with Agent() as agent:
+        for round_ in range(3):
+            before = in_file(agent)
+            acknowledged, sent = [], []
+            killed = threading.Event()
+
+            def stream(i):
+                try:
+                    m = agent.connect()
+                    for n in range(10_000):
+                        ip, inner = address(16 * round_ + i, n)
+                        sent.append(ip)
+                        m.edit_config(target="running",
+                                      config=config(tunnel(f"tunnel-ip{i}", inner)))
+                        acknowledged.append(ip)
+                        # The agent dies with edits under way: after the
+                        # 150th acknowledged one, while both streams go on.
+                        if len(acknowledged) == 150:
+                            agent.kill()
+                            killed.set()
+                except (RPCError, SessionCloseError, TransportError, OSError, EOFError):
+                    pass
+
+            streams = [threading.Thread(target=stream, args=(i,)) for i in range(2)]
+            for t in streams:
+                t.start()
+            for t in streams:
+                t.join()
+            assert killed.is_set()
+
+            # The file is a whole document and holds every acknowledged
+            # edit, and nothing no one sent; what a write in flight left
+            # beside it goes at the next start.
+            assert set(acknowledged) <= in_file(agent)
+            agent.start()
+            assert not [f for f in os.listdir(agent.state) if f.startswith("running.xml.")]
+            m = agent.connect()
+            got = addresses_in(reply_leaves(m.get_config("running")))
+            assert before | set(acknowledged) <= got, (before | set(acknowledged)) - got
+            assert got <= before | set(sent), got - before - set(sent)
+            m.close_session()
+        agent.stop()
+
+
+def in_file(agent):
+    """The IPv6 addresses of the native configuration file."""
+    if not os.path.exists(agent.running):
+        return set()
+    tree = etree.parse(agent.running)
+    return {e.text for e in tree.iterfind(".//{*}regular-address/{*}address")}
+
+
+def test_a_closed_session_is_answered_once_and_ends():
+    with Agent() as agent:
+        s = agent.raw()
+        reply = s.rpc("<close-session/>")
+        assert etree.fromstring(reply.encode()).find(f"{{{NC}}}ok") is not None, reply
+        try:
+            s.receive()
+            raise AssertionError("the session went on after <close-session>")
+        except (EOFError, OSError):
+            pass
+        s.close()
+        agent.stop()

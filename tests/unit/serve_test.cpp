@@ -1,0 +1,422 @@
+// The agent's parts without a network: subtree filtering, the native
+// datastore's edits, the framing guard, and requests through the loaded
+// module.
+#include "agent.h"
+#include "datastore.h"
+#include "filter.h"
+#include "framing.h"
+#include "tree.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+namespace {
+
+using namespace octunnel;
+using namespace octunnel::serve;
+namespace fs = std::filesystem;
+
+const std::string IFMGR = "http://valmora.com/ns/yang/Valmora-ifmgr-cfg";
+const std::string GRE = "http://valmora.com/ns/yang/Valmora-tunnel-gre-cfg";
+const std::string V6 = "http://valmora.com/ns/yang/Valmora-ipv6-ma-cfg";
+
+std::unique_ptr<Tree> tree_of(const std::string &xml)
+{
+    auto tree = std::make_unique<Tree>();
+    adopt(*tree, read_xml(xml, 1 << 20));
+    return tree;
+}
+
+std::string xml_of(const Node &holder, uint64_t pass = 0, Prune prune = Prune::nothing)
+{
+    std::string out;
+    XmlSink sink(out);
+    write(holder, sink, prune, pass);
+    return out;
+}
+
+// What `filter` selects of `data`, as XML.
+std::string selected(const std::string &data, const std::string &filter)
+{
+    auto d = tree_of(data);
+    auto f = tree_of(filter);
+    const Node *holders[] = {&d->root()};
+    return xml_of(d->root(), select(f->root(), holders));
+}
+
+// Interface configurations of tunnels `from` to `to`, each with a ttl and,
+// for even ones, a GRE key.
+std::string interfaces(int from, int to)
+{
+    std::string s = "<interface-configurations xmlns=\"" + IFMGR + "\">";
+    for (int i = from; i <= to; ++i) {
+        s += "<interface-configuration><active>act</active><interface-name>tunnel-ip" +
+             std::to_string(i) + "</interface-name><tunnel-ip xmlns=\"" + GRE + "\"><ttl><value>" +
+             std::to_string(i) + "</value></ttl>";
+        if (i % 2 == 0)
+            s += "<key><value>" + std::to_string(1000 + i) + "</value></key>";
+        s += "</tunnel-ip></interface-configuration>";
+    }
+    return s + "</interface-configurations>";
+}
+
+std::string entry_filter(const std::string &inside)
+{
+    return "<interface-configurations xmlns=\"" + IFMGR + "\"><interface-configuration>" + inside +
+           "</interface-configuration></interface-configurations>";
+}
+
+std::size_t count(const std::string &s, const std::string &what)
+{
+    std::size_t n = 0;
+    for (auto at = s.find(what); at != std::string::npos; at = s.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+// ---------------------------------------------------------------- filters
+
+TEST(SubtreeFilter, SelectionContainmentAndContentMatchByTheRules)
+{
+    const std::string data = interfaces(1, 4);
+    // A selection node: every entry whole.
+    EXPECT_EQ(selected(data, "<interface-configurations xmlns=\"" + IFMGR + "\"/>"),
+              xml_of(tree_of(data)->root()));
+    // Content matches alone: the entries they match, whole.
+    std::string one = selected(data, entry_filter("<interface-name>tunnel-ip2</interface-name>"));
+    EXPECT_EQ(count(one, "<interface-configuration>"), 1u);
+    EXPECT_NE(one.find("<value>1002</value>"), std::string::npos);
+    // A content match with a selection sibling: the match, the selection
+    // and the keys of the entry; nothing else of it.
+    std::string ttl = selected(data, entry_filter("<interface-name>tunnel-ip3</interface-name>"
+                                                  "<tunnel-ip xmlns=\"" +
+                                                  GRE + "\"><ttl/></tunnel-ip>"));
+    EXPECT_NE(ttl.find("<active>act</active>"), std::string::npos);
+    EXPECT_NE(ttl.find("<value>3</value>"), std::string::npos);
+    EXPECT_EQ(ttl.find("<key>"), std::string::npos);
+    // A content match that holds nowhere selects nothing, and a selection
+    // that finds nothing in an entry leaves the entry out.
+    EXPECT_EQ(selected(data, entry_filter("<interface-name>tunnel-ip9</interface-name>")), "");
+    std::string keys =
+        selected(data, entry_filter("<tunnel-ip xmlns=\"" + GRE + "\"><key/></tunnel-ip>"));
+    EXPECT_EQ(count(keys, "<interface-configuration>"), 2u) << keys;
+    // A content match deeper down keeps its container whole where it holds.
+    std::string deep = selected(data, entry_filter("<tunnel-ip xmlns=\"" + GRE +
+                                                   "\"><ttl><value>4</value></ttl></tunnel-ip>"));
+    EXPECT_EQ(count(deep, "<interface-configuration>"), 1u) << deep;
+    EXPECT_NE(deep.find("<interface-name>tunnel-ip4</interface-name>"), std::string::npos);
+}
+
+TEST(SubtreeFilter, OverlappingFiltersSelectOnceAndNamespacesMatch)
+{
+    const std::string data = interfaces(1, 3);
+    // The same entry twice, once whole and once in part: once, whole.
+    std::string both =
+        selected(data, "<interface-configurations xmlns=\"" + IFMGR +
+                           "\"><interface-configuration><interface-name>tunnel-ip2"
+                           "</interface-name></interface-configuration><interface-configuration>"
+                           "<interface-name>tunnel-ip2</interface-name><tunnel-ip xmlns=\"" +
+                           GRE +
+                           "\"><ttl/></tunnel-ip></interface-configuration>"
+                           "</interface-configurations>");
+    EXPECT_EQ(count(both, "<interface-configuration>"), 1u) << both;
+    EXPECT_NE(both.find("<value>1002</value>"), std::string::npos);
+    // Without a namespace an element matches any; with another, none.
+    EXPECT_EQ(count(selected(data, "<interface-configurations xmlns=\"\"/>"),
+                    "<interface-configuration>"),
+              3u);
+    EXPECT_EQ(selected(data, "<interface-configurations xmlns=\"urn:other\"/>"), "");
+}
+
+TEST(SubtreeFilter, EntriesNamedByKeyAmongManyAreFoundByTheIndex)
+{
+    // Beyond eight entries a parent finds an entry by its keys: the same
+    // entries as a scan would, in the order of the data.
+    const std::string data = interfaces(1, 500);
+    std::string filter = "<interface-configurations xmlns=\"" + IFMGR + "\">";
+    for (int i : {400, 7, 123})
+        filter += "<interface-configuration><active>act</active><interface-name>tunnel-ip" +
+                  std::to_string(i) + "</interface-name><tunnel-ip xmlns=\"" + GRE +
+                  "\"><ttl/></tunnel-ip></interface-configuration>";
+    filter += "</interface-configurations>";
+    std::string got = selected(data, filter);
+    EXPECT_EQ(count(got, "<interface-configuration>"), 3u);
+    EXPECT_LT(got.find("tunnel-ip7<"), got.find("tunnel-ip123<"));
+    EXPECT_LT(got.find("tunnel-ip123<"), got.find("tunnel-ip400<"));
+    EXPECT_EQ(got.find("<key>"), std::string::npos);
+}
+
+// ---------------------------------------------------------------- datastore
+
+class DatastoreTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir_ = fs::temp_directory_path() / ("octunnel-datastore-" + std::to_string(getpid()));
+        fs::create_directories(dir_);
+        path_ = (dir_ / "running.xml").string();
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    std::string file() const
+    {
+        std::ifstream in(path_);
+        std::ostringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+    static std::string edit_of(const std::string &inside)
+    {
+        return "<config xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" "
+               "xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" +
+               inside + "</config>";
+    }
+    bool edit(Datastore &ds, const std::string &inside,
+              DefaultOperation op = DefaultOperation::merge, bool test_only = false)
+    {
+        return ds.edit(*tree_of(edit_of(inside)), op, test_only);
+    }
+    static std::string one(const std::string &inside)
+    {
+        return "<interface-configurations xmlns=\"" + IFMGR +
+               "\"><interface-configuration><active>act</active><interface-name>tunnel-ip1"
+               "</interface-name>" +
+               inside + "</interface-configuration></interface-configurations>";
+    }
+
+    fs::path dir_;
+    std::string path_;
+};
+
+TEST_F(DatastoreTest, OperationsByTheRfc)
+{
+    Datastore ds(path_);
+    edit(ds, one("<tunnel-ip xmlns=\"" + GRE + "\"><ttl><value>64</value></ttl></tunnel-ip>"));
+    EXPECT_NE(file().find("<value>64</value>"), std::string::npos);
+    // merge changes a value; create of it exists already; of another, no.
+    edit(ds, one("<tunnel-ip xmlns=\"" + GRE + "\"><ttl><value>65</value></ttl></tunnel-ip>"));
+    EXPECT_NE(file().find("<value>65</value>"), std::string::npos);
+    try {
+        edit(ds, one("<tunnel-ip xmlns=\"" + GRE +
+                     "\"><ttl><value nc:operation=\"create\">1</value></ttl></tunnel-ip>"));
+        ADD_FAILURE() << "create of an existing leaf";
+    } catch (const EditError &e) {
+        EXPECT_EQ(e.tag, "data-exists");
+        EXPECT_EQ(e.path, "/interface-configurations/interface-configuration[active='act']"
+                          "[interface-name='tunnel-ip1']/tunnel-ip/ttl/value");
+    }
+    edit(ds, one("<tunnel-ip xmlns=\"" + GRE +
+                 "\"><key><value nc:operation=\"create\">7</value></key></tunnel-ip>"));
+    // delete of what exists, then of what does not; remove of either.
+    edit(ds, one("<tunnel-ip xmlns=\"" + GRE +
+                 "\"><key><value nc:operation=\"delete\"/></key></tunnel-ip>"));
+    EXPECT_THROW(edit(ds, one("<tunnel-ip xmlns=\"" + GRE +
+                              "\"><key><value nc:operation=\"delete\"/></key></tunnel-ip>")),
+                 EditError);
+    edit(ds, one("<tunnel-ip xmlns=\"" + GRE +
+                 "\"><key><value nc:operation=\"remove\"/></key></tunnel-ip>"));
+    // The container the delete emptied went with it, and the remove left
+    // none behind.
+    EXPECT_EQ(file().find("<key"), std::string::npos);
+    // replace takes what was there away.
+    edit(ds, one("<tunnel-ip xmlns=\"" + GRE +
+                 "\" nc:operation=\"replace\"><mode><value>1</value></mode></tunnel-ip>"));
+    EXPECT_EQ(file().find("<ttl>"), std::string::npos);
+    EXPECT_NE(file().find("<mode>"), std::string::npos);
+}
+
+TEST_F(DatastoreTest, AFailedEditLeavesTheConfigurationAsItWas)
+{
+    Datastore ds(path_);
+    edit(ds, interfaces(1, 20));
+    const std::string before = file();
+    // Many changes, then one that cannot be: none stays, in memory or file.
+    std::string inside = "<interface-configurations xmlns=\"" + IFMGR + "\">";
+    for (int i = 1; i <= 20; ++i)
+        inside += "<interface-configuration><active>act</active><interface-name>tunnel-ip" +
+                  std::to_string(i) + "</interface-name><tunnel-ip xmlns=\"" + GRE +
+                  "\" nc:operation=\"" + (i % 3 == 0 ? "delete" : "replace") +
+                  "\"><ttl><value>9</value></ttl></tunnel-ip></interface-configuration>";
+    inside += "<interface-configuration><active>act</active><interface-name>tunnel-ip99"
+              "</interface-name><description nc:operation=\"delete\"/>"
+              "</interface-configuration></interface-configurations>";
+    EXPECT_THROW(edit(ds, inside), EditError);
+    EXPECT_EQ(file(), before);
+    EXPECT_EQ(native_document(ds.tree().root()), before);
+    // test-only says what would happen, and keeps nothing.
+    EXPECT_TRUE(edit(ds, one("<description>x</description>"), DefaultOperation::merge, true));
+    EXPECT_EQ(native_document(ds.tree().root()), before);
+    // Entries taken out and put back are found again by their keys.
+    edit(ds, entry_filter("<active>act</active><interface-name>tunnel-ip5</interface-name>"
+                          "<description>five</description>"));
+    EXPECT_NE(file().find("<description>five</description>"), std::string::npos);
+    EXPECT_EQ(count(file(), "<interface-configuration>"), 20u);
+}
+
+TEST_F(DatastoreTest, ListsWithoutKeysAndTheDefaultOperation)
+{
+    Datastore ds(path_);
+    auto addresses = [&](const std::string &inside) {
+        return one("<ipv6-network xmlns=\"" + V6 + "\"><addresses><regular-addresses>" + inside +
+                   "</regular-addresses></addresses></ipv6-network>");
+    };
+    edit(ds, addresses("<regular-address><address>2001:db8::1</address></regular-address>"
+                       "<regular-address><address>2001:db8::2</address></regular-address>"));
+    EXPECT_EQ(count(file(), "<regular-address>"), 2u);
+    // An entry without its key stands for all of them, to remove.
+    edit(ds, addresses("<regular-address nc:operation=\"remove\"/>"));
+    EXPECT_EQ(count(file(), "<regular-address>"), 0u);
+    // ... not to write.
+    EXPECT_THROW(edit(ds, addresses("<regular-address nc:operation=\"create\"/>")), EditError);
+    // default-operation none: a level that is not there is data-missing
+    // unless the edit only removes.
+    try {
+        edit(ds, interfaces(7, 7), DefaultOperation::none);
+        ADD_FAILURE() << "none wrote a new entry";
+    } catch (const EditError &e) {
+        EXPECT_EQ(e.tag, "data-missing");
+    }
+    EXPECT_FALSE(edit(ds,
+                      entry_filter("<active>act</active><interface-name>tunnel-ip7"
+                                   "</interface-name><description nc:operation=\"remove\"/>"),
+                      DefaultOperation::none));
+    // default-operation replace: the configuration is what the edit holds.
+    edit(ds, interfaces(3, 4), DefaultOperation::replace);
+    EXPECT_EQ(count(file(), "<interface-configuration>"), 2u);
+    EXPECT_EQ(file().find("tunnel-ip1<"), std::string::npos);
+}
+
+TEST_F(DatastoreTest, TheFileIsReadBackAsItWasWritten)
+{
+    {
+        Datastore ds(path_);
+        edit(ds, interfaces(1, 30));
+        edit(ds, one("<description>a &lt;tricky&gt; &amp; \"quoted\" one\ttab</description>"));
+    }
+    const std::string written = file();
+    Datastore again(path_);
+    EXPECT_EQ(native_document(again.tree().root()), written);
+    again.save();
+    EXPECT_EQ(file(), written);
+    // Nothing is left beside the file.
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1);
+}
+
+// ---------------------------------------------------------------- framing
+
+TEST(FramingGuard, ChunksAfterAHelloOfBase11)
+{
+    const std::string hello = "<hello><capability>urn:ietf:params:netconf:base:1.1</capability>"
+                              "</hello>]]>]]>";
+    const std::string rpc = "<rpc message-id=\"1\"/>";
+    const std::string framed =
+        hello + "\n#" + std::to_string(rpc.size()) + "\n" + rpc + "\n#3\nabc\n##\n";
+    // Whole, or a byte at a time: the same.
+    FramingGuard whole(1000), bytes(1000);
+    EXPECT_EQ(whole.pass(framed), FramingGuard::Verdict::ok);
+    for (char c : framed)
+        ASSERT_EQ(bytes.pass(std::string_view(&c, 1)), FramingGuard::Verdict::ok);
+    EXPECT_TRUE(whole.chunked());
+
+    for (const std::string bad :
+         {"\n#0\n", "\n##\n", "\n#x\n", "\n#01\n", "x", "\n#4294967296\n"}) {
+        FramingGuard g(1000);
+        g.pass(hello);
+        EXPECT_EQ(g.pass(bad), FramingGuard::Verdict::malformed) << bad;
+        EXPECT_EQ(g.pass("\n#1\na\n##\n"), FramingGuard::Verdict::malformed);
+    }
+    FramingGuard big(100);
+    big.pass(hello);
+    EXPECT_EQ(big.pass("\n#60\n" + std::string(60, 'a') + "\n#41\n"),
+              FramingGuard::Verdict::too_big);
+}
+
+TEST(FramingGuard, EndMarksOfBase10)
+{
+    // A hello of base:1.0 alone keeps the end marks, found however the
+    // brackets run before them.
+    FramingGuard g(20);
+    EXPECT_EQ(g.pass("<hello/>]]>]]>"), FramingGuard::Verdict::ok);
+    EXPECT_FALSE(g.chunked());
+    EXPECT_EQ(g.pass("]]]>]]]]>]]>"), FramingGuard::Verdict::ok);
+    EXPECT_EQ(g.pass("0123456789]]>]]>"), FramingGuard::Verdict::ok);
+    EXPECT_EQ(g.pass("0123456789012345678901"), FramingGuard::Verdict::too_big);
+}
+
+// ---------------------------------------------------------------- agent
+
+class AgentTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir_ = fs::temp_directory_path() / ("octunnel-agent-" + std::to_string(getpid()));
+        AgentOptions o;
+        o.state_dir = dir_.string();
+        o.module_path = OCTUNNEL_MODULE_PATH;
+        o.router_type = 13;
+        agent_ = std::make_unique<Agent>(o, [this](const std::string &l) { log_ += l + "\n"; });
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    static std::string oc(const std::string &inside)
+    {
+        return "<interfaces xmlns=\"http://openconfig.net/yang/interfaces\"><interface><name>"
+               "tunnel-ip12</name><tunnel xmlns=\"http://openconfig.net/yang/interfaces/tunnel\">" +
+               inside + "</tunnel></interface></interfaces>";
+    }
+
+    fs::path dir_;
+    std::string log_;
+    std::unique_ptr<Agent> agent_;
+};
+
+TEST_F(AgentTest, AnEditComesBackThroughTheModule)
+{
+    ASSERT_TRUE(agent_
+                    ->edit_config(1, oc("<config><src>192.0.2.1</src><ttl>64</ttl></config>"),
+                                  DefaultOperation::merge, false)
+                    .ok());
+    Outcome all = agent_->read(1, true, std::nullopt);
+    ASSERT_TRUE(all.ok());
+    EXPECT_NE(all.data.find("<src>192.0.2.1</src>"), std::string::npos) << all.data;
+    // A filter of one leaf: that leaf, under the entry's key.
+    Outcome ttl = agent_->read(1, true, oc("<config><ttl/></config>"));
+    ASSERT_TRUE(ttl.ok());
+    EXPECT_NE(ttl.data.find("<ttl>64</ttl>"), std::string::npos);
+    EXPECT_NE(ttl.data.find("<name>tunnel-ip12</name>"), std::string::npos);
+    EXPECT_EQ(ttl.data.find("<src>"), std::string::npos) << ttl.data;
+}
+
+TEST_F(AgentTest, RefusalsAndLocksAreNetconfErrors)
+{
+    Outcome refused = agent_->edit_config(1, oc("<config><src>2001:db8::1</src></config>"),
+                                          DefaultOperation::merge, false);
+    ASSERT_EQ(refused.errors.size(), 1u);
+    EXPECT_EQ(refused.errors[0].tag, "operation-not-supported");
+    EXPECT_EQ(refused.errors[0].app_tag, "YFW_ERR_NOT_SUPPORTED");
+    EXPECT_EQ(refused.errors[0].path, "/interfaces/interface[name='tunnel-ip12']/tunnel/config");
+    EXPECT_FALSE(fs::exists(agent_->running_path()));
+
+    ASSERT_TRUE(agent_->lock(1).ok());
+    Outcome denied = agent_->lock(2);
+    ASSERT_FALSE(denied.ok());
+    EXPECT_EQ(denied.errors[0].tag, "lock-denied");
+    EXPECT_EQ(denied.errors[0].session_id, 1u);
+    EXPECT_EQ(
+        agent_->edit_config(2, oc("<config><ttl>1</ttl></config>"), DefaultOperation::merge, false)
+            .errors.at(0)
+            .tag,
+        "in-use");
+    agent_->session_ended(1);
+    EXPECT_TRUE(agent_->lock(2).ok());
+
+    Outcome malformed = agent_->edit_config(2, "<interfaces xmlns=\"x\"><a></b></interfaces>",
+                                            DefaultOperation::merge, false);
+    ASSERT_FALSE(malformed.ok());
+}
+
+} // namespace
