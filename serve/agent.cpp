@@ -307,6 +307,7 @@ Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &f
     const Node *answers[] = {&answer.root()};
     const uint64_t oc_pass = filter ? select(oc_filter.root(), answers) : 0;
     Outcome out;
+    out.data = "\n"; // the answer's first element on a line of its own
     XmlSink sink(out.data);
     write(answer.root(), sink, config_only ? Prune::state : Prune::nothing, oc_pass);
     return out;
