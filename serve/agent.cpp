@@ -301,15 +301,19 @@ Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &f
         return Outcome::error(refusal(rc, req));
 
     // The answer holds what the client's filter selects of it, and in a
-    // configuration nothing read-only.
+    // configuration nothing read-only; <get> has the server's own state
+    // beside it.
     Tree answer;
     adopt(answer, req.answer());
-    const Node *answers[] = {&answer.root()};
+    std::vector<const Node *> answers{&answer.root()};
+    if (!config_only && server_state_)
+        answers.push_back(&server_state_->root());
     const uint64_t oc_pass = filter ? select(oc_filter.root(), answers) : 0;
     Outcome out;
     out.data = "\n"; // the answer's first element on a line of its own
     XmlSink sink(out.data);
-    write(answer.root(), sink, config_only ? Prune::state : Prune::nothing, oc_pass);
+    for (const Node *holder : answers)
+        write(*holder, sink, config_only ? Prune::state : Prune::nothing, oc_pass);
     return out;
 }
 
@@ -347,6 +351,14 @@ Outcome Agent::unlock(uint32_t session)
     if (lock_owner_ != 0)
         e.session_id = lock_owner_;
     return Outcome::error(e);
+}
+
+void Agent::set_server_state(std::string_view xml)
+{
+    auto tree = std::make_unique<Tree>();
+    adopt(*tree, read_xml(xml, max_document_bytes));
+    std::lock_guard guard(mutex_);
+    server_state_ = std::move(tree);
 }
 
 void Agent::session_ended(uint32_t session)

@@ -75,6 +75,10 @@ public:
     Outcome unlock(uint32_t session);
     // The session is gone: its lock goes with it.
     void session_ended(uint32_t session);
+    // State data of the server itself (the YANG library, NETCONF
+    // monitoring) that <get> answers beside the OpenConfig interfaces: XML
+    // elements.  Throws InputError when they are not a document.
+    void set_server_state(std::string_view xml);
 
     const std::string &running_path() const;
 
@@ -88,6 +92,7 @@ private:
     const yfwhost::Module *module_;
     Datastore running_;
     OperationalData oper_;
+    std::unique_ptr<Tree> server_state_;
     uint32_t lock_owner_ = 0;
 };
 

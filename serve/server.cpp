@@ -3,6 +3,8 @@
 #include "access.h"
 #include "message_guard.h"
 
+#include "framing.h"
+
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -11,8 +13,12 @@
 #include <fstream>
 #include <mutex>
 #include <ostream>
+#include <poll.h>
+#include <pwd.h>
 #include <sstream>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 #include <unordered_map>
@@ -205,6 +211,47 @@ nc_server_reply *answer(const lyd_node *rpc, const Outcome &o, bool data)
     return reply_data(rpc, o.data);
 }
 
+// The server's own state that <get> answers: the YANG library of the
+// modules served (both revisions libyang writes), and NETCONF monitoring's
+// capabilities, datastores and schemas.
+std::string server_state(ly_ctx *ctx)
+{
+    std::string xml;
+    lyd_node *library = nullptr;
+    if (ly_ctx_get_yanglib_data(ctx, &library, "%u", ly_ctx_get_change_count(ctx)) == LY_SUCCESS) {
+        char *text = nullptr;
+        if (lyd_print_mem(&text, library, LYD_XML, LYD_PRINT_WITHSIBLINGS) == LY_SUCCESS &&
+            text != nullptr)
+            xml += text;
+        std::free(text);
+        lyd_free_all(library);
+    }
+    xml += "<netconf-state xmlns=\"urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring\">"
+           "<capabilities>";
+    if (const char **caps = nc_server_get_cpblts(ctx); caps != nullptr) {
+        for (const char **c = caps; *c != nullptr; ++c) {
+            xml += "<capability>";
+            escape_xml(xml, *c);
+            xml += "</capability>";
+            lydict_remove(ctx, *c);
+        }
+        std::free(caps);
+    }
+    xml += "</capabilities><datastores><datastore><name>running</name></datastore>"
+           "</datastores><schemas>";
+    uint32_t index = 0;
+    while (const lys_module *m = ly_ctx_get_module_iter(ctx, &index)) {
+        xml += "<schema><identifier>";
+        escape_xml(xml, m->name);
+        xml += "</identifier><version>";
+        escape_xml(xml, m->revision != nullptr ? m->revision : "");
+        xml += "</version><format>yang</format><namespace>";
+        escape_xml(xml, m->ns);
+        xml += "</namespace><location>NETCONF</location></schema>";
+    }
+    return xml + "</schemas></netconf-state>";
+}
+
 class Server {
 public:
     Server(const ServerOptions &o, std::ostream &err) : o_(o), err_(err) {}
@@ -227,7 +274,12 @@ private:
     void start();
     void accept_loop();
     void poll_loop();
+    void add(nc_session *session, int fd = -1);
     void end(nc_session *session);
+    void listen_unix();
+    void unix_loop();
+    void unix_connection(int client);
+    void relay(int client, int agent_end);
     nc_server_reply *edit_config(const lyd_node *rpc, uint32_t sid);
     nc_server_reply *read(const lyd_node *rpc, uint32_t sid, bool config_only);
     nc_server_reply *kill_session(const lyd_node *rpc, uint32_t sid);
@@ -248,6 +300,16 @@ private:
     std::mutex sessions_mutex_;
     std::condition_variable sessions_cv_;
     std::unordered_map<uint32_t, nc_session *> sessions_;
+    // The agent's end of the socket pair of each session of the UNIX socket.
+    std::unordered_map<uint32_t, int> session_fds_;
+
+    int unix_fd_ = -1;
+    // One thread for each connection of the UNIX socket, joined once done.
+    struct Connection {
+        std::thread thread;
+        std::shared_ptr<std::atomic<bool>> done;
+    };
+    std::vector<Connection> connections_;
 };
 
 // ---------------------------------------------------------------- callbacks
@@ -466,33 +528,47 @@ void Server::accept_loop()
 {
     while (!stop_) {
         nc_session *session = nullptr;
-        const NC_MSG_TYPE t = nc_accept(200, &session);
-        if (t != NC_MSG_HELLO || session == nullptr)
-            continue;
-        const uint32_t id = nc_session_get_id(session);
-        {
-            std::lock_guard guard(sessions_mutex_);
-            sessions_.emplace(id, session);
-            nc_ps_add_session(ps_, session);
-        }
-        sessions_cv_.notify_all();
-        if (o_.verbose)
-            log("session " + std::to_string(id) + " of '" +
-                one_line(nc_session_get_username(session) ? nc_session_get_username(session) : "") +
-                "'");
+        if (nc_accept(200, &session) == NC_MSG_HELLO && session != nullptr)
+            add(session);
     }
+}
+
+void Server::add(nc_session *session, int fd)
+{
+    const uint32_t id = nc_session_get_id(session);
+    {
+        std::lock_guard guard(sessions_mutex_);
+        sessions_.emplace(id, session);
+        if (fd >= 0)
+            session_fds_.emplace(id, fd);
+        nc_ps_add_session(ps_, session);
+    }
+    sessions_cv_.notify_all();
+    if (o_.verbose)
+        log("session " + std::to_string(id) + " of '" +
+            one_line(nc_session_get_username(session) ? nc_session_get_username(session) : "") +
+            "'");
 }
 
 void Server::end(nc_session *session)
 {
     const uint32_t id = nc_session_get_id(session);
+    int fd = -1;
     {
         std::lock_guard guard(sessions_mutex_);
         sessions_.erase(id);
+        if (auto it = session_fds_.find(id); it != session_fds_.end()) {
+            fd = it->second;
+            session_fds_.erase(it);
+        }
         nc_ps_del_session(ps_, session);
     }
     agent_->session_ended(id);
     nc_session_free(session, nullptr);
+    // libnetconf2 leaves the descriptors of a session it was handed to
+    // their owner; closing this one ends the relay of the session.
+    if (fd >= 0)
+        close(fd);
     if (o_.verbose)
         log("session " + std::to_string(id) + " ended");
 }
@@ -512,6 +588,139 @@ void Server::poll_loop()
         if ((r & (NC_PSPOLL_SESSION_TERM | NC_PSPOLL_SESSION_ERROR)) && session != nullptr)
             end(session);
     }
+}
+
+// ---------------------------------------------------------------- UNIX socket
+//
+// The agent listens on the socket itself and hands libnetconf2 one end of a
+// socket pair for each connection, with a relay in between that checks the
+// framing of what the client sends (see message_guard.cpp): libnetconf2
+// would read a UNIX socket directly, before any guard.
+
+void Server::listen_unix()
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (o_.unix_path.size() >= sizeof address.sun_path)
+        throw std::invalid_argument("--unix " + o_.unix_path +
+                                    ": the path is too long for a socket");
+    std::memcpy(address.sun_path, o_.unix_path.c_str(), o_.unix_path.size() + 1);
+    // A socket left by an earlier run is taken over; anything else at that
+    // path is left alone.
+    struct stat st {};
+    if (lstat(o_.unix_path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode))
+        unlink(o_.unix_path.c_str());
+    unix_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const mode_t mask = umask(0177);
+    const bool bound = unix_fd_ >= 0 && bind(unix_fd_, reinterpret_cast<const sockaddr *>(&address),
+                                             sizeof address) == 0;
+    umask(mask);
+    if (!bound || chmod(o_.unix_path.c_str(), 0600) != 0 || listen(unix_fd_, 16) != 0)
+        throw std::runtime_error("cannot listen on " + o_.unix_path + ": " + std::strerror(errno));
+}
+
+void Server::unix_loop()
+{
+    while (!stop_) {
+        pollfd p{unix_fd_, POLLIN, 0};
+        if (poll(&p, 1, 200) <= 0)
+            continue;
+        const int client = accept4(unix_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (client < 0)
+            continue;
+        std::erase_if(connections_, [](Connection &c) {
+            if (!*c.done)
+                return false;
+            c.thread.join();
+            return true;
+        });
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        connections_.push_back({std::thread([this, client, done] {
+                                    unix_connection(client);
+                                    *done = true;
+                                }),
+                                done});
+    }
+    // The relays see the stop within their poll; their sessions then end.
+    for (Connection &c : connections_)
+        c.thread.join();
+}
+
+void Server::unix_connection(int client)
+{
+    // The user is the one whose process connected.
+    std::string user;
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
+        passwd entry{}, *found = nullptr;
+        std::vector<char> buffer(16384);
+        if (getpwuid_r(peer.uid, &entry, buffer.data(), buffer.size(), &found) == 0 &&
+            found != nullptr)
+            user = found->pw_name;
+        else
+            user = "uid" + std::to_string(peer.uid);
+    }
+    int pair[2];
+    if (user.empty() || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
+        close(client);
+        return;
+    }
+    // The hello goes through the relay: libnetconf2 takes the session on a
+    // thread of its own while this one relays, for as long as it lasts.
+    std::thread hello([this, fd = pair[0], user] {
+        nc_session *session = nullptr;
+        if (nc_accept_inout(fd, fd, user.c_str(), &session) == NC_MSG_HELLO && session != nullptr)
+            add(session, fd);
+        else
+            close(fd);
+    });
+    relay(client, pair[1]);
+    hello.join();
+}
+
+// Copies bytes both ways until either side ends; what the client sends
+// passes its framing guard first.
+void Server::relay(int client, int agent_end)
+{
+    FramingGuard guard(o_.agent.max_content + (std::size_t{1} << 20));
+    std::vector<char> buffer(65536);
+    auto send_all = [](int fd, const char *data, std::size_t n) {
+        while (n > 0) {
+            const ssize_t w = ::send(fd, data, n, MSG_NOSIGNAL);
+            if (w < 0 && errno == EINTR)
+                continue;
+            if (w <= 0)
+                return false;
+            data += w;
+            n -= static_cast<std::size_t>(w);
+        }
+        return true;
+    };
+    for (bool open = true; open && !stop_;) {
+        pollfd p[2] = {{client, POLLIN, 0}, {agent_end, POLLIN, 0}};
+        if (poll(p, 2, 200) <= 0)
+            continue;
+        for (int i = 0; i < 2 && open; ++i) {
+            if ((p[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0)
+                continue;
+            const ssize_t n = ::read(p[i].fd, buffer.data(), buffer.size());
+            if (n <= 0) {
+                open = false;
+                break;
+            }
+            const std::size_t got = static_cast<std::size_t>(n);
+            if (i == 0 && guard.pass({buffer.data(), got}) != FramingGuard::Verdict::ok) {
+                log("a session ends: its client sent " + guard.reason());
+                open = false;
+                break;
+            }
+            open = send_all(i == 0 ? agent_end : client, buffer.data(), got);
+        }
+    }
+    shutdown(agent_end, SHUT_RDWR);
+    close(agent_end);
+    close(client);
 }
 
 // ---------------------------------------------------------------- start
@@ -580,6 +789,7 @@ void Server::start()
     if (nc_server_init(ctx_) != 0)
         throw std::runtime_error("cannot start libnetconf2");
     nc_started_ = true;
+    agent_->set_server_state(server_state(ctx_));
     nc_server_set_hello_timeout(60);
     nc_server_set_idle_timeout(0);
     nc_set_global_rpc_clb(rpc_callback);
@@ -607,16 +817,7 @@ void Server::start()
         log("listening on " + o_.listen + " (SSH)");
     }
     if (!o_.unix_path.empty()) {
-        // A socket left by an earlier run is taken over; anything else at
-        // that path is left alone.
-        struct stat st {};
-        if (lstat(o_.unix_path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode))
-            unlink(o_.unix_path.c_str());
-        if (nc_server_add_endpt("unix", NC_TI_UNIX) != 0 ||
-            nc_server_endpt_set_perms("unix", 0600, static_cast<uid_t>(-1),
-                                      static_cast<gid_t>(-1)) != 0 ||
-            nc_server_endpt_set_address("unix", o_.unix_path.c_str()) != 0)
-            throw std::runtime_error("cannot listen on " + o_.unix_path);
+        listen_unix();
         log("listening on " + o_.unix_path + " (UNIX socket)");
     }
     log("running configuration in " + agent_->running_path());
@@ -639,7 +840,10 @@ int Server::run()
         return 2;
     }
     std::vector<std::thread> threads;
-    threads.emplace_back([this] { accept_loop(); });
+    if (!o_.listen.empty())
+        threads.emplace_back([this] { accept_loop(); });
+    if (unix_fd_ >= 0)
+        threads.emplace_back([this] { unix_loop(); });
     for (unsigned i = 0; i < std::max(1u, o_.threads); ++i)
         threads.emplace_back([this] { poll_loop(); });
     int signal = 0;
@@ -662,8 +866,10 @@ Server::~Server()
         nc_server_destroy();
     if (ctx_ != nullptr)
         ly_ctx_destroy(ctx_);
-    if (!o_.unix_path.empty() && nc_started_)
+    if (unix_fd_ >= 0) {
+        close(unix_fd_);
         unlink(o_.unix_path.c_str());
+    }
 }
 
 } // namespace

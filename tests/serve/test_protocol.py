@@ -14,6 +14,10 @@ from harness import (NC, OC, PASSWORD, USER, Agent, config, error_of, read, repl
                      tunnel)
 
 
+YANGLIB = "urn:ietf:params:xml:ns:yang:ietf-yang-library"
+MONITORING = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
+
+
 def test_the_hello_advertises_netconf_and_the_openconfig_modules():
     with Agent() as agent:
         m = agent.connect()
@@ -37,6 +41,18 @@ def test_the_hello_advertises_netconf_and_the_openconfig_modules():
             assert text == read(source("third_party", "openconfig-yang", module + ".yang")), module
         e = error_of(lambda: m.get_schema("no-such-module"))
         assert e.tag == "invalid-value", e.tag
+
+        # The YANG library and NETCONF monitoring say the same through <get>.
+        library = etree.fromstring(m.get(filter=("subtree", f'<yang-library xmlns="{YANGLIB}"/>'))
+                                   .xml.encode())
+        names = {e.text for e in library.iterfind(f".//{{{YANGLIB}}}module/{{{YANGLIB}}}name")}
+        assert {"openconfig-interfaces", "openconfig-if-ip", "openconfig-if-tunnel"} <= names
+        schemas = etree.fromstring(m.get(filter=("subtree", (
+            f'<netconf-state xmlns="{MONITORING}"><schemas><schema><identifier>'
+            "openconfig-if-tunnel</identifier></schema></schemas></netconf-state>"))).xml.encode())
+        found = schemas.findall(f".//{{{MONITORING}}}schema")
+        assert [e.findtext(f"{{{MONITORING}}}version") for e in found] == ["2018-11-21"]
+        assert "yang-library" not in m.get_config("running").xml
         m.close_session()
         agent.stop()
 
@@ -181,6 +197,32 @@ def test_malformed_requests_are_answered_and_the_agent_goes_on():
         agent.stop()
 
 
+def unix_exchange(path, messages, base11=False):
+    """Says hello on the UNIX socket, sends `messages` as they are, and
+    returns what came back until the agent closed the connection or
+    answered message-id 99."""
+    s = socket.socket(socket.AF_UNIX)
+    s.connect(path)
+    got = b""
+    while b"]]>]]>" not in got:
+        got += s.recv(65536)
+    assert b"urn:ietf:params:netconf:base:1.0" in got
+    caps = "<capability>urn:ietf:params:netconf:base:1.0</capability>"
+    if base11:
+        caps += "<capability>urn:ietf:params:netconf:base:1.1</capability>"
+    s.sendall(f'<hello xmlns="{NC}"><capabilities>{caps}</capabilities></hello>]]>]]>'.encode())
+    for m in messages:
+        s.sendall(m.encode())
+    reply = b""
+    while b'message-id="99"' not in reply:
+        data = s.recv(65536)
+        if not data:
+            break
+        reply += data
+    s.close()
+    return reply.decode()
+
+
 def test_a_unix_socket_serves_without_ssh():
     with Agent() as agent:
         path = os.path.join(agent.work, "netconf.sock")
@@ -188,23 +230,15 @@ def test_a_unix_socket_serves_without_ssh():
         agent.args += ["--unix", path]
         agent.start()
         assert oct(os.stat(path).st_mode & 0o777) == "0o600"
-        s = socket.socket(socket.AF_UNIX)
-        s.connect(path)
-        f = s.makefile("rwb", buffering=0)
-        hello = b""
-        while b"]]>]]>" not in hello:
-            hello += s.recv(65536)
-        assert b"urn:ietf:params:netconf:base:1.0" in hello
-        f.write(f'<hello xmlns="{NC}"><capabilities><capability>'
-                "urn:ietf:params:netconf:base:1.0</capability></capabilities></hello>]]>]]>"
-                .encode())
-        f.write(f'<rpc xmlns="{NC}" message-id="1"><get-config><source><running/></source>'
-                "</get-config></rpc>]]>]]>".encode())
-        reply = b""
-        while b"]]>]]>" not in reply:
-            reply += s.recv(65536)
-        assert b"<data" in reply, reply
-        s.close()
+        get = (f'<rpc xmlns="{NC}" message-id="99"><get-config><source><running/></source>'
+               "</get-config></rpc>")
+        assert "<data" in unix_exchange(path, [get + "]]>]]>"])
+        # The framing is checked there too: the connection ends, the agent
+        # goes on.
+        assert "<data" not in unix_exchange(path, ["\n#0\n", "\n#5\nhello\n##\n"],
+                                            base11=True)
+        chunk = f"\n#{len(get)}\n{get}\n##\n"
+        assert "<data" in unix_exchange(path, [chunk], base11=True)
         agent.stop()
         assert not os.path.exists(path)
 
