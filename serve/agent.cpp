@@ -84,6 +84,22 @@ RpcError refusal(verrno rc, yfwhost::Request &req)
     return e;
 }
 
+// Whether the module's answer holds only text a document can hold; a
+// refusal where it does not: nothing that cannot be read back is kept or
+// sent.
+std::optional<RpcError> unwritable(const yfwhost::Request &req)
+{
+    try {
+        check_answer_text(req.answer());
+    } catch (const InputError &err) {
+        RpcError e;
+        e.tag = "operation-failed";
+        e.message = one_line(err.what());
+        return e;
+    }
+    return std::nullopt;
+}
+
 // A document of the request that the readers refuse.
 RpcError unreadable(const InputError &err, const char *what)
 {
@@ -209,6 +225,8 @@ Outcome Agent::edit_config(uint32_t session, std::string_view config, DefaultOpe
     verrno rc = walk_to_native(*module_, req, doc.roots);
     if (rc != YFW_OK)
         return Outcome::error(refusal(rc, req));
+    if (auto e = unwritable(req))
+        return Outcome::error(*e);
     Tree edit;
     adopt(edit, req.answer());
     try {
@@ -276,6 +294,8 @@ Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &f
             verrno rc = walk_to_native(*module_, req, ours);
             if (rc != YFW_OK)
                 return Outcome::error(refusal(rc, req));
+            if (auto e = unwritable(req))
+                return Outcome::error(*e);
             adopt(native_filter, req.answer());
         }
         adopt(oc_filter, doc);
@@ -299,6 +319,8 @@ Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &f
     verrno rc = walk_to_oc(*module_, req, roots);
     if (rc != YFW_OK)
         return Outcome::error(refusal(rc, req));
+    if (auto e = unwritable(req))
+        return Outcome::error(*e);
 
     // The answer holds what the client's filter selects of it, and in a
     // configuration nothing read-only; <get> has the server's own state

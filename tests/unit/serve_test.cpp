@@ -417,6 +417,18 @@ TEST_F(AgentTest, RefusalsAndLocksAreNetconfErrors)
     Outcome malformed = agent_->edit_config(2, "<interfaces xmlns=\"x\"><a></b></interfaces>",
                                             DefaultOperation::merge, false);
     ASSERT_FALSE(malformed.ok());
+
+    // The tunnel id of a state read starts inside the name's 'é': the
+    // module's native filter is no text, and is refused, not used.
+    Outcome cut =
+        agent_->read(2, false,
+                     "<interfaces xmlns=\"http://openconfig.net/yang/interfaces\"><interface><name>"
+                     "tunnel-i\xc3\xa9"
+                     "7</name><tunnel xmlns=\"http://openconfig.net/yang/interfaces/tunnel\">"
+                     "<state><ttl/></state></tunnel></interface></interfaces>");
+    ASSERT_FALSE(cut.ok());
+    EXPECT_EQ(cut.errors[0].tag, "operation-failed");
+    EXPECT_NE(cut.errors[0].message.find("not UTF-8"), std::string::npos);
 }
 
 } // namespace
