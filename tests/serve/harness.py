@@ -33,6 +33,8 @@ IFMGR = "http://valmora.com/ns/yang/Valmora-ifmgr-cfg"
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 OCTUNNEL = None  # set by run.py
+# Every agent a test started, so that run.py finds one left running.
+PROCESSES = []
 USER, PASSWORD = "alice", "tunnels-at-dawn"
 
 
@@ -91,6 +93,7 @@ class Agent:
                  "--listen", f"127.0.0.1:{self.port}", "--users", self.users] + self.args,
                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
                 text=True)
+            PROCESSES.append(self.proc)
             ready = False
             for line in self.proc.stderr:
                 self.log.append(line)

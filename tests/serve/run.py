@@ -25,6 +25,12 @@ def main():
     for name in names:
         try:
             getattr(group, name)()
+            # A test ends every agent it started.
+            left = [p for p in harness.PROCESSES if p.poll() is None]
+            for p in left:
+                p.kill()
+                p.wait()
+            assert not left, f"{len(left)} agent(s) left running"
         except Exception:  # noqa: BLE001 - every failure is reported
             failed += 1
             print(f"FAIL {name}")
@@ -32,6 +38,7 @@ def main():
         else:
             passed += 1
             print(f"ok   {name}")
+        harness.PROCESSES.clear()
         sys.stdout.flush()
     print(f"{passed} passed, {failed} failed")
     return 1 if failed else 0

@@ -2,6 +2,7 @@
 from <get-config> and stands in the native running configuration file;
 operations, refusals and the default operation and test option."""
 
+import contextlib
 import glob
 import os
 import subprocess
@@ -54,16 +55,17 @@ def test_every_bundled_edit_comes_back_from_get_config_and_the_native_file():
             agent.stop()
 
 
+@contextlib.contextmanager
 def base_agent(*args):
-    agent = Agent(*args).__enter__()
-    m = agent.connect()
-    m.edit_config(target="running", config=read(BASE).split("-->", 1)[1])
-    return agent, m
+    """An agent holding the round-trip configuration, and a session to it."""
+    with Agent(*args) as agent:
+        m = agent.connect()
+        m.edit_config(target="running", config=read(BASE).split("-->", 1)[1])
+        yield agent, m
 
 
 def test_delete_remove_and_replace_reach_the_native_configuration():
-    agent, m = base_agent()
-    with agent:
+    with base_agent() as (agent, m):
         before = reply_leaves(m.get_config("running"))
         key = "/interfaces/interface[tunnel-ip12]/tunnel/config/gre-key=1001"
         assert key in before
@@ -117,8 +119,7 @@ def test_delete_remove_and_replace_reach_the_native_configuration():
 
 
 def test_create_and_default_operation_none():
-    agent, m = base_agent()
-    with agent:
+    with base_agent() as (agent, m):
         # create of what exists is data-exists; of what does not, written.
         e = error_of(lambda: m.edit_config(target="running", config=config(tunnel(
             "tunnel-ip12", '<config><ttl nc:operation="create">5</ttl></config>'))))
@@ -143,8 +144,7 @@ def test_create_and_default_operation_none():
 
 
 def test_an_edit_applies_whole_or_not_at_all():
-    agent, m = base_agent()
-    with agent:
+    with base_agent() as (agent, m):
         before = reply_leaves(m.get_config("running"))
         file_before = read(agent.running)
         # The first two interfaces would be written; the third's delete
@@ -226,8 +226,7 @@ def test_payloads_outside_the_served_models_are_refused():
 
 
 def test_the_native_configuration_survives_a_restart():
-    agent, m = base_agent()
-    with agent:
+    with base_agent() as (agent, m):
         before = reply_leaves(m.get_config("running"))
         m.close_session()
         agent.stop()

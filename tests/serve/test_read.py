@@ -1,6 +1,7 @@
 """Reads through the agent: subtree filters select exactly what they name,
 <get> adds the native operational documents, read again when they change."""
 
+import contextlib
 import os
 import shutil
 import tempfile
@@ -11,11 +12,13 @@ BASE = source("tests", "roundtrip", "tunnel-config", "input.xml")
 T12 = "/interfaces/interface[tunnel-ip12]"
 
 
+@contextlib.contextmanager
 def agent_with_base(*args):
-    agent = Agent(*args).__enter__()
-    m = agent.connect()
-    m.edit_config(target="running", config=read(BASE).split("-->", 1)[1])
-    return agent, m
+    """An agent holding the round-trip configuration, and a session to it."""
+    with Agent(*args) as agent:
+        m = agent.connect()
+        m.edit_config(target="running", config=read(BASE).split("-->", 1)[1])
+        yield agent, m
 
 
 def tun(inner):
@@ -23,8 +26,7 @@ def tun(inner):
 
 
 def test_subtree_filters_select_exactly_what_they_name():
-    agent, m = agent_with_base()
-    with agent:
+    with agent_with_base() as (agent, m):
         everything = reply_leaves(m.get_config("running"))
         assert len(everything) > 15, everything
         mine = {leaf for leaf in everything if leaf.startswith(T12 + "/")}
@@ -72,8 +74,7 @@ def test_get_adds_operational_data_and_sees_it_change():
     oper = tempfile.mkdtemp(prefix="octunnel-oper-")
     try:
         shutil.copy(source("examples", "tunnel-state.xml"), os.path.join(oper, "tunnels.xml"))
-        agent, m = agent_with_base("--oper-dir", oper)
-        with agent:
+        with agent_with_base("--oper-dir", oper) as (agent, m):
             got = reply_leaves(m.get())
             # Configuration and state of one interface in one entry.
             assert f"{T12}/tunnel/config/ttl=64" in got
@@ -108,8 +109,7 @@ def test_get_adds_operational_data_and_sees_it_change():
 
 
 def test_a_read_the_module_refuses_is_an_rpc_error():
-    agent, m = agent_with_base()
-    with agent:
+    with agent_with_base() as (agent, m):
         e = error_of(lambda: m.get_config("running", filter=("subtree", interfaces(
             "<interface><name>tunnel-ip12</name>" + tun("<ipv4><config><mtu/></config></ipv4>")
             + "</interface>"))))
