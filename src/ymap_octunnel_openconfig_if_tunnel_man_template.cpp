@@ -90,7 +90,7 @@ verrno endpoint_to_native(const endpoint &e, uint32_t family, yfw_map_ctx ctx,
 verrno refuse_ipv6(const char *fn, yfw_map_ctx ctx)
 {
     YFW_ERR(ctx, fn, "IPV6 Mode not supported");
-    ctx->map_state->error_text = yfw_strdup("IPV6 mode not supported.", "YFW MAP");
+    yfw::set_error_text(ctx, "IPV6 mode not supported.");
     YFW_TRC(ctx, fn, "End");
     return YFW_ERR_NOT_SUPPORTED;
 }
@@ -100,7 +100,7 @@ verrno refuse_ipv6(const char *fn, yfw_map_ctx ctx)
 verrno endpoint_conversion(const char *fn, const endpoint &e, yfw_map_ctx ctx,
                            const vidl_yfw_datatree *in, vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     uint32_t family = get_ntwk_family(in->value);
     const bool src = &e == &source;
     if (family == AF_INET) {
@@ -136,7 +136,7 @@ verrno add_oper(yfw_map_ctx ctx, vidl_yfw_datatree *out, const char *path, const
 verrno state_to_native(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                        vidl_yfw_datatree *out, const char *first, const char *second)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     const char *name = nullptr;
     verrno rc = yfw_map_get_node_info(ctx, "/interfaces/interface", "name", &name);
     if (name != nullptr && yfw::is_read(ctx)) {
@@ -153,7 +153,6 @@ verrno state_to_native(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree 
 
 constexpr const char *netmask_path =
     "/interface-configurations/interface-configuration/ipv4-network/addresses/primary/netmask";
-constexpr verrno INVALID_PREFIX_LENGTH = 16;
 
 // A prefix length as a client wrote it.  A number is decimal digits with an
 // optional sign, blanks around them allowed; its value is kept only as far
@@ -306,7 +305,7 @@ YFW_EXPORT verrno to_low_config_preLen(yfw_map_ctx ctx, const struct vidl_yfw_da
                                        struct vidl_yfw_datatree *out)
 {
     YFW_ASSERT_CTX();
-    YFW_FRAME_START(ctx, __func__, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, __func__, in, out);
     verrno rc = YFW_OK;
     if (yfw::is_read(ctx)) {
         rc = yfw_map_datatree_add_path_flagged(ctx, out, netmask_path, NS_VALMORA_IPV4_IO_CFG,
@@ -320,7 +319,7 @@ YFW_EXPORT verrno to_low_config_preLen(yfw_map_ctx ctx, const struct vidl_yfw_da
         if (!n.netmask) {
             YFW_ERR(ctx, __func__, "Invalid prefix-length");
             YFW_TRC(ctx, __func__, "End");
-            return INVALID_PREFIX_LENGTH;
+            return YFW_INVALID_PREFIX_LENGTH;
         }
         rc = yfw_map_datatree_add_path_flagged(ctx, out, netmask_path, NS_VALMORA_IPV4_IO_CFG,
                                                netmask(n), in, nullptr, 0, 1);

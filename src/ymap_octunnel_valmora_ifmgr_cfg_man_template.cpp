@@ -17,7 +17,7 @@ ymap_vo_octunnel_valmoraifmgrcfg_lvla_interfaceconfigurations_interfaceconfigura
     yfw_map_ctx ctx, const struct vidl_yfw_datatree *in, struct vidl_yfw_datatree *out)
 {
     YFW_ASSERT_CTX();
-    YFW_FRAME_START(ctx, __func__, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, __func__, in, out);
     verrno rc = YFW_OK;
     if (yfw_map_do_these_match(NS_VALMORA_IPV4_IO_CFG, in->ns))
         rc = ymap_vo_octunnel_valmoraipv4iocfg_augment_lvla_interface_configuration(ctx, in, out);

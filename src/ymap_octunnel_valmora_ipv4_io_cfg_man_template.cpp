@@ -11,7 +11,7 @@ YFW_EXPORT verrno to_high_config_preLen(yfw_map_ctx ctx, const struct vidl_yfw_d
                                         struct vidl_yfw_datatree *out)
 {
     YFW_ASSERT_CTX();
-    YFW_FRAME_START(ctx, __func__, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, __func__, in, out);
     YFW_TRC(ctx, __func__, "End");
     return YFW_OK;
 }

@@ -25,6 +25,8 @@ const char *error_name(verrno code)
         return "YFW_ERR_AUGMENT_NOT_SUPPORTED";
     case YFW_ERR_LEAFREF_MISMATCH:
         return "YFW_ERR_LEAFREF_MISMATCH";
+    case YFW_ERR_HOST_FAILURE:
+        return "YFW_ERR_HOST_FAILURE";
     default:
         return nullptr;
     }

@@ -11,6 +11,7 @@
 // a note.  An entry named by its key alone, in a read or a deletion, is
 // walked by the schema: its children are parked on the instance stack and
 // the entries are handed the entry itself.
+#include "c_boundary.h"
 #include "octunnel/yfw_framework.h"
 #include "octunnel/yfw_namespaces.h"
 #include "yfwhost/host.h"
@@ -175,17 +176,19 @@ extern "C" verrno ymap_ov_ocif_openconfiginterfaces_lvla_interfaces(
 {
     if (ctx == nullptr || in == nullptr || out == nullptr)
         return YFW_ERR_INVALID_ARG;
-    Walk w{ctx, *static_cast<Request *>(ctx->fw_private), Module::current(), out};
-    auto *root = const_cast<vidl_yfw_datatree *>(in);
-    yfw_map_add_to_node_hierarchy(ctx, root, YFW_LEVEL_CONTAINER);
-    verrno rc = YFW_OK;
-    for (std::size_t i = 0; i < yfwhost::tree_child_count(root) && rc == YFW_OK; ++i) {
-        vidl_yfw_datatree &c = root->subtrees[i];
-        if (is(c, "interface", NS_OC_INTERFACES))
-            rc = w.interface(c);
-        else
-            w.outside(c);
-    }
-    yfw_map_remove_from_node_hierarchy(ctx, root);
-    return rc;
+    return yfwhost::c_boundary(yfwhost::YFW_ERR_HOST_FAILURE, [&] {
+        Walk w{ctx, *static_cast<Request *>(ctx->fw_private), Module::current(), out};
+        auto *root = const_cast<vidl_yfw_datatree *>(in);
+        yfw_map_add_to_node_hierarchy(ctx, root, YFW_LEVEL_CONTAINER);
+        verrno rc = YFW_OK;
+        for (std::size_t i = 0; i < yfwhost::tree_child_count(root) && rc == YFW_OK; ++i) {
+            vidl_yfw_datatree &c = root->subtrees[i];
+            if (is(c, "interface", NS_OC_INTERFACES))
+                rc = w.interface(c);
+            else
+                w.outside(c);
+        }
+        yfw_map_remove_from_node_hierarchy(ctx, root);
+        return rc;
+    });
 }

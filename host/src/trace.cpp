@@ -1,5 +1,6 @@
 // The logging layer: levelled log records, per-site filter cells, the
 // framework-wide trace index and the ring of trace lines.
+#include "c_boundary.h"
 #include "octunnel/yfw_framework.h"
 #include "yfwhost/host.h"
 
@@ -64,22 +65,24 @@ void _vlos_dt_log_filter_adv(void *handle, int, int, int, int, int, int *cell, c
     auto *sink = static_cast<yfwhost::Request::LogSink *>(handle);
     if (sink == nullptr || !sink->write || format == nullptr)
         return;
-    if (cell != nullptr && !site_keeps(cell, format))
-        return;
     va_list args;
     va_start(args, format);
     va_list again;
     va_copy(again, args);
-    char small[256];
-    int n = std::vsnprintf(small, sizeof small, format, args);
+    yfwhost::c_boundary([&] {
+        if (cell != nullptr && !site_keeps(cell, format))
+            return;
+        char small[256];
+        int n = std::vsnprintf(small, sizeof small, format, args);
+        if (n >= 0 && static_cast<size_t>(n) < sizeof small) {
+            sink->write(small);
+        } else if (n >= 0) {
+            std::string line(static_cast<size_t>(n), '\0');
+            std::vsnprintf(line.data(), line.size() + 1, format, again);
+            sink->write(line);
+        }
+    });
     va_end(args);
-    if (n >= 0 && static_cast<size_t>(n) < sizeof small) {
-        sink->write(small);
-    } else if (n >= 0) {
-        std::string line(static_cast<size_t>(n), '\0');
-        std::vsnprintf(line.data(), line.size() + 1, format, again);
-        sink->write(line);
-    }
     va_end(again);
 }
 
@@ -93,13 +96,15 @@ void _lstrace(void *handle, unsigned long long, const char *line)
     auto *ring = static_cast<yfwhost::Request::Ring *>(handle);
     if (ring == nullptr || line == nullptr || ring->capacity == 0)
         return;
-    if (ring->lines.size() == ring->capacity) {
-        ring->lines.pop_front();
-        ring->dropped++;
-    }
-    ring->lines.emplace_back(line);
-    if (ring->owner != nullptr && ring->owner->recording())
-        ring->owner->record(std::string("ring ") + line);
+    yfwhost::c_boundary([&] {
+        if (ring->lines.size() == ring->capacity) {
+            ring->lines.pop_front();
+            ring->dropped++;
+        }
+        ring->lines.emplace_back(line);
+        if (ring->owner != nullptr && ring->owner->recording())
+            ring->owner->record(std::string("ring ") + line);
+    });
 }
 
 } // extern "C"

@@ -31,6 +31,10 @@ typedef uint32_t verrno;
 /* Not an error: a hook's way of saying "this node is not mine". */
 #define YFW_SKIP_NODE 0xaaf2f600u
 #define YFW_ERR_AUGMENT_NOT_SUPPORTED 0xaaf2f800u
+/* The module's own answer to an edit of an IPv4 prefix length that has no
+ * netmask (above 32, negative, or no value): a plain number, outside the
+ * framework's range of codes, which the framework passes on as it is. */
+#define YFW_INVALID_PREFIX_LENGTH 16u
 
 /* Request kinds (yfw_map_request.kind). */
 #define YFW_MAP_REQ_GET_CONFIG 0u

@@ -35,16 +35,31 @@ inline bool is_read(yfw_map_ctx ctx)
     return kind == YFW_MAP_REQ_GET_CONFIG || kind == YFW_MAP_REQ_GET;
 }
 
-// Replaces error_tag by a copy of `name`.
-inline void set_error_tag(yfw_map_ctx ctx, const char *name)
+// The two strings a failure leaves for the framework (error_tag, the node it
+// names; error_text, what the client reads) are heap copies that the state
+// owns.  Each is replaced the same way: the old copy is released first, so a
+// second failure in one request leaves only the newest.  Without map_state
+// nothing is recorded.  A null `text` records a null string.
+inline void replace_state_string(yfw_map_ctx ctx, char *yfw_map_state::*field, const char *text)
 {
     if (ctx->map_state == nullptr)
         return;
-    if (ctx->map_state->error_tag != nullptr) {
-        vlos_named_free(ctx->map_state->error_tag);
-        ctx->map_state->error_tag = nullptr;
+    char *&held = ctx->map_state->*field;
+    if (held != nullptr) {
+        vlos_named_free(held);
+        held = nullptr;
     }
-    ctx->map_state->error_tag = yfw_strdup(name, "YFW MAP");
+    held = yfw_strdup(text, "YFW MAP");
+}
+
+inline void set_error_tag(yfw_map_ctx ctx, const char *name)
+{
+    replace_state_string(ctx, &yfw_map_state::error_tag, name);
+}
+
+inline void set_error_text(yfw_map_ctx ctx, const char *text)
+{
+    replace_state_string(ctx, &yfw_map_state::error_text, text);
 }
 
 // A generated handler around one hand-written conversion: the frame of a
@@ -58,17 +73,18 @@ verrno end_only(const char *fn, yfw_map_ctx ctx);
 
 } // namespace yfw
 
-// The opening of every mapping function: Start, then the exit for a null
-// `in` or `out` (an ERR, the error path and YFW_ERR_INVALID_ARG, no End).
-#define YFW_FRAME_START(ctx, fn, in, out)                                                          \
+// The opening of every mapping function: Start, then, for a null `in` or
+// `out`, the invalid-argument exit, which returns from the function.
+#define YFW_FRAME_START_OR_RETURN(ctx, fn, in, out)                                                \
     do {                                                                                           \
         YFW_TRC(ctx, fn, "Start");                                                                 \
         if ((in) == nullptr || (out) == nullptr)                                                   \
-            YFW_INVALID_ARGS(ctx, fn);                                                             \
+            YFW_RETURN_INVALID_ARGS(ctx, fn);                                                      \
     } while (0)
 
-// The exit of every function that is handed a null `in` or `out`.
-#define YFW_INVALID_ARGS(ctx, fn)                                                                  \
+// Returns from the function for a null `in` or `out`: an ERR, the error
+// path and YFW_ERR_INVALID_ARG, no End.
+#define YFW_RETURN_INVALID_ARGS(ctx, fn)                                                           \
     do {                                                                                           \
         YFW_ERR(ctx, fn, "Invalid arguments passed!");                                             \
         yfw_oc_error_path(ctx);                                                                    \

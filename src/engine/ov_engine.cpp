@@ -183,7 +183,7 @@ void container_schema(const container &c, yfw_map_ctx ctx, vidl_yfw_datatree *in
 verrno walk(const container &c, yfw_map_ctx ctx, const vidl_yfw_datatree *node,
             vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START(ctx, c.name, node, out);
+    YFW_FRAME_START_OR_RETURN(ctx, c.name, node, out);
     auto *in = const_cast<vidl_yfw_datatree *>(node);
     yfw_map_state *st = ctx->map_state;
     children ch;
@@ -455,7 +455,7 @@ verrno call_hook(const list &l, yfw_map_ctx ctx, vidl_yfw_datatree *in, uint32_t
 
 verrno walk(const list &l, yfw_map_ctx ctx, const vidl_yfw_datatree *node, vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START(ctx, l.name, node, out);
+    YFW_FRAME_START_OR_RETURN(ctx, l.name, node, out);
     auto *in = const_cast<vidl_yfw_datatree *>(node);
     yfw_map_state *st = ctx->map_state;
     const uint32_t kind = yfw::request(ctx)->kind;
@@ -595,7 +595,7 @@ verrno walk(const list &l, yfw_map_ctx ctx, const vidl_yfw_datatree *node, vidl_
 // only on a node of the leaf's own, outside schema walks and deletions.
 verrno walk(const leaf &l, yfw_map_ctx ctx, const vidl_yfw_datatree *node, vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START(ctx, l.name, node, out);
+    YFW_FRAME_START_OR_RETURN(ctx, l.name, node, out);
     auto *in = const_cast<vidl_yfw_datatree *>(node);
     yfw_map_state *st = ctx->map_state;
     verrno code = l.handler(ctx, in, out);
@@ -630,7 +630,7 @@ verrno walk(const leaf &l, yfw_map_ctx ctx, const vidl_yfw_datatree *node, vidl_
 verrno augment_entry(const entry &e, yfw_map_ctx ctx, const vidl_yfw_datatree *node,
                      vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START(ctx, e.name, node, out);
+    YFW_FRAME_START_OR_RETURN(ctx, e.name, node, out);
     auto *in = const_cast<vidl_yfw_datatree *>(node);
     children ch;
     if (!fetch_children(in, ch)) {
@@ -676,7 +676,7 @@ verrno augment_entry(const entry &e, yfw_map_ctx ctx, const vidl_yfw_datatree *n
 verrno default_parse_augments(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                               vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     verrno code = YFW_OK;
     if (yfw_map_is_request_add(ctx, in)) {
         yfw::set_error_tag(ctx, in->tag);
@@ -692,7 +692,7 @@ verrno default_parse_augments(const char *fn, yfw_map_ctx ctx, const vidl_yfw_da
 verrno refuse_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                    vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     yfw_oc_error_path(ctx);
     yfw::set_error_tag(ctx, in->tag);
     YFW_TRC(ctx, fn, "End");

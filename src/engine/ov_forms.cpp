@@ -24,7 +24,7 @@ const char *value_of(const vidl_yfw_datatree *in)
 verrno config_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                    vidl_yfw_datatree *out, const char *path, const char *ns)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     verrno rc;
     if (yfw::is_read(ctx))
         rc = add(ctx, out, path, ns, value_of(in), nullptr);
@@ -39,7 +39,7 @@ verrno config_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
 verrno key_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                 vidl_yfw_datatree *out, const char *path, const char *ns)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     verrno rc = yfw::is_read(ctx) ? add(ctx, out, path, ns, value_of(in), nullptr)
                                   : add(ctx, out, path, ns, value_of(in), in);
     YFW_TRC(ctx, fn, "End");
@@ -49,7 +49,7 @@ verrno key_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
 verrno state_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                   vidl_yfw_datatree *out, const char *path, const char *ns, uint32_t path_flag)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     verrno rc = YFW_OK;
     if (yfw::is_read(ctx))
         rc = add(ctx, out, path, ns, value_of(in), nullptr, 0, path_flag);
@@ -61,7 +61,7 @@ verrno cont_handler(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in
                     unsigned int subtree_count, vidl_yfw_datatree *out, const char *path,
                     const char *ns)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     verrno rc = YFW_OK;
     if (subtree_count != 0) {
         YFW_TRC(ctx, fn, "Mapping done for this node");
@@ -78,7 +78,7 @@ verrno cont_handler(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in
 verrno list_handler(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                     vidl_yfw_datatree *out, const char *path, const char *ns)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     const vidl_yfw_datatree *op_node = yfw_map_is_request_delete(in) ? in : nullptr;
     verrno rc = add(ctx, out, path, ns, nullptr, op_node, 1);
     YFW_TRC(ctx, fn, "End");

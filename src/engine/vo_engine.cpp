@@ -66,7 +66,7 @@ verrno child_loop(const node &n, yfw_map_ctx ctx, const children &c, vidl_yfw_da
 verrno visit_container(const node &n, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                        vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START(ctx, n.name, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, n.name, in, out);
     children c;
     if (!fetch_children(in, c)) {
         YFW_ERR(ctx, n.name, "Failed to get subtrees!");
@@ -102,7 +102,7 @@ void mark_keys(const node &n, const children &c)
 verrno visit_list_entry(const node &n, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                         vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START(ctx, n.name, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, n.name, in, out);
     children c;
     if (!fetch_children(in, c)) {
         YFW_ERR(ctx, n.name, "Failed to get subtrees!");
@@ -138,7 +138,7 @@ verrno visit_list_entry(const node &n, yfw_map_ctx ctx, const vidl_yfw_datatree 
 verrno visit_leaf(const node &n, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                   vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START(ctx, n.name, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, n.name, in, out);
     if ((in->present & YFW_PRESENT_ERROR_KIND) != 0 && in->error_kind == YFW_ERROR_KIND_XPATH) {
         YFW_TRC(ctx, n.name, "got xpath error node ");
         ctx->map_state->walk_flags |= YFW_WALK_XPATH_ERROR;
@@ -169,7 +169,7 @@ verrno visit(const node &n, yfw_map_ctx ctx, const vidl_yfw_datatree *in, vidl_y
 verrno augment_entry(const entry &e, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                      vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START(ctx, e.name, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, e.name, in, out);
     children c;
     if (!fetch_children(in, c)) {
         YFW_ERR(ctx, e.name, "Failed to get subtrees!");

@@ -20,7 +20,7 @@ verrno add(yfw_map_ctx ctx, vidl_yfw_datatree *out, const char *path, const char
 verrno cont_handler(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                     unsigned int subtree_count, vidl_yfw_datatree *out, const char *path)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     verrno rc = YFW_OK;
     if (subtree_count == 0) {
         YFW_TRC(ctx, fn, "No subtrees");
@@ -35,7 +35,7 @@ verrno cont_handler(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in
 verrno list_handler(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                     vidl_yfw_datatree *out, const char *path)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     const vidl_yfw_datatree *op_node = yfw_map_is_request_delete(in) ? in : nullptr;
     verrno rc = add(ctx, out, path, nullptr, op_node, 1);
     YFW_TRC(ctx, fn, "End");
@@ -46,7 +46,7 @@ verrno list_handler(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in
 verrno plain_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                   vidl_yfw_datatree *out, const char *path)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     verrno rc = add(ctx, out, path, in->value);
     YFW_TRC(ctx, fn, "End");
     return rc;
@@ -57,7 +57,7 @@ verrno guarded_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in
                     vidl_yfw_datatree *out, const char *always, const char *config,
                     const char *state)
 {
-    YFW_FRAME_START(ctx, fn, in, out);
+    YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     verrno rc = YFW_OK;
     if (always != nullptr)
         rc = add(ctx, out, always, in->value);

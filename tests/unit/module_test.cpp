@@ -360,6 +360,22 @@ TEST(ConfigurationModels, RegularAddressEntryComesBeforeItsLeaves)
     }
 }
 
+// ---------------------------------------------------------------- tunnel endpoints
+
+// The refusal replaces an earlier error text rather than leaking it (the
+// sanitizer build's leak check holds the old copy to being freed).
+TEST(Endpoints, EachIpv6RefusalLeavesOneErrorText)
+{
+    yfwhost::set_router_type(13);
+    Recorded r(1);
+    auto endpoint = build(N("src", NS_OC_IF_TUNNEL, "2001:db8::1"));
+    for (const char *name : {"to_low_config_src", "to_low_config_dst"})
+        EXPECT_EQ(fn(name)(r.ctx(), endpoint.get(), r.out()), YFW_ERR_NOT_SUPPORTED) << name;
+    yfwhost::set_router_type(0);
+    EXPECT_STREQ(r.req.state().error_text, "IPV6 mode not supported.");
+    EXPECT_THAT(r.req.emissions(), IsEmpty());
+}
+
 // ---------------------------------------------------------------- config_or_state_allowed
 
 TEST(ConfigOrStateAllowed, EachMarkHidesConfigurationInReadViewTwoOnly)

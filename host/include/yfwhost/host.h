@@ -404,6 +404,9 @@ void fail_strcpy_after(int n);
 const char *error_name(verrno code);
 // The host's own code for a list key that disagrees with config/<key>.
 constexpr verrno YFW_ERR_LEAFREF_MISMATCH = 0xaaf2fa00u;
+// The host's own code for an operation it could not carry out (it ran out
+// of memory): what an operation that returns a code answers then.
+constexpr verrno YFW_ERR_HOST_FAILURE = 0xaaf2fc00u;
 
 // ---------------------------------------------------------------- loading
 
