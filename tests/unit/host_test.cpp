@@ -222,6 +222,10 @@ TEST(Matching, StringsAndNamespacesWithTheirYangSuffix)
     EXPECT_TRUE(yfw_map_do_these_match(NS_VALMORA_TUNNEL_GRE_CFG, NS_VALMORA_TUNNEL_GRE_CFG_YANG));
     EXPECT_FALSE(yfw_map_do_these_match("urn:a.yang", "urn:b"));
     EXPECT_FALSE(yfw_map_do_these_match("urn:a.yang.yang", "urn:a"));
+    // A tag is no namespace: its ".yang" is part of its name.
+    EXPECT_FALSE(yfw_map_do_these_match("ttl.yang", "ttl"));
+    EXPECT_FALSE(yfw_map_do_these_match("ttl", "ttl.yang"));
+    EXPECT_TRUE(yfw_map_do_these_match("ttl.yang", "ttl.yang"));
 }
 
 TEST(RequestTests, DeleteAndAddFollowTheOperationAndItsInheritance)

@@ -60,8 +60,11 @@ const vidl_yfw_datatree *tree_child(const vidl_yfw_datatree *node, std::string_v
 // Children of a node as the walkers see them: none without the presence bit.
 std::size_t tree_child_count(const vidl_yfw_datatree *node);
 
-// The framework's namespace rule: equal, or equal once a trailing ".yang"
-// is taken off one side.  Null matches nothing.  In one pass, without
+// The framework's comparison of two names, tags and namespaces alike: equal
+// strings match; so do two namespaces that are equal once a trailing ".yang"
+// is taken off one of them.  A namespace is a URI and so carries the ':' of
+// its scheme, which no tag (a YANG identifier) can hold: "ttl.yang" is a tag
+// of its own and never "ttl".  Null matches nothing.  In one pass, without
 // measuring either string first: where the two part, one has ended and the
 // other goes on with ".yang" alone.  The module asks it of every tag it
 // looks up, so it is inline.
@@ -71,7 +74,9 @@ inline bool ns_match(const char *a, const char *b)
         return false;
     if (a == b)
         return true;
+    bool uri = false;
     while (*a != '\0' && *a == *b) {
+        uri = uri || *a == ':';
         ++a;
         ++b;
     }
@@ -79,7 +84,7 @@ inline bool ns_match(const char *a, const char *b)
         return true;
     constexpr char yang[] = ".yang";
     const char *rest = *a == '\0' ? b : *b == '\0' ? a : nullptr;
-    if (rest == nullptr)
+    if (rest == nullptr || !uri)
         return false;
     for (const char *y = yang; *y != '\0'; ++y, ++rest)
         if (*rest != *y)
