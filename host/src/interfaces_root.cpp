@@ -14,6 +14,7 @@
 #include "c_boundary.h"
 #include "octunnel/yfw_framework.h"
 #include "octunnel/yfw_namespaces.h"
+#include "octunnel/yfw_walk.h"
 #include "yfwhost/host.h"
 
 #include <string>
@@ -107,33 +108,16 @@ struct Walk {
         return rc;
     }
 
-    // An entry with no child but its key, read or deleted as a whole.
+    // An entry with no child but its key, read or deleted as a whole: the
+    // tunnel entry walks it by its schema, the way the module's own list
+    // walkers do (see octunnel/yfw_walk.h).
     void by_schema(vidl_yfw_datatree &entry)
     {
-        yfw_map_state *st = ctx->map_state;
-        const bool owned = st->schema_walk != 1;
-        st->schema_walk = 1;
-        const bool was_delete = (entry.present & YFW_PRESENT_OP) != 0 && entry.op == YFW_OP_DELETE;
-        if (was_delete)
-            entry.op = YFW_OP_REMOVE;
-        yfw_map_util_itree_stack_push(ctx, entry.subtrees, entry.subtree_count, nullptr);
-        vidl_yfw_datatree *kept = entry.subtrees;
-        uint32_t count = entry.subtree_count;
-        bool present = (entry.present & YFW_PRESENT_SUBTREES) != 0;
-        entry.subtrees = nullptr;
-        entry.subtree_count = 0;
-        entry.present &= ~YFW_PRESENT_SUBTREES;
+        yfw::schema_walk_guard guard(ctx->map_state);
+        yfw::removal_view removal(&entry);
+        yfw::parked_children parked(ctx, &entry);
         if (module != nullptr && module->function(TUNNEL_ENTRY) != nullptr)
             module->function(TUNNEL_ENTRY)(ctx, &entry, out);
-        entry.subtrees = kept;
-        entry.subtree_count = count;
-        if (present)
-            entry.present |= YFW_PRESENT_SUBTREES;
-        yfw_map_util_itree_stack_pop(ctx);
-        if (was_delete)
-            entry.op = YFW_OP_DELETE;
-        if (owned)
-            st->schema_walk = 0;
     }
 
     verrno interface(vidl_yfw_datatree &entry)

@@ -2,28 +2,16 @@
 // native tree, visited by the table of their model.
 #include "engine/vo_engine.h"
 
+#include "engine/walk.h"
+
 namespace vo {
 namespace {
 
-struct children {
-    const vidl_yfw_datatree *array = nullptr;
-    uint32_t count = 0;
-};
-
-// Without YFW_PRESENT_SUBTREES a node is childless whatever the two fields
-// hold.  Returns false for a broken node: no array behind a count.
-bool fetch_children(const vidl_yfw_datatree *in, children &c)
-{
-    if ((in->present & YFW_PRESENT_SUBTREES) == 0)
-        return true;
-    c.array = in->subtrees;
-    c.count = in->subtree_count;
-    return c.array != nullptr || c.count == 0;
-}
+using yfw::children;
 
 bool branch_allowed(const model &m, yfw_map_ctx ctx)
 {
-    return !m.operational || yfw::request(ctx)->kind == YFW_MAP_REQ_GET;
+    return !m.operational || yfw::is_get(ctx);
 }
 
 const branch *find_branch(const node &n, yfw_map_ctx ctx, const char *tag)
@@ -66,13 +54,8 @@ verrno child_loop(const node &n, yfw_map_ctx ctx, const children &c, vidl_yfw_da
 verrno visit_container(const node &n, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                        vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START_OR_RETURN(ctx, n.name, in, out);
     children c;
-    if (!fetch_children(in, c)) {
-        YFW_ERR(ctx, n.name, "Failed to get subtrees!");
-        YFW_TRC(ctx, n.name, "End");
-        return YFW_ERR_NO_SUBTREES;
-    }
+    YFW_OPEN_WALKER_OR_RETURN(ctx, n.name, in, out, c);
     yfw_map_add_to_node_hierarchy(ctx, in, YFW_LEVEL_CONTAINER);
     verrno rc = n.cont_hook(ctx, in, c.count, out);
     if (c.count != 0 && rc == YFW_OK)
@@ -87,7 +70,7 @@ verrno visit_container(const node &n, yfw_map_ctx ctx, const vidl_yfw_datatree *
 void mark_keys(const node &n, const children &c)
 {
     for (uint32_t i = 0; i < c.count; ++i) {
-        auto *child = const_cast<vidl_yfw_datatree *>(&c.array[i]);
+        vidl_yfw_datatree *child = &c.array[i];
         for (uint32_t k = 0; k < n.key_count; ++k) {
             if (yfw_map_do_these_match(child->tag, n.keys[k])) {
                 child->is_key = 1;
@@ -102,13 +85,8 @@ void mark_keys(const node &n, const children &c)
 verrno visit_list_entry(const node &n, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                         vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START_OR_RETURN(ctx, n.name, in, out);
     children c;
-    if (!fetch_children(in, c)) {
-        YFW_ERR(ctx, n.name, "Failed to get subtrees!");
-        YFW_TRC(ctx, n.name, "End");
-        return YFW_ERR_NO_SUBTREES;
-    }
+    YFW_OPEN_WALKER_OR_RETURN(ctx, n.name, in, out, c);
     if (c.count == 0)
         YFW_ERR(ctx, n.name, "No keys specified with a list node.");
     yfw_map_add_to_node_hierarchy(ctx, in, YFW_LEVEL_LIST);
@@ -169,13 +147,8 @@ verrno visit(const node &n, yfw_map_ctx ctx, const vidl_yfw_datatree *in, vidl_y
 verrno augment_entry(const entry &e, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                      vidl_yfw_datatree *out)
 {
-    YFW_FRAME_START_OR_RETURN(ctx, e.name, in, out);
     children c;
-    if (!fetch_children(in, c)) {
-        YFW_ERR(ctx, e.name, "Failed to get subtrees!");
-        YFW_TRC(ctx, e.name, "End");
-        return YFW_ERR_NO_SUBTREES;
-    }
+    YFW_OPEN_WALKER_OR_RETURN(ctx, e.name, in, out, c);
     verrno rc = YFW_OK;
     if (in->tag == nullptr) {
         YFW_ERR(ctx, e.name, "Tag name is not available!");
