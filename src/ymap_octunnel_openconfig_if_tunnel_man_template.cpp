@@ -267,16 +267,16 @@ YFW_EXPORT verrno to_low_state_dst(yfw_map_ctx ctx, const struct vidl_yfw_datatr
                            Q "/idb-array/destination-address/ipv6");
 }
 
-// /interfaces/interface/tunnel/state/ttl, in place of the generated refusal
-YFW_EXPORT verrno ymap_ov_octunnel_openconfigiftunnel_leaf_lvla_tunnel_state_ttl(
+// /interfaces/interface/tunnel/state/ttl (declared hand-written in its table)
+YFW_OVERRIDE verrno ymap_ov_octunnel_openconfigiftunnel_leaf_lvla_tunnel_state_ttl(
     yfw_map_ctx ctx, const struct vidl_yfw_datatree *in, struct vidl_yfw_datatree *out)
 {
     YFW_ASSERT_CTX();
     return state_to_native(__func__, ctx, in, out, Q "/idb-array/ttl", nullptr);
 }
 
-// /interfaces/interface/tunnel/state/gre-key, in place of the generated refusal
-YFW_EXPORT verrno ymap_ov_octunnel_openconfigiftunnel_leaf_lvla_tunnel_state_grekey(
+// /interfaces/interface/tunnel/state/gre-key (declared hand-written in its table)
+YFW_OVERRIDE verrno ymap_ov_octunnel_openconfigiftunnel_leaf_lvla_tunnel_state_grekey(
     yfw_map_ctx ctx, const struct vidl_yfw_datatree *in, struct vidl_yfw_datatree *out)
 {
     YFW_ASSERT_CTX();

@@ -12,7 +12,7 @@
 // tunnel one ends the dispatch.  The tunnel namespace is compared with its
 // ".yang" form, which the framework's comparison matches against the plain
 // namespace that native data carries.  There is no End trace on any path.
-YFW_EXPORT verrno
+YFW_OVERRIDE verrno
 ymap_vo_octunnel_valmoraifmgrcfg_lvla_interfaceconfigurations_interfaceconfiguration_parse_augments(
     yfw_map_ctx ctx, const struct vidl_yfw_datatree *in, struct vidl_yfw_datatree *out)
 {

@@ -25,6 +25,8 @@ are listed, any other child goes the way of an unsupported tag:
     state P        leaf: with config, adds P under the same predicate
     delegate F     leaf: the handler calls the hand-written F
     also NAME      the handler is also exported as NAME (a weak alias)
+    override R     R (handler, parse_augments or both, comma-separated) is
+                   hand-written: see "Overrides" below
 
 Names follow the native grammar: the visit of a node is
 ymap_vo_octunnel_<word>_<lvl>_<top>[_<parent>]_<node>, its handler the same
@@ -46,6 +48,7 @@ leaf, its first child) or leaf-list:
     state P NS FLAG   leaf: a selection of P in NS in reads, path_flag FLAG
     delegate F        leaf: the handler calls the hand-written F
     duck              leaf: the walker calls the model's duck_map_leaf itself
+    override R        as for native models
 
 A leaf without a handler option is refused (a twin of duck_map_leaf).
 Containers and lists without a handler have their cont_/list_ names as
@@ -64,10 +67,20 @@ A copy gives each name of the copied trees the next level letter its stem
 has not used (lvla becomes lvlb, or lvlc where the stem already has an
 lvlb; lvlb becomes lvld).  An entry names its walker where tags repeat.
 
+Overrides.  `override handler` says that the node's cont_/list_/leaf_
+handler is written by hand, `override parse_augments` its parse_augments.
+The generator then writes no definition of that name, only its declaration
+in the model's header, with protected visibility: a hand-written
+definition (YFW_OVERRIDE, in the model's _man_template source) is the only
+one, and a missing one stops the module's link.  A generated name that no
+row declares stays weak and may still be replaced by a strong definition.
+
 Output, in --out-dir: ymap_octunnel_<stem>.h (declarations),
 ymap_octunnel_<stem>_parser.cpp (walkers, parse_augments, entries, tables),
 ymap_octunnel_<stem>_auto.cpp (handlers and hooks) and
-ymap_octunnel_<stem>.names (every exported name with its binding).
+ymap_octunnel_<stem>.names (every exported name with its binding: weak,
+strong, override for a declared override, hand-written for a function
+that a handler delegates to).
 """
 
 import argparse
@@ -97,10 +110,14 @@ OC_FORMS = ("container", "state", "list", "leaf", "key", "leaf-list")
 # option -> (number of arguments, which of them are paths)
 OC_OPTIONS = {"cont": (2, (0,)), "path": (1, (0,)), "leafref": (1, (0,)), "list": (2, (0,)),
               "config": (2, (0,)), "key": (2, (0,)), "state": (3, (0,)), "delegate": (1, ()),
-              "duck": (0, ()), "twin": (0, ())}
-OC_ALLOWED = {"container": {"cont"}, "state": {"cont"}, "list": {"path", "leafref", "list", "twin"},
-              "leaf": {"config", "state", "delegate", "duck"},
-              "key": {"key", "delegate", "duck"}, "leaf-list": {"delegate", "duck"}}
+              "duck": (0, ()), "twin": (0, ()), "override": (1, ())}
+OC_ALLOWED = {"container": {"cont", "override"}, "state": {"cont", "override"},
+              "list": {"path", "leafref", "list", "twin", "override"},
+              "leaf": {"config", "state", "delegate", "duck", "override"},
+              "key": {"key", "delegate", "duck", "override"},
+              "leaf-list": {"delegate", "duck", "override"}}
+# What a row may declare hand-written.
+OVERRIDABLE = ("handler", "parse_augments")
 
 
 class ModelError(Exception):
@@ -290,6 +307,8 @@ def parse_native(model, words, number):
             value = expand(model, value, number)
         elif key == "keys":
             value = value.split(",")
+        elif key == "override":
+            value = parse_override(value, number)
         elif key not in ("delegate", "also"):
             raise ModelError(f"line {number}: unknown option '{key}'")
         node.opts[key] = value
@@ -316,7 +335,19 @@ def parse_oc(model, words, number):
         if len(rest) < count:
             raise ModelError(f"line {number}: '{key}' takes {count} values")
         node.opts[key] = [rest.pop(0) for _ in range(count)]
+    if "override" in node.opts:
+        node.opts["override"] = parse_override(node.opts["override"][0], number)
     return node
+
+
+def parse_override(text, number):
+    roles = text.split(",")
+    for r in roles:
+        if r not in OVERRIDABLE:
+            raise ModelError(f"line {number}: override takes handler and parse_augments, not '{r}'")
+    if len(set(roles)) != len(roles):
+        raise ModelError(f"line {number}: '{text}' names a role twice")
+    return roles
 
 
 def next_level_names(model):
@@ -378,6 +409,7 @@ def check(model):
         check_native(model)
     else:
         check_oc(model)
+    check_overrides(model)
     for e in model.entries:
         tops = [t for t in model.tops
                 if t.tag == e.accepts and (not e.walker or t.name == e.walker)]
@@ -395,8 +427,8 @@ def check(model):
 
 
 def check_native(model):
-    allowed = {"container": {"cont"}, "list": {"keys", "path", "list"},
-               "leaf": set(NATIVE_LEAF) | {"also"}}
+    allowed = {"container": {"cont", "override"}, "list": {"keys", "path", "list", "override"},
+               "leaf": set(NATIVE_LEAF) | {"also", "override"}}
     for n in walk(model):
         extra = set(n.opts) - allowed[n.form]
         if extra:
@@ -407,8 +439,8 @@ def check_native(model):
             raise ModelError(f"line {n.line}: a list needs its path")
         if n.form == "leaf":
             o = n.opts
-            if sum(("plain" in o, "delegate" in o, "config" in o)) != 1:
-                raise ModelError(f"line {n.line}: a leaf is plain, delegate or config")
+            if sum(("plain" in o, "delegate" in o, "config" in o, overrides(n, "handler"))) != 1:
+                raise ModelError(f"line {n.line}: a leaf is plain, delegate, config or overridden")
             if ("always" in o or "state" in o) and "config" not in o:
                 raise ModelError(f"line {n.line}: always and state go with config")
 
@@ -432,6 +464,29 @@ def check_oc(model):
             raise ModelError(f"line {n.line}: a key leaf stands in a list")
         if n.parent is None and n.form in ("leaf", "key", "leaf-list"):
             raise ModelError(f"line {n.line}: a top node is a container or list")
+
+
+# Options that make a generated handler: an overridden handler has none.
+GENERATED_HANDLER = ("cont", "list", "plain", "always", "config", "state", "delegate", "key",
+                     "duck", "twin", "also")
+
+
+def overrides(n, role):
+    return role in n.opts.get("override", ())
+
+
+def check_overrides(model):
+    for n in walk(model):
+        if overrides(n, "parse_augments") and is_leaf(n):
+            raise ModelError(f"line {n.line}: a leaf has no parse_augments")
+        if not overrides(n, "handler"):
+            continue
+        if model.kind == "openconfig" and model.hooks_only:
+            raise ModelError(f"line {n.line}: a hooks-only model has no handlers to override")
+        made = [k for k in GENERATED_HANDLER if k in n.opts]
+        if made:
+            raise ModelError(f"line {n.line}: an overridden handler is not also generated "
+                             f"({', '.join(made)})")
 
 
 def walk(model):
@@ -473,7 +528,7 @@ def role(n):
 
 def handler_name(model, n):
     """The node's cont_/list_/leaf_ name, or None where it has none."""
-    if model.kind == "native":
+    if model.kind == "native" and not overrides(n, "handler"):
         if n.form == "container" and "cont" not in n.opts:
             return None
         if n.form == "list" and "list" not in n.opts:
@@ -493,7 +548,8 @@ def entry_parse_augments(model, e):
 
 
 def exported_names(model):
-    """(name, binding, line) of every function the model exports."""
+    """(name, binding, line) of every function the model exports: weak,
+    strong, or override (written by hand in place of a generated one)."""
     p = model.prefix
     for hook in ("duck_map_container", "duck_map_list", "duck_map_leaf"):
         yield p + hook, "strong", 0
@@ -504,9 +560,11 @@ def exported_names(model):
         if not n.inline:
             yield walker_name(model, n), "strong" if n.root else "weak", n.line
         if not is_leaf(n):
-            yield walker_name(model, n) + "_parse_augments", "weak", n.line
+            yield (walker_name(model, n) + "_parse_augments",
+                   "override" if overrides(n, "parse_augments") else "weak", n.line)
         if handler_name(model, n):
-            yield handler_name(model, n), "weak", n.line
+            yield (handler_name(model, n), "override" if overrides(n, "handler") else "weak",
+                   n.line)
         if "also" in n.opts:
             yield model.prefix + n.opts["also"], "weak", n.line
 
@@ -534,8 +592,14 @@ def is_cont_sig(model, name):
 def gen_header(model, source):
     out = [banner(model, source), "#pragma once\n\n", '#include "octunnel/yfw_types.h"\n\n',
            'extern "C" {\n\n']
-    for name, _, _ in exported_names(model):
-        out.append(f"verrno {name}{SIG_CONT if is_cont_sig(model, name) else SIG_MAP};\n")
+    for name, binding, _ in exported_names(model):
+        sig = SIG_CONT if is_cont_sig(model, name) else SIG_MAP
+        if binding == "override":
+            out.append(f"// Hand-written (override): protected, so that a missing definition\n"
+                       f"// stops the link.\n"
+                       f"__attribute__((visibility(\"protected\"))) verrno {name}{sig};\n")
+        else:
+            out.append(f"verrno {name}{sig};\n")
     if delegates(model):
         out.append("\n// Hand-written functions that handlers of this model call.\n")
         for fn in delegates(model):
@@ -567,8 +631,14 @@ def default_parse_augments_call(engine):
 
 
 def parse_augments_fn(model, n, engine):
-    return function("weak", walker_name(model, n) + "_parse_augments", SIG_MAP, model.path(n),
-                    default_parse_augments_call(engine))
+    name = walker_name(model, n) + "_parse_augments"
+    if overrides(n, "parse_augments"):
+        return hand_written(name, model.path(n) + ", children of other models")
+    return function("weak", name, SIG_MAP, model.path(n), default_parse_augments_call(engine))
+
+
+def hand_written(name, path):
+    return f"// {path}: {name} is hand-written.\n\n"
 
 
 def gen_parser(model, source):
@@ -769,7 +839,9 @@ def gen_auto(model, source):
         if not name:
             continue
         sig = SIG_CONT if n.form in ("container", "state") else SIG_MAP
-        if model.kind == "native":
+        if overrides(n, "handler"):
+            out.append(hand_written(name, model.path(n)))
+        elif model.kind == "native":
             out.append(function("weak", name, sig, model.path(n), native_handler_body(n)))
             if "also" in n.opts:
                 out.append(alias(p + n.opts["also"], sig, name, model.path(n)))
@@ -788,7 +860,9 @@ def gen_auto(model, source):
 
 
 def gen_names(model):
-    return "".join(f"{name} {binding}\n" for name, binding, _ in exported_names(model))
+    names = [f"{name} {binding}\n" for name, binding, _ in exported_names(model)]
+    names += [f"{fn} hand-written\n" for fn in delegates(model)]
+    return "".join(names)
 
 
 def write_if_changed(path, text):

@@ -15,6 +15,11 @@ extern "C" [[noreturn]] void __assert_fail(const char *assertion, const char *fi
 // Generated functions are weak so that a hand-written definition of the same
 // name replaces them for every caller, the generated tables included.
 #define YFW_WEAK __attribute__((weak))
+// The definition of a name that a model's table declares hand-written
+// (`override` in its .ymap row): the generator writes none of its own, and
+// declares it protected, as this is, so that a missing definition stops the
+// module's link.
+#define YFW_OVERRIDE extern "C" __attribute__((visibility("protected")))
 
 // Assertions stay on in every build: a null context is a fault of the caller
 // that must stop the process, whatever NDEBUG says.
