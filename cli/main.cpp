@@ -9,6 +9,8 @@
 #include "options.h"
 #include "translate.h"
 
+#include "octunnel/model_tables.h"
+
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <optional>
@@ -50,10 +52,13 @@ int main(int argc, char **argv)
                "\nSee 'octunnel SUBCOMMAND --help' for the options of each.");
 
     Options o;
+    std::string roots;
+    for (const models::root &r : models::native_roots)
+        roots += (roots.empty() ? "" : ", ") + std::string(r.tag);
     CLI::App *oc = app.add_subcommand(
-        "to-oc", "Native data (tunnel-ip-ma, interface-configurations, "
-                 "global-interface-configuration, ipv4-network, ipv6-network) to the "
-                 "OpenConfig answer: in XML inside a NETCONF <data> element, in JSON bare.");
+        "to-oc", "Native data (" + roots +
+                     ") to the OpenConfig answer: in XML inside a NETCONF <data> element, in JSON "
+                     "bare.");
     o.add_common(*oc, "get");
     oc->add_option("--yang-dir", o.yang_dir,
                    "Directory of the OpenConfig YANG models that type a JSON answer (default: "

@@ -1,19 +1,26 @@
 #include "json_schema.h"
 
+#include "octunnel/model_tables.h"
+
 #include <algorithm>
 
 namespace octunnel {
 namespace {
 
-struct Row {
-    std::string_view path; // schema path without module names
-    NodeKind kind;
-    std::string_view keys; // a list's keys, in order, apart by spaces
-    bool state;            // an OpenConfig state container
-};
-constexpr Row rows[] = {
-#include "model_schema.inc"
-};
+NodeKind kind_of(models::form f)
+{
+    switch (f) {
+    case models::form::container:
+        return NodeKind::container;
+    case models::form::list:
+        return NodeKind::list;
+    case models::form::leaf:
+        return NodeKind::leaf;
+    case models::form::leaf_list:
+        break;
+    }
+    return NodeKind::leaf_list;
+}
 
 } // namespace
 
@@ -28,7 +35,7 @@ struct ModelSchema::Step {
 
 ModelSchema::ModelSchema() : steps_(1)
 {
-    for (const Row &row : rows) {
+    for (const models::node &row : models::nodes) {
         std::size_t at = 0;
         std::string_view path = row.path;
         while (!path.empty()) {
@@ -47,13 +54,9 @@ ModelSchema::ModelSchema() : steps_(1)
             steps_.push_back(Step{name, NodeKind::unknown, {}, {}, false});
         }
         Step &step = steps_[at];
-        step.kind = row.kind;
+        step.kind = kind_of(row.kind);
         step.state = row.state;
-        for (std::string_view keys = row.keys; !keys.empty();) {
-            std::string_view key = keys.substr(0, keys.find(' '));
-            step.keys.push_back(key);
-            keys.remove_prefix(std::min(keys.size(), key.size() + 1));
-        }
+        step.keys.assign(row.keys, row.keys + row.key_count);
     }
 }
 

@@ -5,6 +5,7 @@
 #include "json_schema.h"
 #include "xml_io.h"
 
+#include "octunnel/model_tables.h"
 #include "octunnel/yfw_namespaces.h"
 #include "yfwhost/host.h"
 
@@ -25,42 +26,24 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// The native roots this module translates, and the walker each goes to.
-// tunnel-ip-ma takes the root that the registration names; a child of
-// ipv4-network from Valmora-ipv4-ma-oper goes to that model's augment entry.
-struct NativeRoot {
-    const char *tag;
-    const char *ns;
-    const char *walker; // null: the registered native root
-    const char *augment_ns;
-    const char *augment_entry;
-};
-constexpr NativeRoot native_roots[] = {
-    {"tunnel-ip-ma", NS_VALMORA_TUNNEL_IP_MA_OPER, nullptr, nullptr, nullptr},
-    {"interface-configurations", NS_VALMORA_IFMGR_CFG,
-     "ymap_vo_octunnel_valmoraifmgrcfg_lvla_interfaceconfigurations", nullptr, nullptr},
-    {"global-interface-configuration", NS_VALMORA_IFMGR_CFG,
-     "ymap_vo_octunnel_valmoraifmgrcfg_lvla_globalinterfaceconfiguration", nullptr, nullptr},
-    {"ipv4-network", NS_VALMORA_IPV4_IO_OPER, "ymap_vo_octunnel_valmoraipv4iooper_lvla_ipv4network",
-     NS_VALMORA_IPV4_MA_OPER, "ymap_vo_octunnel_valmoraipv4maoper_augment_lvla_ipv4_network"},
-    {"ipv6-network", NS_VALMORA_IPV6_MA_OPER, "ymap_vo_octunnel_valmoraipv6maoper_lvla_ipv6network",
-     nullptr, nullptr},
-};
-
-const NativeRoot *find_route(const vidl_yfw_datatree &root)
+// A native document's roots are the models' exported roots (the one the
+// registration names goes to the registration's walker, as the framework
+// does); a child of a root from a model that augments the root goes to
+// that model's augment entry.
+const models::root *find_route(const vidl_yfw_datatree &root)
 {
-    for (const NativeRoot &r : native_roots)
+    for (const models::root &r : models::native_roots)
         if (std::string_view(root.tag) == r.tag && yfwhost::ns_match(r.ns, root.ns))
             return &r;
     return nullptr;
 }
 
-const NativeRoot &route(const vidl_yfw_datatree &root)
+const models::root &route(const vidl_yfw_datatree &root)
 {
-    if (const NativeRoot *r = find_route(root); r != nullptr)
+    if (const models::root *r = find_route(root); r != nullptr)
         return *r;
     std::string known;
-    for (const NativeRoot &r : native_roots)
+    for (const models::root &r : models::native_roots)
         known += std::string(known.empty() ? "" : ", ") + r.tag;
     throw InputError(static_cast<int>(root.fw_line),
                      element_name(root.tag) + " in namespace '" + root.ns +
@@ -406,18 +389,23 @@ verrno walk_to_oc(const yfwhost::Module &mod, yfwhost::Request &req,
     verrno rc = YFW_OK;
     for (std::size_t i = 0; i < roots.size() && rc == YFW_OK; ++i) {
         vidl_yfw_datatree *root = roots[i];
-        const NativeRoot &r = route(*root);
+        const models::root &r = route(*root);
         map_function walker =
-            r.walker != nullptr ? mod.function(r.walker) : mod.registration().native_to_oc_root;
+            r.registered ? mod.registration().native_to_oc_root : mod.function(r.name);
         if (walker == nullptr)
-            throw UsageError(std::string("the module does not export ") + r.walker);
+            throw UsageError(std::string("the module does not export ") + r.name);
         rc = walker(req.ctx(), root, req.out());
-        if (r.augment_entry == nullptr)
-            continue;
-        map_function entry = mod.function(r.augment_entry);
-        for (std::size_t c = 0; c < yfwhost::tree_child_count(root) && rc == YFW_OK; ++c)
-            if (yfwhost::ns_match(r.augment_ns, root->subtrees[c].ns))
-                rc = entry(req.ctx(), &root->subtrees[c], req.out());
+        const std::string at = std::string("/") + r.tag;
+        for (const models::entry &e : models::entries) {
+            if (at != e.target)
+                continue;
+            map_function entry = mod.function(e.name);
+            if (entry == nullptr)
+                throw UsageError(std::string("the module does not export ") + e.name);
+            for (std::size_t c = 0; c < yfwhost::tree_child_count(root) && rc == YFW_OK; ++c)
+                if (yfwhost::ns_match(e.ns, root->subtrees[c].ns))
+                    rc = entry(req.ctx(), &root->subtrees[c], req.out());
+        }
     }
     return rc;
 }

@@ -2,24 +2,35 @@
 // operational reads and the IPv4 prefix length, to native paths.
 #include "conversions.h"
 #include "engine/ov_engine.h"
+#include "octunnel/model_tables.h"
 #include "ymap_octunnel_openconfig_if_tunnel.h"
 
 #include <arpa/inet.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <string>
+
 namespace {
+
+namespace models = octunnel::models;
 
 constexpr uint32_t FAMILY_NONE = 0xFFFFFFFFu;
 constexpr int ROUTER_WITHOUT_IPV6_TUNNELS = 13;
 
+// The interface whose tunnel a state leaf reads, and how the router names
+// the interface of a tunnel: its id behind a fixed prefix.
+constexpr const models::list &INTERFACE = models::openconfiginterfaces::lvla_interfaces_interface;
+constexpr const models::naming &TUNNEL_NAME =
+    models::valmoratunnelipmaoper::lvla_tunnelipma_tunnelids_tunnelid_names;
+constexpr std::size_t TUNNEL_NAME_PREFIX = std::char_traits<char>::length(TUNNEL_NAME.prefix);
+
 // The tunnel id of an interface named "tunnel-ip<id>": the name behind its
-// first nine characters.  A shorter name gives an empty id rather than a
-// read past its end.
+// prefix.  A shorter name gives an empty id rather than a read past its end.
 const char *tunnel_id(const char *name)
 {
     const char *p = name;
-    for (int i = 0; i < 9 && *p != '\0'; ++i)
+    for (std::size_t i = 0; i < TUNNEL_NAME_PREFIX && *p != '\0'; ++i)
         ++p;
     return p;
 }
@@ -138,7 +149,7 @@ verrno state_to_native(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree 
 {
     YFW_FRAME_START_OR_RETURN(ctx, fn, in, out);
     const char *name = nullptr;
-    verrno rc = yfw_map_get_node_info(ctx, "/interfaces/interface", "name", &name);
+    verrno rc = yfw_map_get_node_info(ctx, INTERFACE.path, INTERFACE.keys[0], &name);
     if (name != nullptr && yfw::is_read(ctx)) {
         add_oper(ctx, out, Q "/tid", tunnel_id(name));
         rc = add_oper(ctx, out, first, in->value);

@@ -31,8 +31,19 @@ are listed, any other child goes the way of an unsupported tag:
 Names follow the native grammar: the visit of a node is
 ymap_vo_octunnel_<word>_<lvl>_<top>[_<parent>]_<node>, its handler the same
 with cont_/list_/leaf_ before the level.  `@lvlb` sets the level letter of a
-namesake; `root` exports a top node as a strong root; `inline` marks a top
-node that an entry visits by itself, with no visit function of its own.
+namesake; `root` exports a top node as a strong root (`registered root`:
+the native root that the registration names); `inline` marks a top node
+that an entry visits by itself, with no visit function of its own.
+
+Which OpenConfig list instance a native node stands for (for the framework,
+which joins the answers of several native models in one OpenConfig entry,
+and finds the native entry that an OpenConfig request names):
+
+    instance-of L[K=P+k]   container or list: it names the instance of the
+                   OpenConfig list at path L whose key K is the value of its
+                   child k (a path below it), with the text P before it when
+                   `P+` is given
+    fixed K=V      list: its key K has the one value V in every entry
 
 OpenConfig models (OpenConfig-to-native).  Every node of the model is
 listed, with its walker's name, as `FORM TAG NAME OPTIONS`, FORM being
@@ -136,6 +147,7 @@ class Node:
     base: str = ""      # OpenConfig copies: where the top hangs
     defines: dict = field(default_factory=dict)  # OpenConfig copies: their own
     root: bool = False
+    registered: bool = False
     inline: bool = False
     opts: dict = field(default_factory=dict)
     children: list = field(default_factory=list)
@@ -286,12 +298,15 @@ def parse(text):
 
 def parse_native(model, words, number):
     flags = []
-    while words and words[0] in ("root", "inline"):
+    while words and words[0] in ("registered", "root", "inline"):
         flags.append(words.pop(0))
     if len(words) < 2 or words[0] not in NATIVE_FORMS:
         raise ModelError(f"line {number}: expected container, list or leaf")
+    if "registered" in flags and "root" not in flags:
+        raise ModelError(f"line {number}: only a root is registered")
     node = Node(words[0], words[1], number, 0)
     node.root = "root" in flags
+    node.registered = "registered" in flags
     node.inline = "inline" in flags
     rest = words[2:]
     if rest and rest[0].startswith("@"):
@@ -309,6 +324,12 @@ def parse_native(model, words, number):
             value = value.split(",")
         elif key == "override":
             value = parse_override(value, number)
+        elif key == "instance-of":
+            value = parse_instance_of(model, value, number)
+        elif key == "fixed":
+            if not re.match(r"^[\w-]+=[^=]+$", value):
+                raise ModelError(f"line {number}: expected 'fixed KEY=VALUE'")
+            value = tuple(value.split("=", 1))
         elif key not in ("delegate", "also"):
             raise ModelError(f"line {number}: unknown option '{key}'")
         node.opts[key] = value
@@ -338,6 +359,23 @@ def parse_oc(model, words, number):
     if "override" in node.opts:
         node.opts["override"] = parse_override(node.opts["override"][0], number)
     return node
+
+
+@dataclass
+class InstanceOf:
+    oc_list: str   # path of the OpenConfig list
+    oc_key: str    # its key
+    prefix: str    # text before the native value
+    key_path: str  # below the native node
+
+
+def parse_instance_of(model, text, number):
+    m = re.match(r"^([^\[\]]+)\[([\w-]+)=(?:([\w.-]+)\+)?([\w-]+(?:/[\w-]+)?)\]$", text)
+    if not m:
+        raise ModelError(f"line {number}: expected 'instance-of LIST[KEY=CHILD]' or "
+                         f"'instance-of LIST[KEY=PREFIX+CHILD]'")
+    return InstanceOf(expand(model, m.group(1), number), m.group(2), m.group(3) or "",
+                      m.group(4))
 
 
 def parse_override(text, number):
@@ -427,7 +465,8 @@ def check(model):
 
 
 def check_native(model):
-    allowed = {"container": {"cont", "override"}, "list": {"keys", "path", "list", "override"},
+    allowed = {"container": {"cont", "override", "instance-of"},
+               "list": {"keys", "path", "list", "override", "instance-of", "fixed"},
                "leaf": set(NATIVE_LEAF) | {"also", "override"}}
     for n in walk(model):
         extra = set(n.opts) - allowed[n.form]
@@ -437,6 +476,11 @@ def check_native(model):
             raise ModelError(f"line {n.line}: only a top node can be root or inline")
         if n.form == "list" and "path" not in n.opts:
             raise ModelError(f"line {n.line}: a list needs its path")
+        if "fixed" in n.opts:
+            if "instance-of" not in n.opts:
+                raise ModelError(f"line {n.line}: a fixed key goes with instance-of")
+            if n.opts["fixed"][0] not in n.opts.get("keys", []):
+                raise ModelError(f"line {n.line}: '{n.opts['fixed'][0]}' is not a key of the list")
         if n.form == "leaf":
             o = n.opts
             if sum(("plain" in o, "delegate" in o, "config" in o, overrides(n, "handler"))) != 1:

@@ -1,17 +1,20 @@
 // The root of the mapping module that owns /interfaces, as far as tunnel
-// interfaces need it.  The registration stores its address as the
+// interfaces need it: a stand-in for the framework's other module, whose
+// behaviour is its own.  The registration stores its address as the
 // OpenConfig-to-native root.
 //
 // It walks each `interface` entry the way that module does: the entry joins
 // the node hierarchy (so that the tunnel module finds the interface's name),
-// `tunnel` goes to the openconfig-if-tunnel augment entry, `ipv4`/`ipv6`
-// under `subinterfaces/subinterface` and `routed-vlan` to the
-// openconfig-if-ip entries.  What /interfaces answers by itself (`config`,
-// `state`, `hold-time`) is outside the tunnel module and is passed over with
-// a note.  An entry named by its key alone, in a read or a deletion, is
-// walked by the schema: its children are parked on the instance stack and
-// the entries are handed the entry itself.
+// and each child that a model of the tunnel module augments goes to that
+// model's augment entry, as the models' tables list them: `tunnel` under
+// the interface, `ipv4`/`ipv6` under `subinterfaces/subinterface` and
+// `routed-vlan`.  What /interfaces answers by itself (`config`, `state`,
+// `hold-time`) is outside the tunnel module and is passed over with a note.
+// An entry named by its key alone, in a read or a deletion, is walked by the
+// schema, by the walk protocol of octunnel/yfw_walk.h: its children are
+// parked on the instance stack and the entries are handed the entry itself.
 #include "c_boundary.h"
+#include "octunnel/model_tables.h"
 #include "octunnel/yfw_framework.h"
 #include "octunnel/yfw_namespaces.h"
 #include "octunnel/yfw_walk.h"
@@ -21,10 +24,19 @@
 
 namespace {
 
+namespace models = octunnel::models;
 using yfwhost::Module;
 using yfwhost::Request;
 
-constexpr const char *TUNNEL_ENTRY = "ymap_ov_octunnel_openconfigiftunnel_augment_lvla_interface";
+constexpr const models::list &INTERFACE = models::openconfiginterfaces::lvla_interfaces_interface;
+constexpr const models::list &SUBINTERFACE =
+    models::openconfiginterfaces::lvla_interfaces_subinterfaces_subinterface;
+constexpr const models::entry &TUNNEL = models::openconfigiftunnel::augment_lvla_interface;
+// The containers of the /interfaces module's own tree that hold the lists
+// and nodes that the tunnel module's models augment.
+constexpr const char *SUBINTERFACES = "subinterfaces";
+constexpr const char *ROUTED_VLAN = "routed-vlan";
+constexpr const char *ROUTED_VLAN_PATH = models::openconfigifip::augment_lvla_routed_vlan.target;
 
 bool is(const vidl_yfw_datatree &n, std::string_view tag, const char *ns)
 {
@@ -53,30 +65,39 @@ struct Walk {
     const Module *module;
     vidl_yfw_datatree *out;
 
-    // An augment entry of the tunnel module by name; a module without it
-    // does not translate that subtree yet.
-    verrno enter(const char *entry, const vidl_yfw_datatree &node)
+    // An augment entry of the tunnel module; a module without it does not
+    // translate that subtree yet.
+    verrno enter(const models::entry &entry, const vidl_yfw_datatree &node)
     {
-        map_function fn = module != nullptr ? module->function(entry) : nullptr;
+        map_function fn = module != nullptr ? module->function(entry.name) : nullptr;
         if (fn == nullptr) {
-            req.note(&node, element(node.tag) + " is not translated: the module has no " + entry);
+            req.note(&node,
+                     element(node.tag) + " is not translated: the module has no " + entry.name);
             return YFW_OK;
         }
         return fn(ctx, &node, out);
     }
 
-    verrno ip_families(const vidl_yfw_datatree &parent, const char *ipv4_entry,
-                       const char *ipv6_entry)
+    // The entry that takes `child` of the node at `target`, or null.
+    static const models::entry *augmenting(const char *target, const vidl_yfw_datatree &child)
+    {
+        for (const models::entry &e : models::entries)
+            if (std::string_view(target) == e.target && is(child, e.accepts, e.ns))
+                return &e;
+        return nullptr;
+    }
+
+    // The children of a subinterface or of routed-vlan (the node at
+    // `target`): ipv4 and ipv6 go to their entries.
+    verrno ip_families(const vidl_yfw_datatree &parent, const char *target)
     {
         verrno rc = YFW_OK;
         for (std::size_t i = 0; i < yfwhost::tree_child_count(&parent) && rc == YFW_OK; ++i) {
             const vidl_yfw_datatree &c = parent.subtrees[i];
-            if (is(c, "index", NS_OC_INTERFACES))
+            if (is(c, SUBINTERFACE.keys[0], SUBINTERFACE.ns))
                 continue; // the subinterface's key
-            if (is(c, "ipv4", NS_OC_IF_IP))
-                rc = enter(ipv4_entry, c);
-            else if (is(c, "ipv6", NS_OC_IF_IP))
-                rc = enter(ipv6_entry, c);
+            if (const models::entry *e = augmenting(target, c))
+                rc = enter(*e, c);
             else
                 outside(c);
         }
@@ -95,13 +116,12 @@ struct Walk {
         verrno rc = YFW_OK;
         for (std::size_t i = 0; i < yfwhost::tree_child_count(&container) && rc == YFW_OK; ++i) {
             const vidl_yfw_datatree &sub = container.subtrees[i];
-            if (!is(sub, "subinterface", NS_OC_INTERFACES)) {
+            if (!is(sub, SUBINTERFACE.tag, SUBINTERFACE.ns)) {
                 outside(sub);
                 continue;
             }
             yfw_map_add_to_node_hierarchy(ctx, &sub, YFW_LEVEL_LIST);
-            rc = ip_families(sub, "ymap_ov_octunnel_openconfigifip_augment_lvla_subinterface",
-                             "ymap_ov_octunnel_openconfigifip_augment_lvlb_subinterface");
+            rc = ip_families(sub, SUBINTERFACE.path);
             yfw_map_remove_from_node_hierarchy(ctx, &sub);
         }
         yfw_map_remove_from_node_hierarchy(ctx, &container);
@@ -109,41 +129,40 @@ struct Walk {
     }
 
     // An entry with no child but its key, read or deleted as a whole: the
-    // tunnel entry walks it by its schema, the way the module's own list
-    // walkers do (see octunnel/yfw_walk.h).
+    // tunnel entry walks it by its schema.
     void by_schema(vidl_yfw_datatree &entry)
     {
         yfw::schema_walk_guard guard(ctx->map_state);
         yfw::removal_view removal(&entry);
         yfw::parked_children parked(ctx, &entry);
-        if (module != nullptr && module->function(TUNNEL_ENTRY) != nullptr)
-            module->function(TUNNEL_ENTRY)(ctx, &entry, out);
+        if (module != nullptr && module->function(TUNNEL.name) != nullptr)
+            module->function(TUNNEL.name)(ctx, &entry, out);
     }
 
     verrno interface(vidl_yfw_datatree &entry)
     {
+        const char *key = INTERFACE.keys[0];
         yfw_map_add_to_node_hierarchy(ctx, &entry, YFW_LEVEL_LIST);
-        verrno rc = yfw_map_update_current_list_node(ctx, "/interfaces/interface");
-        if (yfwhost::tree_child(&entry, "name") == nullptr)
+        verrno rc = yfw_map_update_current_list_node(ctx, INTERFACE.path);
+        if (yfwhost::tree_child(&entry, key) == nullptr)
             req.note(&entry, "<interface> without a name: its native entries have no name either");
         bool key_only = true;
         for (std::size_t i = 0; i < yfwhost::tree_child_count(&entry); ++i)
-            key_only = key_only && is(entry.subtrees[i], "name", NS_OC_INTERFACES);
+            key_only = key_only && is(entry.subtrees[i], key, INTERFACE.ns);
         const bool deleted = yfw_map_is_request_delete(&entry) != 0;
         if (rc == YFW_OK && key_only && (is_read(ctx) || deleted)) {
             by_schema(entry);
         } else {
             for (std::size_t i = 0; i < yfwhost::tree_child_count(&entry) && rc == YFW_OK; ++i) {
                 const vidl_yfw_datatree &c = entry.subtrees[i];
-                if (is(c, "name", NS_OC_INTERFACES))
+                if (is(c, key, INTERFACE.ns))
                     continue;
-                if (is(c, "tunnel", NS_OC_IF_TUNNEL))
-                    rc = enter(TUNNEL_ENTRY, c);
-                else if (is(c, "subinterfaces", NS_OC_INTERFACES))
+                if (const models::entry *e = augmenting(INTERFACE.path, c))
+                    rc = enter(*e, c);
+                else if (is(c, SUBINTERFACES, INTERFACE.ns))
                     rc = subinterfaces(c);
-                else if (is(c, "routed-vlan", NS_OC_VLAN))
-                    rc = ip_families(c, "ymap_ov_octunnel_openconfigifip_augment_lvla_routed_vlan",
-                                     "ymap_ov_octunnel_openconfigifip_augment_lvlb_routed_vlan");
+                else if (is(c, ROUTED_VLAN, NS_OC_VLAN))
+                    rc = ip_families(c, ROUTED_VLAN_PATH);
                 else
                     outside(c);
             }
@@ -167,7 +186,7 @@ extern "C" verrno ymap_ov_ocif_openconfiginterfaces_lvla_interfaces(
         verrno rc = YFW_OK;
         for (std::size_t i = 0; i < yfwhost::tree_child_count(root) && rc == YFW_OK; ++i) {
             vidl_yfw_datatree &c = root->subtrees[i];
-            if (is(c, "interface", NS_OC_INTERFACES))
+            if (is(c, INTERFACE.tag, INTERFACE.ns))
                 rc = w.interface(c);
             else
                 w.outside(c);

@@ -40,8 +40,7 @@ int yfw_map_do_these_match(const char *a, const char *b)
 
 int yfw_map_is_request_delete(const struct vidl_yfw_datatree *node)
 {
-    return node != nullptr && (node->present & YFW_PRESENT_OP) != 0 &&
-           (node->op == YFW_OP_DELETE || node->op == YFW_OP_REMOVE);
+    return yfwhost::rules::is_request_delete(node) ? 1 : 0;
 }
 
 int yfw_map_is_request_add(yfw_map_ctx ctx, const struct vidl_yfw_datatree *node)
@@ -87,10 +86,7 @@ verrno yfw_map_check_oc_leafref(yfw_map_ctx ctx, const char *list_path, const ch
         const vidl_yfw_datatree *holder = yfwhost::tree_child(list_node, child);
         const vidl_yfw_datatree *ref =
             holder != nullptr ? yfwhost::tree_child(holder, key) : nullptr;
-        if (leaf == nullptr || ref == nullptr || (leaf->present & YFW_PRESENT_VALUE) == 0 ||
-            (ref->present & YFW_PRESENT_VALUE) == 0)
-            return YFW_OK;
-        return std::strcmp(leaf->value, ref->value) == 0 ? YFW_OK : YFW_ERR_LEAFREF_MISMATCH;
+        return yfwhost::rules::key_agrees(leaf, ref) ? YFW_OK : YFW_ERR_LEAFREF_MISMATCH;
     });
 }
 

@@ -67,11 +67,6 @@ vidl_yfw_datatree *find_or_add(Store &store, vidl_yfw_datatree *parent, std::str
     return add_child(store, parent, tag, ns);
 }
 
-bool removing(uint32_t op)
-{
-    return op == YFW_OP_DELETE || op == YFW_OP_REMOVE;
-}
-
 // The operation of a node, in a request tree or in the answer.
 struct InTree {
     vidl_yfw_datatree *n;
@@ -86,40 +81,6 @@ struct InAnswer {
     uint32_t op() const { return a.op(id); }
     void set_op(uint32_t op) const { a.set_op(id, op); }
 };
-
-// A node that an earlier add of this request removed and a later one writes
-// (to it, or below it): its old content goes and the new stands, which is a
-// replace.  This is how the two passes of a replace meet in one tree.
-template <typename Node> void rewrite(const Node &n)
-{
-    if (n.has_op() && removing(n.op()))
-        n.set_op(YFW_OP_REPLACE);
-}
-
-// The operation a node ends with after an add that carries a request node:
-// a removal never weakens the client's delete, and a write after a removal
-// is a replace.  Adds without one (selections, plain steps of a path,
-// answers) leave operations alone.
-template <typename Node>
-void take_operation(const Node &n, const vidl_yfw_datatree *op_node,
-                    const vidl_yfw_datatree *holder)
-{
-    if (op_node == nullptr)
-        return;
-    if (holder == nullptr) {
-        rewrite(n); // merge by default
-        return;
-    }
-    const bool had = n.has_op();
-    if (removing(holder->op)) {
-        if (!(had && n.op() == YFW_OP_DELETE))
-            n.set_op(holder->op);
-    } else if (had && removing(n.op())) {
-        n.set_op(YFW_OP_REPLACE);
-    } else {
-        n.set_op(holder->op);
-    }
-}
 
 // Whether `node` stands in the child array of its parent now: a walker may
 // have detached the array for a while.
@@ -275,14 +236,9 @@ void Request::add_input(const vidl_yfw_datatree *root)
     inner_inputs_ = inner_inputs_ || root->fw_parent != nullptr;
 }
 
-// An addition unless the effective operation is a delete or a remove.
 bool Request::is_request_add(const vidl_yfw_datatree *node) const
 {
-    if (node == nullptr || header_.kind == YFW_MAP_REQ_GET_CONFIG ||
-        header_.kind == YFW_MAP_REQ_GET)
-        return false;
-    const vidl_yfw_datatree *holder = op_holder(node);
-    return holder == nullptr || (holder->op != YFW_OP_DELETE && holder->op != YFW_OP_REMOVE);
+    return node != nullptr && rules::is_request_add(header_.kind, [&] { return op_holder(node); });
 }
 
 void Request::emit(vidl_yfw_datatree *tree, const char *path, const char *ns, const char *value,
@@ -306,7 +262,7 @@ void Request::emit(vidl_yfw_datatree *tree, const char *path, const char *ns, co
 
 // Adds `path` below `tree`, creating what is missing and merging with what
 // is there.  The last node takes on the effective operation of `op_node`
-// (see take_operation).  A path added to the output tree goes to the answer
+// (see rules::settle_operation).  A path added to the output tree goes to the answer
 // (see add_to_answer).  Below a request node (a list key that a walker adds)
 // the path is relative and taken as it stands.
 verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *ns,
@@ -336,7 +292,8 @@ verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *
     Store &store = store_of(tree);
     const char *given_ns = ns != nullptr ? ns : "";
     const vidl_yfw_datatree *holder = op_holder(op_node);
-    const bool writing = op_node != nullptr && (holder == nullptr || !removing(holder->op));
+    const bool writing =
+        op_node != nullptr && (holder == nullptr || !rules::is_removal(holder->op));
     vidl_yfw_datatree *node = tree;
     for (std::size_t i = 0; i < steps.size(); ++i) {
         ++lookups_;
@@ -344,13 +301,13 @@ verrno Request::add_path(vidl_yfw_datatree *tree, const char *path, const char *
         node = last && list_entry != 0 ? add_child(store, node, steps[i], given_ns)
                                        : find_or_add(store, node, steps[i], given_ns);
         if (!last && writing)
-            rewrite(InTree{node});
+            rules::rewrite_removed(InTree{node});
     }
     if (value != nullptr) {
         node->value = store.copy(value);
         node->present |= YFW_PRESENT_VALUE;
     }
-    take_operation(InTree{node}, op_node, holder);
+    rules::settle_operation(InTree{node}, op_node, holder);
     if (out_node != nullptr)
         *out_node = node;
     return YFW_OK;
@@ -406,18 +363,12 @@ const Request::Compiled &Request::compile(const char *path, const char *ns)
     c->path = path;
     c->ns = given_ns;
     const std::vector<std::string_view> &steps = steps_of(path, path_steps_);
-    // Where the path stands in the schema the host knows, and the owner of
-    // the nearest step above that owns its whole subtree.
+    // Where the path stands in the models' schema: each step's node belongs
+    // to the model that owns it, one the tables do not hold to the path's.
     const schema::Node *at = nullptr;
-    const char *subtree_owner = nullptr;
     for (std::size_t i = 0; i < steps.size(); ++i) {
         at = i == 0 || at != nullptr ? schema::child(at, steps[i]) : nullptr;
-        bool whole = false;
-        const char *step_ns = schema::owner(at, whole);
-        if (step_ns == nullptr)
-            step_ns = subtree_owner;
-        else if (whole && subtree_owner == nullptr)
-            subtree_owner = step_ns;
+        const char *step_ns = schema::owner(at);
         if (step_ns == nullptr)
             step_ns = given_ns;
         Compiled::Step step{answer_.name(steps[i], step_ns)};
@@ -443,7 +394,8 @@ verrno Request::add_to_answer(const char *path, const char *ns, const char *valu
     if (c.steps.empty())
         return YFW_ERR_INVALID_ARG;
     const vidl_yfw_datatree *holder = op_holder(op_node);
-    const bool writing = op_node != nullptr && (holder == nullptr || !removing(holder->op));
+    const bool writing =
+        op_node != nullptr && (holder == nullptr || !rules::is_removal(holder->op));
     Answer::Id node = Answer::root;
     Answer::Id parent = Answer::none, grandparent = Answer::none;
     for (std::size_t i = 0; i < c.steps.size(); ++i) {
@@ -459,7 +411,7 @@ verrno Request::add_to_answer(const char *path, const char *ns, const char *valu
         else
             node = answer_.find_or_add(node, step.name);
         if (!last && writing)
-            rewrite(InAnswer{answer_, node});
+            rules::rewrite_removed(InAnswer{answer_, node});
     }
     if (value != nullptr) {
         // A new value of an entry's key: the list's index is told.
@@ -470,17 +422,17 @@ verrno Request::add_to_answer(const char *path, const char *ns, const char *valu
             answer_.forget_list(grandparent, answer_.tag(parent));
         answer_.set_value(node, value);
     }
-    take_operation(InAnswer{answer_, node}, op_node, holder);
+    rules::settle_operation(InAnswer{answer_, node}, op_node, holder);
     return YFW_OK;
 }
 
 // The key that the innermost node of the hierarchy anchoring the list gives
 // it, into key_.
-bool Request::anchored_key(const schema::ListBinding &binding)
+bool Request::anchored_key(const octunnel::models::binding &binding)
 {
     for (auto it = hierarchy_.rbegin(); it != hierarchy_.rend(); ++it) {
         const vidl_yfw_datatree *n = it->node;
-        for (const schema::Anchor &a : binding.anchors) {
+        for (const schema::Naming &a : std::span(binding.namings, binding.naming_count)) {
             ++lookups_;
             if (n->tag == nullptr || n->tag[0] != a.tag[0] || std::strcmp(n->tag, a.tag) != 0 ||
                 !ns_match(a.ns, n->ns))
@@ -566,7 +518,7 @@ void Request::record_error_path()
                 keys.append("[").append(text(c.tag)).append("='").append(c.value).append("']");
         }
         if (keys.empty() && l.node->tag != nullptr) {
-            for (const char *k : schema::key_names(l.node->tag))
+            for (const char *k : schema::key_names(l.node->tag, l.node->ns))
                 if (const char *v = child_value(l.node, k); v != nullptr)
                     keys.append("[").append(k).append("='").append(v).append("']");
         }

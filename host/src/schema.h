@@ -1,50 +1,33 @@
-// What the host knows of the models' schemas in order to build the trees
-// that the module adds paths to: which model owns a node, and how an
-// instance of a list in an added path is found.
+// What the host knows of the models' schemas, all of it from the models'
+// tables (octunnel/model_tables.h): which model owns a node of an added
+// path, how the entry of a list in an added path is found, and the keys of
+// a list entry for readable error paths.
 #pragma once
 
-#include "octunnel/yfw_types.h"
+#include "octunnel/model_tables.h"
 
 #include <span>
 #include <string_view>
 
 namespace yfwhost::schema {
 
-// A node of the schema the host knows, reached one step of an added path at
-// a time.  The host knows the nodes that the tables below name and the
-// steps that lead to them; below those it knows nothing.
+// A node of the models' schema, reached one step of an added path at a
+// time; below the nodes that the tables hold the host knows nothing.
 struct Node;
 // The node `tag` below `parent` (null: the root of every model), or null.
 const Node *child(const Node *parent, std::string_view tag);
-// The namespace of the model that owns `node`, or null when the added path's
-// own namespace applies; `subtree` tells whether it owns what lies below too.
-const char *owner(const Node *node, bool &subtree);
+// The namespace of the model that owns `node`, or null for a node the
+// tables do not hold (the added path's own namespace applies then).
+const char *owner(const Node *node);
 
-// A node of the walk that names an instance of a list: while the walk stands
-// in (or under) a node with this tag and namespace, entries of the list are
-// the instance keyed `prefix` + the value found at `key_path` below it.
-struct Anchor {
-    const char *ns;
-    const char *tag;
-    const char *key_path; // child, or child/grandchild
-    const char *prefix;
-};
-
-struct ListBinding {
-    const char *path; // schema path of the list
-    const char *key;
-    const char *key_ns;
-    std::span<const Anchor> anchors;
-    // A key of the same value on every entry, written before the other.
-    const char *fixed_key = nullptr;
-    const char *fixed_value = nullptr;
-};
-
-// The binding of the list at `node`, or null for a node that is no list.
+using ListBinding = octunnel::models::binding;
+using Naming = octunnel::models::naming;
+// The binding of the list at `node`, or null for a node whose entries are
+// found by their tag alone (no list, or no entry named by the walk).
 const ListBinding *list(const Node *node);
 
-// Names of the key leaves of a list with this tag, for readable error paths
-// of entries whose keys the walk has not marked.
-std::span<const char *const> key_names(std::string_view list_tag);
+// The key names of a list entry with this tag in this namespace, for
+// readable error paths of entries whose keys the walk has not marked.
+std::span<const char *const> key_names(const char *tag, const char *ns);
 
 } // namespace yfwhost::schema

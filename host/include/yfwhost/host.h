@@ -11,6 +11,7 @@
 #pragma once
 
 #include "octunnel/yfw_types.h"
+#include "yfwhost/framework_rules.h"
 
 #include <array>
 #include <cstddef>
@@ -27,11 +28,12 @@
 #include <utility>
 #include <vector>
 
+namespace octunnel::models {
+struct binding;
+}
+
 namespace yfwhost {
 
-namespace schema {
-struct ListBinding;
-}
 class Store;
 
 // ---------------------------------------------------------------- trees
@@ -59,38 +61,6 @@ void tree_set_op(vidl_yfw_datatree *node, uint32_t op);
 const vidl_yfw_datatree *tree_child(const vidl_yfw_datatree *node, std::string_view tag);
 // Children of a node as the walkers see them: none without the presence bit.
 std::size_t tree_child_count(const vidl_yfw_datatree *node);
-
-// The framework's comparison of two names, tags and namespaces alike: equal
-// strings match; so do two namespaces that are equal once a trailing ".yang"
-// is taken off one of them.  A namespace is a URI and so carries the ':' of
-// its scheme, which no tag (a YANG identifier) can hold: "ttl.yang" is a tag
-// of its own and never "ttl".  Null matches nothing.  In one pass, without
-// measuring either string first: where the two part, one has ended and the
-// other goes on with ".yang" alone.  The module asks it of every tag it
-// looks up, so it is inline.
-inline bool ns_match(const char *a, const char *b)
-{
-    if (a == nullptr || b == nullptr)
-        return false;
-    if (a == b)
-        return true;
-    bool uri = false;
-    while (*a != '\0' && *a == *b) {
-        uri = uri || *a == ':';
-        ++a;
-        ++b;
-    }
-    if (*a == *b)
-        return true;
-    constexpr char yang[] = ".yang";
-    const char *rest = *a == '\0' ? b : *b == '\0' ? a : nullptr;
-    if (rest == nullptr || !uri)
-        return false;
-    for (const char *y = yang; *y != '\0'; ++y, ++rest)
-        if (*rest != *y)
-            return false;
-    return *rest == '\0';
-}
 
 // Builds a tree whole, as a reader meets a document: nodes are opened and
 // closed in document order, and the children of a node are laid out in one
@@ -350,7 +320,7 @@ private:
     const Compiled &compile(const char *path, const char *ns);
     verrno add_to_answer(const char *path, const char *ns, const char *value,
                          const vidl_yfw_datatree *op_node, uint32_t list_entry);
-    bool anchored_key(const schema::ListBinding &binding);
+    bool anchored_key(const octunnel::models::binding &binding);
     Answer::Id list_entry_for(Answer::Id parent, const void *step, const char *named_key);
 
     yfw_map_ctx_s ctx_{};
