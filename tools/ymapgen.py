@@ -135,6 +135,12 @@ class ModelError(Exception):
     pass
 
 
+# The header lines and the words they take.
+HEADER_WORDS = {"native": ("STEM",), "openconfig": ("STEM",), "namespace": ("CONST",),
+                "augments": ("PATH",), "operational": (), "hooks-only": (),
+                "define": ("NAME", "VALUE")}
+
+
 @dataclass
 class Node:
     form: str
@@ -248,7 +254,12 @@ def parse(text):
             else:
                 raise ModelError(f"line {number}: a copy takes 'augments PATH' and 'define NAME VALUE'")
             continue
+        if indent == 0 and head in HEADER_WORDS and len(words) != 1 + len(HEADER_WORDS[head]):
+            takes = " ".join(HEADER_WORDS[head]) or "nothing more"
+            raise ModelError(f"line {number}: '{head}' takes {takes}")
         if indent == 0 and head == "copy":
+            if len(words) < 2:
+                raise ModelError(f"line {number}: 'copy' takes the names of top walkers")
             copy = Copy(words[1:], number)
             model.copies.append(copy)
             stack = []
@@ -354,7 +365,8 @@ def parse_oc(model, words, number):
             raise ModelError(f"line {number}: '{key}' given twice")
         count, paths = OC_OPTIONS[key]
         if len(rest) < count:
-            raise ModelError(f"line {number}: '{key}' takes {count} values")
+            raise ModelError(f"line {number}: '{key}' takes {count} "
+                             f"value{'s' if count != 1 else ''}")
         node.opts[key] = [rest.pop(0) for _ in range(count)]
     if "override" in node.opts:
         node.opts["override"] = parse_override(node.opts["override"][0], number)
