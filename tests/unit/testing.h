@@ -80,7 +80,7 @@ inline std::vector<std::string> plain(const std::vector<std::string> &events)
 
 // Events whose text starts with one of `prefixes`.
 inline std::vector<std::string> only(const std::vector<std::string> &events,
-                                     std::initializer_list<std::string> prefixes)
+                                     const std::vector<std::string> &prefixes)
 {
     std::vector<std::string> out;
     for (const std::string &e : plain(events))
@@ -89,6 +89,19 @@ inline std::vector<std::string> only(const std::vector<std::string> &events,
                 out.push_back(e);
                 break;
             }
+    return out;
+}
+
+// "a; b; c" -> {"a", "b", "c"}; "" -> {}.  Tables of cases write lists of
+// events so.
+inline std::vector<std::string> split(std::string_view list)
+{
+    std::vector<std::string> out;
+    while (!list.empty()) {
+        std::size_t end = list.find("; ");
+        out.emplace_back(list.substr(0, end));
+        list.remove_prefix(end == std::string_view::npos ? list.size() : end + 2);
+    }
     return out;
 }
 
