@@ -335,132 +335,116 @@ TEST(Writes, HooksThatDecline)
 
 // What the walk leaves on the request: node kinds, and op back as the
 // client gave it but after a deletion by key; a replace gets its children
-// back.
+// back, and so do parked children.
+struct Mark {
+    const char *name;
+    uint32_t kind;
+    N request;
+    std::vector<int> node;
+    uint32_t vidl_yfw_datatree::*field;
+    uint32_t value;
+};
+#define MARK(name, kind, request, node, field, value)                                              \
+    Mark                                                                                           \
+    {                                                                                              \
+        name, kind, request, node, &vidl_yfw_datatree::field, value                                \
+    }
+
 TEST(Writes, WhatStaysOnTheRequest)
 {
-    struct Mark {
-        const char *name;
-        uint32_t kind;
-        N request;
-        std::vector<int> node;
-        uint32_t vidl_yfw_datatree::*field;
-        uint32_t value;
-    };
-    using T = vidl_yfw_datatree;
-    const Mark marks[] = {
-        {"a content match",
-         0,
-         top_({N("config", {N("a", "1")})}),
-         {0, 0},
-         &T::node_kind,
-         YFW_NODE_MATCH_LEAF},
-        {"a leaf-list",
-         10,
-         top_({N("config", {N("a", "1"), N("tag")})}),
-         {0, 1},
-         &T::node_kind,
-         YFW_NODE_LEAF_LIST},
-        {"a refused leaf",
-         10,
-         top_({N("config", {N("a", "1"), N("b")})}),
-         {0, 1},
-         &T::node_kind,
-         YFW_NODE_LEAF},
-        {"a key", 10, items_(N("item", {N("id", "1")})), {0, 0}, &T::node_kind, YFW_NODE_LEAF},
-        {"a container", 10, top_({}), {}, &T::node_kind, YFW_NODE_CONTAINER},
-        {"a deleted container",
-         1,
-         top_({N("config", {}).with_op(YFW_OP_DELETE)}),
-         {0},
-         &T::op,
-         YFW_OP_DELETE},
-        {"an instance deleted by key",
-         1,
-         items_(N("item", {N("id", "7")}).with_op(YFW_OP_DELETE)),
-         {0},
-         &T::op,
-         YFW_OP_REMOVE},
-        {"a deleted list",
-         2,
-         items_(N("item", {}).with_op(YFW_OP_DELETE)),
-         {0},
-         &T::op,
-         YFW_OP_DELETE},
-        {"a replaced container",
-         1,
-         top_({N("config", {N("a", "1")}).with_op(YFW_OP_REPLACE)}),
-         {0},
-         &T::op,
-         YFW_OP_REPLACE},
-        {"its children",
-         1,
-         top_({N("config", {N("a", "1")}).with_op(YFW_OP_REPLACE)}),
-         {0},
-         &T::subtree_count,
-         1},
-        {"its children's bit",
-         1,
-         top_({N("config", {N("a", "1")}).with_op(YFW_OP_REPLACE)}),
-         {0},
-         &T::present,
-         YFW_PRESENT_SUBTREES | YFW_PRESENT_OP},
-        {"a replaced list entry",
-         1,
-         items_(N("item", {N("id", "3"), N("config", {N("x", "9")})}).with_op(YFW_OP_REPLACE)),
-         {0},
-         &T::op,
-         YFW_OP_REPLACE},
-        {"the parked children", 10, items_(N("item", {N("id", "1")})), {0}, &T::subtree_count, 1},
-    };
-    for (const Mark &m : marks) {
+    const N replaced = top_({N("config", {N("a", "1")}).with_op(YFW_OP_REPLACE)});
+    const std::vector<int> first = {0}, below = {0, 0}, second = {0, 1}, top = {};
+    for (const Mark &m : {
+             MARK("a content match", 0, top_({N("config", {N("a", "1")})}), below, node_kind,
+                  YFW_NODE_MATCH_LEAF),
+             MARK("a leaf-list", 10, top_({N("config", {N("a", "1"), N("tag")})}), second,
+                  node_kind, YFW_NODE_LEAF_LIST),
+             MARK("a refused leaf", 10, top_({N("config", {N("a", "1"), N("b")})}), second,
+                  node_kind, YFW_NODE_LEAF),
+             MARK("a key", 10, items_(N("item", {N("id", "1")})), below, node_kind, YFW_NODE_LEAF),
+             MARK("a container", 10, top_({}), top, node_kind, YFW_NODE_CONTAINER),
+             MARK("a deleted container", 1, top_({N("config", {}).with_op(YFW_OP_DELETE)}), first,
+                  op, YFW_OP_DELETE),
+             MARK("an instance deleted by key", 1,
+                  items_(N("item", {N("id", "7")}).with_op(YFW_OP_DELETE)), first, op,
+                  YFW_OP_REMOVE),
+             MARK("a deleted list", 2, items_(N("item", {}).with_op(YFW_OP_DELETE)), first, op,
+                  YFW_OP_DELETE),
+             MARK("a replaced container", 1, replaced, first, op, YFW_OP_REPLACE),
+             MARK("its children", 1, replaced, first, subtree_count, 1),
+             MARK("their bit", 1, replaced, first, present, YFW_PRESENT_SUBTREES | YFW_PRESENT_OP),
+             MARK(
+                 "a replaced list entry", 1,
+                 items_(
+                     N("item", {N("id", "3"), N("config", {N("x", "9")})}).with_op(YFW_OP_REPLACE)),
+                 first, op, YFW_OP_REPLACE),
+             MARK("the parked children", 10, items_(N("item", {N("id", "1")})), first,
+                  subtree_count, 1),
+         }) {
         SCOPED_TRACE(m.name);
         Walk w;
         w.run(m.kind, m.request);
         EXPECT_EQ(w.at(m.node).*m.field, m.value);
+        if (m.value == YFW_NODE_MATCH_LEAF) {
+            EXPECT_EQ(w.st().filter_bits & YFW_FILTER_MATCH_EVER, YFW_FILTER_MATCH_EVER);
+        }
     }
-    Walk w;
-    ASSERT_EQ(w.run(YFW_MAP_REQ_GET_CONFIG, top_({N("config", {N("a", "1")})})), YFW_OK);
-    EXPECT_EQ(w.st().filter_bits & YFW_FILTER_MATCH_EVER, YFW_FILTER_MATCH_EVER);
 }
 
 // ---------------------------------------------------------------- keys and tags
 
-TEST(Keys, ByRequestKind)
+// The key rules of each request kind: they fail before the hook.  An
+// unknown tag of the model's namespace passes a read and fails a write
+// naming the tag; `state` is unknown outside a GET; a foreign child goes to
+// parse_augments, which fails an adding request.
+TEST(Keys, AndTagsByRequestKind)
 {
-    struct KeyCase {
+    struct Outcome {
         const char *name;
         uint32_t kind;
-        N item;
-        verrno result;
+        N request;
+        verrno rc;
         const char *error_tag;
     };
-    const KeyCase cases[] = {
-        {"keyed write, one valued key", 1, N("item", {N("id", "1")}), YFW_OK, nullptr},
-        {"keyed write, no child", 8, N("item", {}), YFW_ERR_NO_SUBTREES, nullptr},
-        {"keyed write, key without value", 15, N("item", {N("id")}), YFW_ERR_LIST_KEY, "id"},
-        {"keyed write, two keys", 1, N("item", {N("id", "1"), N("id", "2")}), YFW_ERR_LIST_KEY,
+    const Outcome cases[] = {
+        {"keyed write, one valued key", 1, items_(N("item", {N("id", "1")})), YFW_OK, nullptr},
+        {"keyed write, no child", 8, items_(N("item", {})), YFW_ERR_NO_SUBTREES, nullptr},
+        {"keyed write, key without value", 15, items_(N("item", {N("id")})), YFW_ERR_LIST_KEY,
          "id"},
-        {"kind 8 wants exactly one key", 8, N("item", {N("id", "1"), N("id")}), YFW_ERR_LIST_KEY,
+        {"keyed write, two keys", 1, items_(N("item", {N("id", "1"), N("id", "2")})),
+         YFW_ERR_LIST_KEY, "id"},
+        {"kind 8 wants exactly one key", 8, items_(N("item", {N("id", "1"), N("id")})),
+         YFW_ERR_LIST_KEY, "id"},
+        {"keyed write, no key beside a child", 1, items_(N("item", {N("config", {})})),
+         YFW_ERR_LIST_KEY, "id"},
+        {"other write, key without value", 2, items_(N("item", {N("id")})), YFW_OK, nullptr},
+        {"other write, no child", 2, items_(N("item", {})), YFW_OK, nullptr},
+        {"read, two keys", 0, items_(N("item", {N("id", "1"), N("id", "2")})), YFW_ERR_LIST_KEY,
          "id"},
-        {"keyed write, no key beside a child", 1, N("item", {N("config", {})}), YFW_ERR_LIST_KEY,
-         "id"},
-        {"other write, key without value", 2, N("item", {N("id")}), YFW_OK, nullptr},
-        {"other write, no child", 2, N("item", {}), YFW_OK, nullptr},
-        {"read, two keys", 0, N("item", {N("id", "1"), N("id", "2")}), YFW_ERR_LIST_KEY, "id"},
-        {"key deleted", 2, N("item", {N("id", "1").with_op(YFW_OP_DELETE)}), YFW_ERR_KEY_DELETE,
-         nullptr},
-        {"unknown tag in a write", 1, N("item", {N("id", "1"), N("zz", {})}),
+        {"key deleted", 2, items_(N("item", {N("id", "1").with_op(YFW_OP_DELETE)})),
+         YFW_ERR_KEY_DELETE, nullptr},
+        {"unknown tag in a write", 1, items_(N("item", {N("id", "1"), N("zz", {})})),
          YFW_ERR_UNSUPPORTED_TAG, "zz"},
-        {"state in a write", 1, N("item", {N("id", "1"), N("state", {})}), YFW_ERR_UNSUPPORTED_TAG,
-         "state"},
-        {"unknown tag in a read", 10, N("item", {N("id", "1"), N("zz", {})}), YFW_OK, nullptr},
+        {"state in a write", 1, items_(N("item", {N("id", "1"), N("state", {})})),
+         YFW_ERR_UNSUPPORTED_TAG, "state"},
+        {"unknown tag in a read", 10, items_(N("item", {N("id", "1"), N("zz", {})})), YFW_OK,
+         nullptr},
+        {"unknown and foreign tags in a read", 0,
+         top_({N("mtu", NS, "1500"), N("vlan", "urn:other", "5")}), YFW_OK, nullptr},
+        {"a foreign tag in a write", 1, top_({N("vlan", "urn:other", "5"), N("mtu", NS, "1500")}),
+         YFW_ERR_AUGMENT_NOT_SUPPORTED, "vlan"},
+        {"an unknown tag in a write", 1, top_({N("mtu", NS, "1500")}), YFW_ERR_UNSUPPORTED_TAG,
+         "mtu"},
+        {"state in a write", 1, top_({N("state", {})}), YFW_ERR_UNSUPPORTED_TAG, "state"},
+        {"another tag at the augment entry", 1, N("other", NS, {}), YFW_ERR_UNSUPPORTED_TAG,
+         "other"},
     };
-    for (const KeyCase &c : cases) {
+    for (const Outcome &c : cases) {
         SCOPED_TRACE(c.name);
         Walk w;
-        EXPECT_EQ(w.run(c.kind, items_(c.item)), c.result);
+        EXPECT_EQ(w.run(c.kind, c.request), c.rc);
         EXPECT_STREQ(w.st().error_tag, c.error_tag);
-        if (c.result == YFW_ERR_LIST_KEY || c.result == YFW_ERR_NO_SUBTREES) {
+        if (c.rc == YFW_ERR_LIST_KEY || c.rc == YFW_ERR_NO_SUBTREES) {
             EXPECT_THAT(w.events({"lhook"}), IsEmpty()) << "no hook after a failed key test";
         }
     }
@@ -492,34 +476,14 @@ TEST(Keys, KeylessReadAddsTheKeyToTheRequest)
     EXPECT_EQ(e.path_flag, 0u);
 }
 
-// An unknown tag of the model's namespace passes a read (ERR, code 0) and
-// fails a write naming the tag; `state` is unknown outside a GET; a foreign
-// child goes to parse_augments, which fails an adding request.  A second
-// failure replaces the first tag.
-TEST(Tags, UnknownAndForeign)
+// An unknown tag in a read leaves an ERR behind; a second failure replaces
+// the first tag.
+TEST(Tags, TheReadsErrAndTheNewestTag)
 {
-    struct TagCase {
-        uint32_t kind;
-        N request;
-        verrno rc;
-        const char *error_tag;
-    };
-    const TagCase cases[] = {
-        {0, top_({N("mtu", NS, "1500"), N("vlan", "urn:other", "5")}), YFW_OK, nullptr},
-        {1, top_({N("vlan", "urn:other", "5"), N("mtu", NS, "1500")}),
-         YFW_ERR_AUGMENT_NOT_SUPPORTED, "vlan"},
-        {1, top_({N("mtu", NS, "1500")}), YFW_ERR_UNSUPPORTED_TAG, "mtu"},
-        {1, top_({N("state", {})}), YFW_ERR_UNSUPPORTED_TAG, "state"},
-        {1, N("other", NS, {}), YFW_ERR_UNSUPPORTED_TAG, "other"}, // at the augment entry
-    };
-    for (const TagCase &c : cases) {
-        SCOPED_TRACE(c.error_tag != nullptr ? c.error_tag : "read");
-        Walk w;
-        EXPECT_EQ(w.run(c.kind, c.request), c.rc);
-        EXPECT_STREQ(w.st().error_tag, c.error_tag);
-    }
     Walk w;
-    ASSERT_EQ(w.run(YFW_MAP_REQ_GET_CONFIG, cases[0].request), YFW_OK);
+    ASSERT_EQ(
+        w.run(YFW_MAP_REQ_GET_CONFIG, top_({N("mtu", NS, "1500"), N("vlan", "urn:other", "5")})),
+        YFW_OK);
     EXPECT_THAT(
         w.events({"ERR", "augments"}),
         ElementsAre("ERR lvla_top Unsupported tag is specified in the request.", "augments vlan"));
