@@ -15,6 +15,7 @@ namespace yfwhost::schema {
 // time; below the nodes that the tables hold the host knows nothing.
 struct Node;
 // The node `tag` below `parent` (null: the root of every model), or null.
+// The schema is built once, on the first call, and never changes.
 const Node *child(const Node *parent, std::string_view tag);
 // The namespace of the model that owns `node`, or null for a node the
 // tables do not hold (the added path's own namespace applies then).
@@ -27,7 +28,8 @@ using Naming = octunnel::models::naming;
 const ListBinding *list(const Node *node);
 
 // The key names of a list entry with this tag in this namespace, for
-// readable error paths of entries whose keys the walk has not marked.
+// readable error paths of entries whose keys the walk has not marked; none
+// for a null tag or namespace, or a node of no list.
 std::span<const char *const> key_names(const char *tag, const char *ns);
 
 } // namespace yfwhost::schema

@@ -29,11 +29,13 @@ extern "C" [[noreturn]] void __assert_fail(const char *assertion, const char *fi
 
 namespace yfw {
 
+// The request of `ctx` (never null, nor its map_state and request).
 inline yfw_map_request *request(yfw_map_ctx ctx)
 {
     return ctx->map_state->request;
 }
 
+// True in a read (kind 0 or 10); every other kind writes.
 inline bool is_read(yfw_map_ctx ctx)
 {
     uint32_t kind = request(ctx)->kind;
@@ -68,12 +70,15 @@ inline void set_error_text(yfw_map_ctx ctx, const char *text)
 }
 
 // A generated handler around one hand-written conversion: the frame of a
-// mapping function, and the conversion's result.
+// mapping function, and the conversion's result.  `fn` and `to` are never
+// null; a null `in` or `out` ends in the invalid-argument exit and `to` is
+// not called.  Neither changes `in` itself; `to` may add to `out`.
 verrno delegate(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                 vidl_yfw_datatree *out, map_function to);
-// A function that does nothing but its frame and answers YFW_OK.
+// A function that does nothing but its frame and answers YFW_OK (or the
+// invalid-argument exit for a null `in` or `out`).
 verrno pass(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in, vidl_yfw_datatree *out);
-// A hook that checks nothing and only traces its End.
+// A hook that checks nothing and only traces its End; `ctx` never null.
 verrno end_only(const char *fn, yfw_map_ctx ctx);
 
 } // namespace yfw

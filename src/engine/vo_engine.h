@@ -53,23 +53,46 @@ struct entry {
     map_function parse_augments = nullptr;
 };
 
+// Common to every function below, as to every mapping function:
+//   ctx  never null; the generated entry point asserts it.  Its request is
+//        read; map_state's walk_flags may get YFW_WALK_XPATH_ERROR.
+//   in   the native node; null: ERR "Invalid arguments passed!", the error
+//        path, YFW_ERR_INVALID_ARG and no End.  Only read, but for the key
+//        marks below.  A child's tag may be null (a broken tree: reported).
+//   out  the root of the OpenConfig answer; only passed on, or added to by
+//        a handler; null as for `in`.
+//   fn   (handler forms) the name the traces give, never null.
+
+// A visit of `in` in the form of its row: a container, a list entry (the
+// children with a key tag get is_key and YFW_PRESENT_IS_KEY for good,
+// before the hook) or a leaf.  Returns 0, or the first code that stopped
+// it; a list entry whose hook declines returns YFW_SKIP_NODE, which the
+// nearest enclosing container turns into 0.
 verrno visit(const node &n, yfw_map_ctx ctx, const vidl_yfw_datatree *in, vidl_yfw_datatree *out);
+// An augment entry: `in` is any node, visited when its tag is the accepted
+// one.  A null tag is reported and does not end it.
 verrno augment_entry(const entry &e, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                      vidl_yfw_datatree *out);
 
 // Defaults: a parse_augments drops the foreign child (yfw::pass), and the
 // three hooks pass (yfw::end_only).
 
-// Handler forms.  Each adds full OpenConfig paths in NS_OC_IF_TUNNEL.
+// Handler forms.  Each adds full OpenConfig paths in NS_OC_IF_TUNNEL, from
+// literals of the model's table (never null unless said), and returns the
+// last add's result; `in` is only read, and its value may be null.
+//
+// A container: its path when it is empty (`subtree_count` 0).
 verrno cont_handler(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                     unsigned int subtree_count, vidl_yfw_datatree *out, const char *path);
+// A list entry: its path, with `in` as op_node when it is deleted.
 verrno list_handler(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                     vidl_yfw_datatree *out, const char *path);
+// A leaf: its path with `in`'s value, whatever YFW_PRESENT_VALUE says.
 verrno plain_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                   vidl_yfw_datatree *out, const char *path);
-// A configuration leaf: `always` (a list key, or null) unconditionally, then
-// `config` and `state` (or null) when the request lets configuration and
-// state through.
+// A configuration leaf: `always` (a list key; null for none)
+// unconditionally, then `config` and `state` (null for none) when the
+// request lets configuration and state through.
 verrno guarded_leaf(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree *in,
                     vidl_yfw_datatree *out, const char *always, const char *config,
                     const char *state);

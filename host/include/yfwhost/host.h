@@ -43,21 +43,27 @@ class Store;
 // its own and goes with its root, at once.  Children live in one contiguous
 // array that grows as needed, so a pointer to a child is good until the next
 // child is added to the same parent.  Each node knows its parent
-// (fw_parent); a root has none.
+// (fw_parent); a root has none.  No node argument below may be null, and
+// none of these functions throws but for memory (std::bad_alloc).
 
+// A new tree of one node, owned by the caller (tree_free).
 vidl_yfw_datatree *tree_new(std::string_view tag, std::string_view ns);
-// Frees a tree made by tree_new, or by a TreeBuilder, whole.
+// Frees a tree made by tree_new, or by a TreeBuilder, whole; null is none.
 void tree_free(vidl_yfw_datatree *root);
 struct TreeDeleter {
     void operator()(vidl_yfw_datatree *root) const { tree_free(root); }
 };
 using Tree = std::unique_ptr<vidl_yfw_datatree, TreeDeleter>;
 
+// A new last child of `parent` (its subtrees, subtree_count and
+// YFW_PRESENT_SUBTREES change; its child array may move).
 vidl_yfw_datatree *tree_add_child(vidl_yfw_datatree *parent, std::string_view tag,
                                   std::string_view ns);
+// value (a copy in the tree's store) with YFW_PRESENT_VALUE; op with
+// YFW_PRESENT_OP.
 void tree_set_value(vidl_yfw_datatree *node, std::string_view value);
 void tree_set_op(vidl_yfw_datatree *node, uint32_t op);
-// First child with this tag, or null.
+// First child with this tag, or null; children with a null tag are passed.
 const vidl_yfw_datatree *tree_child(const vidl_yfw_datatree *node, std::string_view tag);
 // Children of a node as the walkers see them: none without the presence bit.
 std::size_t tree_child_count(const vidl_yfw_datatree *node);
@@ -74,7 +80,8 @@ public:
     TreeBuilder(const TreeBuilder &) = delete;
     TreeBuilder &operator=(const TreeBuilder &) = delete;
 
-    // A new child of the innermost open node, open in its turn.
+    // A new child of the innermost open node, open in its turn; the
+    // strings are copied into the tree's store.
     vidl_yfw_datatree &open(std::string_view tag, std::string_view ns, uint32_t line);
     // The innermost open node (the root while nothing else is open).
     vidl_yfw_datatree &top();
@@ -107,7 +114,9 @@ private:
 // here, less than half the size of a data tree node.  A node is named by its
 // index and never moves; its children are a chain in the order they came,
 // and a child among many, or a list entry by its key, is found through an
-// index built the first time it is asked for.
+// index built the first time it is asked for.  An Id given to a function
+// below is one of this answer's nodes, a Name one that name() gave; tags,
+// namespaces, keys and values are not null, and are copied where kept.
 
 class Answer {
 public:
@@ -229,7 +238,8 @@ public:
     const Answer &answer() const { return answer_; }
 
     // Request trees the module walks; their operations are inherited by
-    // yfw_map_is_request_add.
+    // yfw_map_is_request_add.  `root` is not null, is only read and must
+    // outlive the request's walks.
     void add_input(const vidl_yfw_datatree *root);
 
     // Levelled log: every TRC and ERR record, formatted, to `sink`.
@@ -273,12 +283,23 @@ public:
     std::function<verrno(const char *path)> on_add_path;
     bool output_list_accepts = true;
 
-    // ---- the framework's side of the operations (called from the C shims)
+    // ---- the framework's side of the operations (called from the C shims,
+    // which catch what they throw; see c_boundary.h).  Node arguments are
+    // those the module hands over: not null unless said, and only read, but
+    // for the request node that add_path adds a key below.
     void hierarchy_add(const vidl_yfw_datatree *node, int level);
     void hierarchy_remove(const vidl_yfw_datatree *node);
+    // `list_path` may be null (kept as empty).
     verrno update_current_list_node(const char *list_path);
+    // Null `list_path`, `key` or `value`: YFW_ERR_INVALID_ARG.  *value is
+    // null unless an instance of the list stands in the hierarchy.
     verrno get_node_info(const char *list_path, const char *key, const char **value) const;
+    // False for a null `node`.
     bool is_request_add(const vidl_yfw_datatree *node) const;
+    // Adds `path` below `tree` (the answer's root: a path from the root; a
+    // request node: a relative one, whose node is stored in *out_node when
+    // `out_node` is not null).  Null `tree` or `path`: YFW_ERR_INVALID_ARG.
+    // `ns`, `value` and `op_node` may be null; what is kept is copied.
     verrno add_path(vidl_yfw_datatree *tree, const char *path, const char *ns, const char *value,
                     const vidl_yfw_datatree *op_node, vidl_yfw_datatree **out_node,
                     uint32_t list_entry, uint32_t path_flag);
@@ -363,6 +384,9 @@ private:
 
 // ---------------------------------------------------------------- process-wide
 
+// Settings of the whole process, for the platform operations and the log;
+// set them before walks start, not during one.
+//
 // What platform_get_router_type answers (default 0).
 void set_router_type(int type);
 // By default the resolver takes numeric addresses only, so that a
@@ -390,6 +414,7 @@ constexpr verrno YFW_ERR_HOST_FAILURE = 0xaaf2fc00u;
 class Module {
 public:
     // Throws std::runtime_error naming the path and the loader's reason.
+    // The registration record is filled once, here.
     explicit Module(const std::string &path);
     ~Module();
     Module(const Module &) = delete;
@@ -399,7 +424,7 @@ public:
     // The module loaded last, for the framework's own modules that step into
     // it by name; null when none is loaded.
     static const Module *current();
-    // An exported function by name, or null.
+    // An exported function by name (not null), or null when there is none.
     void *symbol(const char *name) const;
     map_function function(const char *name) const
     {
