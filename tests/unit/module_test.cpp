@@ -38,7 +38,10 @@ map_function vo(const std::string &model, const std::string &rest)
     return fn("ymap_vo_octunnel_" + model + "_" + rest);
 }
 
-// Walks `tree` through `walker` in a request of `kind` and keeps the events.
+// Walks `tree` through `walker` in a request of `kind` and keeps the events,
+// with the functions' names made short: "ymap_vo_octunnel_" taken off, the
+// interface-configuration dispatch "dispatch", and the models' entries
+// into it "<model>_entry".
 struct Walk {
     Recorded r;
     yfwhost::Tree tree;
@@ -49,11 +52,22 @@ struct Walk {
         r.req.add_input(tree.get());
         rc = walker(r.ctx(), tree.get(), r.out());
     }
-    std::vector<std::string> events(std::initializer_list<std::string> prefixes) const
+    std::vector<std::string> events(const std::vector<std::string> &prefixes) const
     {
-        return only(r.events, prefixes);
+        static const std::pair<std::regex, const char *> short_names[] = {
+            {std::regex("ymap_vo_octunnel_valmoraifmgrcfg_lvla_interfaceconfigurations_"
+                        "interfaceconfiguration_parse_augments"),
+             "dispatch"},
+            {std::regex("_augment_lvla_interface_configuration"), "_entry"},
+            {std::regex("ymap_vo_octunnel_"), ""}};
+        std::vector<std::string> out;
+        for (std::string e : plain(r.events)) {
+            for (const auto &[name, short_name] : short_names)
+                e = std::regex_replace(e, name, short_name);
+            out.push_back(e);
+        }
+        return only(out, prefixes);
     }
-    std::vector<std::string> adds() const { return events({"add "}); }
 };
 
 N interface_configuration(std::vector<N> augments)
@@ -119,245 +133,213 @@ TEST(FunctionFrameDeathTest, NullContextStopsTheProcess)
     }
 }
 
-// ---------------------------------------------------------------- interface-configuration
+// ---------------------------------------------------------------- native walks
 
-TEST(InterfaceConfiguration, MarksBothKeysAndWalksTheUnmappedFrame)
+struct Case {
+    const char *name;
+    const char *walker; // without "ymap_vo_octunnel_"
+    N tree;
+    const char *seen;     // events with these prefixes...
+    const char *expected; // ...in this order
+    uint32_t kind = YFW_MAP_REQ_GET;
+};
+
+void check(const Case &c)
 {
-    Walk w(interface_configurations(),
-           interface_configuration({N("description", "to the branch"), N("dampening", {}),
-                                    N("mtus", {N("mtu", {N("owner", "ipv4"), N("mtu", "1500")})}),
-                                    N("encapsulation", {})}));
-    ASSERT_EQ(w.rc, YFW_OK);
-    const vidl_yfw_datatree &entry = w.tree->subtrees[0];
-    EXPECT_TRUE(entry.subtrees[0].is_key && entry.subtrees[1].is_key);
-    EXPECT_FALSE(entry.subtrees[2].is_key);
-    EXPECT_THAT(w.events({"list-node", "out", "hier+"}),
-                ElementsAre("hier+ interface-configurations 1", "hier+ interface-configuration 2",
-                            "list-node /interface-configurations/interface-configuration",
-                            "out+ interface-configuration", "hier+ dampening 1", "hier+ mtus 1",
-                            "hier+ mtu 2",
-                            "list-node /interface-configurations/interface-configuration/mtus/mtu",
-                            "out+ mtu", "out- mtu", "hier+ encapsulation 1",
-                            "out- interface-configuration"));
-    EXPECT_THAT(w.adds(), IsEmpty());
+    SCOPED_TRACE(c.name);
+    Walk w(fn(std::string("ymap_vo_octunnel_") + c.walker), c.tree, c.kind);
+    EXPECT_EQ(w.rc, YFW_OK);
+    EXPECT_EQ(w.events(split(c.seen)), split(c.expected));
 }
 
-// The dispatch of foreign children of interface-configuration, by namespace.
-TEST(InterfaceConfiguration, DispatchSendsForeignChildrenToTheirModelsEntries)
+constexpr const char *CONFIGURATIONS = "valmoraifmgrcfg_lvla_interfaceconfigurations";
+constexpr const char *DISPATCHED =
+    "add; TRC dispatch; TRC valmoratunnelgrecfg_entry P; TRC valmoraipv6macfg_entry P; "
+    "TRC valmoraipv6macfg_entry U; TRC valmoraipv4iocfg_entry P; TRC valmoraipv4iocfg_entry U";
+
+// interface-configuration: the frame that maps nothing is walked; the
+// foreign children go to the entries of their models by namespace, the
+// tunnel's compared with its ".yang" form, and the dispatch has no End on
+// any way.  ipv4-network-forwarding reaches the ipv4-network entry, not its
+// own, which walks its container inline.
+TEST(NativeWalks, InterfaceConfiguration)
 {
-    const std::string dispatch = "ymap_vo_octunnel_valmoraifmgrcfg_lvla_interfaceconfigurations_"
-                                 "interfaceconfiguration_parse_augments";
-    struct Case {
-        const char *name;
-        N child;
-        std::vector<std::string> seen;
-    };
     const Case cases[] = {
-        {"tunnel, plain namespace",
-         N("tunnel-ip", GRE, {}),
-         {"TRC " + dispatch + " REVERSE MAPPING HERE " + GRE + " ",
-          "TRC ymap_vo_octunnel_valmoratunnelgrecfg_augment_lvla_interface_configuration "
-          "Processing tag 'tunnel-ip'",
-          "add /interfaces/interface/tunnel"}},
-        {"tunnel, namespace with .yang",
-         N("tunnel-ip", std::string(GRE) + ".yang", {}),
-         {"TRC " + dispatch + " REVERSE MAPPING HERE " + GRE + ".yang ",
-          "TRC ymap_vo_octunnel_valmoratunnelgrecfg_augment_lvla_interface_configuration "
-          "Processing tag 'tunnel-ip'",
-          "add /interfaces/interface/tunnel"}},
-        {"ipv6 network",
-         N("ipv6-network", V6CFG, {N("mtu", "1400")}),
-         {"TRC ymap_vo_octunnel_valmoraipv6macfg_augment_lvla_interface_configuration "
-          "Processing tag 'ipv6-network'",
-          "add /interfaces/interface/tunnel/ipv6/config/mtu",
-          "add /interfaces/interface/tunnel/ipv6/state/mtu"}},
-        {"unknown tag of the ipv6 model",
-         N("ipv6-other", V6CFG, {N("mtu", "1400")}),
-         {"TRC ymap_vo_octunnel_valmoraipv6macfg_augment_lvla_interface_configuration "
-          "Processing tag 'ipv6-other'",
-          "TRC ymap_vo_octunnel_valmoraipv6macfg_augment_lvla_interface_configuration "
-          "Unsupported tag. Ignoring."}},
-        // ipv4-network-forwarding reaches the ipv4-network entry, not its own.
-        {"ipv4 forwarding",
-         N("ipv4-network-forwarding", V4CFG, {}),
-         {"TRC ymap_vo_octunnel_valmoraipv4iocfg_augment_lvla_interface_configuration "
-          "Processing tag 'ipv4-network-forwarding'",
-          "TRC ymap_vo_octunnel_valmoraipv4iocfg_augment_lvla_interface_configuration "
-          "Unsupported tag. Ignoring."}},
-        {"unknown module", N("ethernet", "urn:example:other", {N("speed", "10")}), {}},
+        {"the frame", CONFIGURATIONS,
+         interface_configuration({N("description", "to the branch"), N("dampening", {}),
+                                  N("mtus", {N("mtu", {N("owner", "ipv4"), N("mtu", "1500")})}),
+                                  N("encapsulation", {})}),
+         "list-node; out; hier+; add",
+         "hier+ interface-configurations 1; hier+ interface-configuration 2; list-node "
+         "/interface-configurations/interface-configuration; out+ interface-configuration; hier+ "
+         "dampening 1; hier+ mtus 1; hier+ mtu 2; list-node "
+         "/interface-configurations/interface-configuration/mtus/mtu; out+ mtu; out- mtu; hier+ "
+         "encapsulation 1; out- interface-configuration"},
+        {"tunnel, plain namespace", CONFIGURATIONS,
+         interface_configuration({N("tunnel-ip", GRE, {})}), DISPATCHED,
+         "TRC dispatch Start; TRC dispatch REVERSE MAPPING HERE "
+         "http://valmora.com/ns/yang/Valmora-tunnel-gre-cfg ; TRC valmoratunnelgrecfg_entry "
+         "Processing tag 'tunnel-ip'; add /interfaces/interface/tunnel"},
+        {"tunnel, namespace with .yang", CONFIGURATIONS,
+         interface_configuration({N("tunnel-ip", NS_VALMORA_TUNNEL_GRE_CFG_YANG, {})}), DISPATCHED,
+         "TRC dispatch Start; TRC dispatch REVERSE MAPPING HERE "
+         "http://valmora.com/ns/yang/Valmora-tunnel-gre-cfg.yang ; TRC valmoratunnelgrecfg_entry "
+         "Processing tag 'tunnel-ip'; add /interfaces/interface/tunnel"},
+        {"ipv6 network", CONFIGURATIONS,
+         interface_configuration({N("ipv6-network", V6CFG, {N("mtu", "1400")})}), DISPATCHED,
+         "TRC dispatch Start; TRC valmoraipv6macfg_entry Processing tag 'ipv6-network'; add "
+         "/interfaces/interface/tunnel/ipv6/config/mtu; add "
+         "/interfaces/interface/tunnel/ipv6/state/mtu"},
+        {"unknown tag of the ipv6 model", CONFIGURATIONS,
+         interface_configuration({N("ipv6-other", V6CFG, {N("mtu", "1400")})}), DISPATCHED,
+         "TRC dispatch Start; TRC valmoraipv6macfg_entry Processing tag 'ipv6-other'; TRC "
+         "valmoraipv6macfg_entry Unsupported tag. Ignoring."},
+        {"ipv4 forwarding", CONFIGURATIONS,
+         interface_configuration({N("ipv4-network-forwarding", V4CFG, {})}), DISPATCHED,
+         "TRC dispatch Start; TRC valmoraipv4iocfg_entry Processing tag 'ipv4-network-forwarding'; "
+         "TRC valmoraipv4iocfg_entry Unsupported tag. Ignoring."},
+        {"unknown module", CONFIGURATIONS,
+         interface_configuration({N("ethernet", "urn:example:other", {N("speed", "10")})}),
+         DISPATCHED, "TRC dispatch Start"},
+        {"the forwarding entry", "valmoraipv4iocfg_augment_lvlb_interface_configuration",
+         N("ipv4-network-forwarding", V4CFG, {N("ssrr", "true"), N("x", "urn:other", {})}),
+         "TRC valmoraipv4iocfg_lvla_ipv4networkforwarding; hier",
+         "TRC valmoraipv4iocfg_lvla_ipv4networkforwarding Start; hier+ ipv4-network-forwarding 1; "
+         "TRC valmoraipv4iocfg_lvla_ipv4networkforwarding Unsupported tag. Ignoring.; TRC "
+         "valmoraipv4iocfg_lvla_ipv4networkforwarding_parse_augments Start; TRC "
+         "valmoraipv4iocfg_lvla_ipv4networkforwarding_parse_augments End; hier- "
+         "ipv4-network-forwarding; TRC valmoraipv4iocfg_lvla_ipv4networkforwarding End"},
+        {"regular-address entries come before their leaves",
+         "valmoraipv6macfg_augment_lvla_interface_configuration",
+         N("ipv6-network", V6CFG,
+           {N("addresses",
+              {N("regular-addresses",
+                 {N("regular-address", {N("prefix-length", "64"), N("address", "2001:db8::1")}),
+                  N("regular-address", {})})})}),
+         "add; ERR",
+         "add /interfaces/interface/tunnel/ipv6/addresses/address; add "
+         "/interfaces/interface/tunnel/ipv6/addresses/address/config/prefix-length; add "
+         "/interfaces/interface/tunnel/ipv6/addresses/address/state/prefix-length; add "
+         "/interfaces/interface/tunnel/ipv6/addresses/address/ip; add "
+         "/interfaces/interface/tunnel/ipv6/addresses/address/config/ip; add "
+         "/interfaces/interface/tunnel/ipv6/addresses/address/state/ip; ERR "
+         "valmoraipv6macfg_lvla_ipv6network_regularaddresses_regularaddress No keys specified "
+         "with a list node.; add /interfaces/interface/tunnel/ipv6/addresses/address"},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        Walk w(interface_configurations(), interface_configuration({c.child}));
-        ASSERT_EQ(w.rc, YFW_OK);
-        std::vector<std::string> seen;
-        for (const std::string &e : w.events({"add", "TRC"}))
-            if (e.starts_with("add") || e.find(" REVERSE ") != std::string::npos ||
-                (e.find("_augment_") != std::string::npos &&
-                 (e.find(" Processing ") != std::string::npos ||
-                  e.find(" Unsupported ") != std::string::npos)))
-                seen.push_back(e);
-        EXPECT_EQ(seen, c.seen);
-        // The dispatch itself has no End on any path.
-        EXPECT_THAT(w.events({"TRC " + dispatch + " Start", "TRC " + dispatch + " End"}),
-                    ElementsAre("TRC " + dispatch + " Start"));
-    }
+    for (const Case &c : cases)
+        check(c);
 }
 
-TEST(InterfaceConfiguration, ForwardingEntryWalksItsContainerInline)
+// The operational models map only in a GET, though their entries always
+// enter; the walker of ipv4-network leaves interfaces to that model's own
+// entry; lists nested in lists stand on the output list together; a
+// mapped list's unmapped key is passed over, and an empty idb-array is
+// reported.
+TEST(NativeWalks, OperationalModels)
 {
-    Walk w(fn("ymap_vo_octunnel_valmoraipv4iocfg_augment_lvlb_interface_configuration"),
-           N("ipv4-network-forwarding", V4CFG, {N("ssrr", "true"), N("x", "urn:other", {})}));
-    ASSERT_EQ(w.rc, YFW_OK);
-    const std::string fwd = "ymap_vo_octunnel_valmoraipv4iocfg_lvla_ipv4networkforwarding";
-    EXPECT_THAT(w.events({"TRC " + fwd, "hier"}),
-                ElementsAre("TRC " + fwd + " Start", "hier+ ipv4-network-forwarding 1",
-                            "TRC " + fwd + " Unsupported tag. Ignoring.",
-                            "TRC " + fwd + "_parse_augments Start",
-                            "TRC " + fwd + "_parse_augments End", "hier- ipv4-network-forwarding",
-                            "TRC " + fwd + " End"));
-}
-
-// ---------------------------------------------------------------- operational models
-
-TEST(OperationalModels, MapOnlyInAGetThoughTheirEntriesAlwaysEnter)
-{
-    N tunnel(
+    const N tunnel(
         "tunnel-ip-ma", TIPMA,
         {N("database", {N("tunnel-ids",
                           {N("tunnel-id", {N("tid", "12"), N("idb-array", {N("ttl", "64")})})})})});
-    N v4("interfaces", NS_VALMORA_IPV4_MA_OPER,
-         {N("interface", {N("interface-name", "tunnel-ip3"),
-                          N("vrfs", {N("vrf", {N("vrf-name", "default"),
-                                               N("detail", {N("primary-address", "10.0.0.1"),
-                                                            N("prefix-length", "24")})})})})});
-    map_function tunnel_root = vo("valmoratunnelipmaoper", "lvla_tunnelipma");
-    map_function v4_entry = vo("valmoraipv4maoper", "augment_lvla_ipv4_network");
-    for (uint32_t kind : {0u, 1u, 15u}) {
-        SCOPED_TRACE(kind);
-        Walk t(tunnel_root, tunnel, kind);
-        EXPECT_EQ(t.rc, YFW_OK);
-        EXPECT_THAT(t.events({"add", "list-node", "hier+"}), ElementsAre("hier+ tunnel-ip-ma 1"));
-        Walk a(v4_entry, v4, kind);
-        EXPECT_EQ(a.rc, YFW_OK);
-        EXPECT_THAT(a.events({"add", "list-node", "hier+"}), ElementsAre("hier+ interfaces 1"));
-    }
-    Walk t(tunnel_root, tunnel);
-    EXPECT_THAT(t.adds(), ElementsAre("add /interfaces/interface/tunnel/state/ttl"));
-    Walk a(v4_entry, v4);
-    EXPECT_THAT(
-        a.adds(),
-        ElementsAre("add /interfaces/interface/tunnel/ipv4/addresses/address/state/ip",
-                    "add /interfaces/interface/tunnel/ipv4/addresses/address/state/prefix-length"));
+    const N v4(
+        "interfaces", NS_VALMORA_IPV4_MA_OPER,
+        {N("interface", {N("interface-name", "tunnel-ip3"),
+                         N("vrfs", {N("vrf", {N("vrf-name", "default"),
+                                              N("detail", {N("primary-address", "10.0.0.1"),
+                                                           N("prefix-length", "24")})})})})});
+    const N v6(
+        "ipv6-network", V6OPER,
+        {N("nodes",
+           {N("node",
+              {N("node-name", "0/RP0"),
+               N("interface-data",
+                 {N("vrfs",
+                    {N("vrf",
+                       {N("vrf-name", "default"),
+                        N("details", {N("detail", {N("interface-name", "tunnel-ip7"),
+                                                   N("address", {N("address", "2001:db8::1"),
+                                                                 N("address-state",
+                                                                   "preferred")})})})})})})})})});
+    const char *root = "valmoratunnelipmaoper_lvla_tunnelipma";
+    const char *entry = "valmoraipv4maoper_augment_lvla_ipv4_network";
+    const Case cases[] = {
+        {"tunnel, kind 0", root, tunnel, "add; list-node; hier+", "hier+ tunnel-ip-ma 1", 0},
+        {"tunnel, kind 1", root, tunnel, "add; list-node; hier+", "hier+ tunnel-ip-ma 1", 1},
+        {"tunnel, kind 15", root, tunnel, "add; list-node; hier+", "hier+ tunnel-ip-ma 1", 15},
+        {"tunnel, a GET", root, tunnel, "add", "add /interfaces/interface/tunnel/state/ttl"},
+        {"ipv4 entry, kind 0", entry, v4, "add; list-node; hier+", "hier+ interfaces 1", 0},
+        {"ipv4 entry, kind 1", entry, v4, "add; list-node; hier+", "hier+ interfaces 1", 1},
+        {"ipv4 entry, kind 15", entry, v4, "add; list-node; hier+", "hier+ interfaces 1", 15},
+        {"ipv4 entry, a GET", entry, v4, "add",
+         "add /interfaces/interface/tunnel/ipv4/addresses/address/state/ip; add "
+         "/interfaces/interface/tunnel/ipv4/addresses/address/state/prefix-length"},
+        {"the ipv4-network root", "valmoraipv4iooper_lvla_ipv4network",
+         N("ipv4-network", NS_VALMORA_IPV4_IO_OPER,
+           {N("interfaces", NS_VALMORA_IPV4_MA_OPER,
+              {N("interface", {N("interface-name", "x")})})}),
+         "hier+; TRC valmoraipv4iooper_lvla_ipv4network_parse_augments",
+         "hier+ ipv4-network 1; TRC valmoraipv4iooper_lvla_ipv4network_parse_augments Start; TRC "
+         "valmoraipv4iooper_lvla_ipv4network_parse_augments End"},
+        {"nested lists on the output list", "valmoraipv6maoper_lvla_ipv6network", v6, "out; add",
+         "out+ node; out+ vrf; out+ detail; out+ address; add "
+         "/interfaces/interface/tunnel/ipv6/addresses/address/state/status; out- address; out- "
+         "detail; out- vrf; out- node"},
+        {"nested lists' paths", "valmoraipv6maoper_lvla_ipv6network", v6, "list-node",
+         "list-node /ipv6-network/nodes/node; list-node "
+         "/ipv6-network/nodes/node/interface-data/vrfs/vrf; list-node "
+         "/ipv6-network/nodes/node/interface-data/vrfs/vrf/details/detail; list-node "
+         "/ipv6-network/nodes/node/interface-data/vrfs/vrf/details/detail/address"},
+        {"an unmapped key, an empty idb-array", root,
+         N("tunnel-ip-ma", TIPMA,
+           {N("database",
+              {N("tunnel-ids", {N("tunnel-id", {N("tid", "12"), N("idb-array", {})})})})}),
+         "ERR; TRC valmoratunnelipmaoper_lvla_tunnelipma_tunnelids_tunnelid U",
+         "TRC valmoratunnelipmaoper_lvla_tunnelipma_tunnelids_tunnelid Unsupported tag. "
+         "Ignoring.; ERR valmoratunnelipmaoper_lvla_tunnelipma_tunnelid_idbarray No keys "
+         "specified with a list node."},
+    };
+    for (const Case &c : cases)
+        check(c);
 }
 
-TEST(OperationalModels, Ipv4IoOperRootLeavesInterfacesToItsOwnEntry)
+// What the walks leave on the native tree (the keys marked, the unmapped
+// ones too) and add (the endpoints of either family on one leaf, in the
+// children's order; list_entry on an OpenConfig entry only).
+TEST(NativeWalks, MarksAndValues)
 {
-    Walk w(vo("valmoraipv4iooper", "lvla_ipv4network"),
-           N("ipv4-network", NS_VALMORA_IPV4_IO_OPER,
-             {N("interfaces", NS_VALMORA_IPV4_MA_OPER,
-                {N("interface", {N("interface-name", "x")})})}));
-    ASSERT_EQ(w.rc, YFW_OK);
-    EXPECT_THAT(
-        w.events(
-            {"hier+", "TRC ymap_vo_octunnel_valmoraipv4iooper_lvla_ipv4network_parse_augments"}),
-        ElementsAre("hier+ ipv4-network 1",
-                    "TRC ymap_vo_octunnel_valmoraipv4iooper_lvla_ipv4network_parse_augments Start",
-                    "TRC ymap_vo_octunnel_valmoraipv4iooper_lvla_ipv4network_parse_augments End"));
-}
+    Walk frame(interface_configurations(), interface_configuration({N("description", "x")}));
+    const vidl_yfw_datatree &entry = frame.tree->subtrees[0];
+    EXPECT_TRUE(entry.subtrees[0].is_key && entry.subtrees[1].is_key);
+    EXPECT_FALSE(entry.subtrees[2].is_key);
 
-TEST(OperationalModels, NestedListsStandOnTheOutputListTogether)
-{
-    Walk w(vo("valmoraipv6maoper", "lvla_ipv6network"),
-           N("ipv6-network", V6OPER,
-             {N("nodes",
-                {N("node",
-                   {N("node-name", "0/RP0"),
-                    N("interface-data",
-                      {N("vrfs",
-                         {N("vrf", {N("vrf-name", "default"),
-                                    N("details",
-                                      {N("detail", {N("interface-name", "tunnel-ip7"),
-                                                    N("address", {N("address", "2001:db8::1"),
-                                                                  N("address-state",
-                                                                    "preferred")})})})})})})})})}));
-    ASSERT_EQ(w.rc, YFW_OK);
-    EXPECT_THAT(w.events({"out", "add"}),
-                ElementsAre("out+ node", "out+ vrf", "out+ detail", "out+ address",
-                            "add /interfaces/interface/tunnel/ipv6/addresses/address/state/status",
-                            "out- address", "out- detail", "out- vrf", "out- node"));
-    EXPECT_THAT(
-        w.events({"list-node"}),
-        ElementsAre(
-            "list-node /ipv6-network/nodes/node",
-            "list-node /ipv6-network/nodes/node/interface-data/vrfs/vrf",
-            "list-node /ipv6-network/nodes/node/interface-data/vrfs/vrf/details/detail",
-            "list-node /ipv6-network/nodes/node/interface-data/vrfs/vrf/details/detail/address"));
-}
+    Walk tid(vo("valmoratunnelipmaoper", "lvla_tunnelipma"),
+             N("tunnel-ip-ma", TIPMA,
+               {N("database", {N("tunnel-ids", {N("tunnel-id", {N("tid", "12")})})})}));
+    const vidl_yfw_datatree &key = tid.tree->subtrees[0].subtrees[0].subtrees[0].subtrees[0];
+    EXPECT_TRUE(key.is_key && (key.present & YFW_PRESENT_IS_KEY));
 
-TEST(OperationalModels, TunnelIdKeyIsMarkedAndIgnoredAndEmptyIdbArrayReported)
-{
-    Walk w(vo("valmoratunnelipmaoper", "lvla_tunnelipma"),
-           N("tunnel-ip-ma", TIPMA,
-             {N("database",
-                {N("tunnel-ids", {N("tunnel-id", {N("tid", "12"), N("idb-array", {})})})})}));
-    ASSERT_EQ(w.rc, YFW_OK);
-    const vidl_yfw_datatree &tid = w.tree->subtrees[0].subtrees[0].subtrees[0].subtrees[0];
-    EXPECT_TRUE(tid.is_key && (tid.present & YFW_PRESENT_IS_KEY));
-    EXPECT_THAT(
-        w.events(
-            {"ERR",
-             "TRC ymap_vo_octunnel_valmoratunnelipmaoper_lvla_tunnelipma_tunnelids_tunnelid U"}),
-        ElementsAre("TRC ymap_vo_octunnel_valmoratunnelipmaoper_lvla_tunnelipma_tunnelids_tunnelid "
-                    "Unsupported tag. Ignoring.",
-                    "ERR ymap_vo_octunnel_valmoratunnelipmaoper_lvla_tunnelipma_tunnelid_idbarray "
-                    "No keys specified with a list node."));
-}
-
-// ---------------------------------------------------------------- configuration models
-
-TEST(ConfigurationModels, EndpointsOfEitherFamilyLandOnOneLeafInChildOrder)
-{
     Walk w(interface_configurations(),
-           interface_configuration({N("tunnel-ip", GRE,
-                                      {N("source", {N("type", "2"), N("address", "192.0.2.1"),
-                                                    N("ipv6-address", "2001:db8::1")}),
-                                       N("bfd", {N("destination", {N("address", "203.0.113.9")})}),
-                                       N("destination", {N("ipv6-address", "2001:db8::2"),
-                                                         N("address", "198.51.100.7")})})}));
-    ASSERT_EQ(w.rc, YFW_OK);
-    std::vector<std::pair<std::string, std::string>> got;
+           interface_configuration(
+               {N("tunnel-ip", GRE,
+                  {N("source",
+                     {N("type", "2"), N("address", "192.0.2.1"), N("ipv6-address", "2001:db8::1")}),
+                   N("bfd", {N("destination", {N("address", "203.0.113.9")})}),
+                   N("destination",
+                     {N("ipv6-address", "2001:db8::2"), N("address", "198.51.100.7")})}),
+                N("ipv6-network", V6CFG,
+                  {N("addresses", {N("regular-addresses",
+                                     {N("regular-address", {N("address", "2001:db8::1")})})})})}));
+    std::string got;
     for (const auto &e : w.r.req.emissions())
-        got.emplace_back(e.path, e.value.value_or("-"));
-    using P = std::pair<std::string, std::string>;
-    EXPECT_THAT(got, ElementsAre(P{"/interfaces/interface/tunnel/config/src", "192.0.2.1"},
-                                 P{"/interfaces/interface/tunnel/config/src", "2001:db8::1"},
-                                 P{"/interfaces/interface/tunnel/config/dst", "2001:db8::2"},
-                                 P{"/interfaces/interface/tunnel/config/dst", "198.51.100.7"}));
-}
-
-TEST(ConfigurationModels, RegularAddressEntryComesBeforeItsLeaves)
-{
-    Walk w(vo("valmoraipv6macfg", "augment_lvla_interface_configuration"),
-           N("ipv6-network", V6CFG,
-             {N("addresses",
-                {N("regular-addresses",
-                   {N("regular-address", {N("prefix-length", "64"), N("address", "2001:db8::1")}),
-                    N("regular-address", {})})})}));
-    ASSERT_EQ(w.rc, YFW_OK);
-    const std::string A = "add /interfaces/interface/tunnel/ipv6/addresses/address";
-    EXPECT_THAT(
-        w.events({"add", "ERR"}),
-        ElementsAre(
-            A, A + "/config/prefix-length", A + "/state/prefix-length", A + "/ip", A + "/config/ip",
-            A + "/state/ip",
-            "ERR "
-            "ymap_vo_octunnel_valmoraipv6macfg_lvla_ipv6network_regularaddresses_regularaddress "
-            "No keys specified with a list node.",
-            A));
-    for (const auto &e : w.r.req.emissions()) {
-        EXPECT_EQ(e.list_entry, e.path.ends_with("/address") ? 1u : 0u) << e.path;
-    }
+        got += e.path + "=" + e.value.value_or("") + (e.list_entry ? " (entry)" : "") + "; ";
+    EXPECT_EQ(got, "/interfaces/interface/tunnel/config/src=192.0.2.1; "
+                   "/interfaces/interface/tunnel/config/src=2001:db8::1; "
+                   "/interfaces/interface/tunnel/config/dst=2001:db8::2; "
+                   "/interfaces/interface/tunnel/config/dst=198.51.100.7; "
+                   "/interfaces/interface/tunnel/ipv6/addresses/address= (entry); "
+                   "/interfaces/interface/tunnel/ipv6/addresses/address/ip=2001:db8::1; "
+                   "/interfaces/interface/tunnel/ipv6/addresses/address/config/ip=2001:db8::1; "
+                   "/interfaces/interface/tunnel/ipv6/addresses/address/state/ip=2001:db8::1; ");
 }
 
 // ---------------------------------------------------------------- tunnel endpoints
