@@ -31,30 +31,30 @@ namespace yfwhost {
 // carries the ':' of its scheme, which no tag (a YANG identifier) can hold:
 // "ttl.yang" is a tag of its own and never "ttl".  Null matches nothing.
 // In one pass, without measuring either string first: where the two part,
-// one has ended and the other goes on with ".yang" alone.  It is asked of
-// every tag the module looks up, so it is inline.
+// one has ended and the other goes on with ".yang" alone; only then is the
+// shared part looked at for a ':'.  It is asked of every tag the module
+// looks up, so it is inline.
 inline bool ns_match(const char *a, const char *b)
 {
     if (a == nullptr || b == nullptr)
         return false;
     if (a == b)
         return true;
-    bool uri = false;
+    const char *start = a;
     while (*a != '\0' && *a == *b) {
-        uri = uri || *a == ':';
         ++a;
         ++b;
     }
     if (*a == *b)
         return true;
-    constexpr char yang[] = ".yang";
     const char *rest = *a == '\0' ? b : *b == '\0' ? a : nullptr;
-    if (rest == nullptr || !uri)
+    if (rest == nullptr || rest[0] != '.' || rest[1] != 'y' || rest[2] != 'a' || rest[3] != 'n' ||
+        rest[4] != 'g' || rest[5] != '\0')
         return false;
-    for (const char *y = yang; *y != '\0'; ++y, ++rest)
-        if (*rest != *y)
-            return false;
-    return *rest == '\0';
+    for (const char *p = start; p != a; ++p) // namespaces only: a scheme's ':'
+        if (*p == ':')
+            return true;
+    return false;
 }
 
 namespace rules {
