@@ -190,7 +190,7 @@ Outcome Agent::edit_config(uint32_t session, std::string_view config, DefaultOpe
     std::lock_guard guard(mutex_);
     if (lock_owner_ != 0 && lock_owner_ != session) {
         RpcError e;
-        e.tag = "in-use";
+        e.tag = "lock-denied";
         e.type = "protocol";
         e.message = "the running configuration is locked by session " + std::to_string(lock_owner_);
         e.session_id = lock_owner_;

@@ -1,9 +1,9 @@
 #include "server.h"
 
 #include "access.h"
-#include "message_guard.h"
-
-#include "framing.h"
+#include "requests.h"
+#include "relay.h"
+#include "ssh.h"
 
 #include <atomic>
 #include <cerrno>
@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <mutex>
+#include <netdb.h>
 #include <ostream>
 #include <poll.h>
 #include <pwd.h>
@@ -23,62 +24,15 @@
 #include <unistd.h>
 #include <unordered_map>
 
-#define NC_ENABLED_SSH
 #include <libyang/libyang.h>
 #include <nc_server.h>
 
 namespace octunnel::serve {
 namespace {
 
-// The OpenConfig modules served, types modules first: the others' defaults
-// name identities, which only an implemented module may hold.
-constexpr const char *served_modules[] = {
-    "openconfig-vlan-types", "openconfig-if-types", "openconfig-interfaces",
-    "openconfig-vlan",       "openconfig-if-ip",    "openconfig-if-tunnel",
-};
-
 // What libnetconf2 calls back into, for the one server of the process.
 class Server;
 Server *the_server = nullptr;
-
-std::string text_of(const lyd_node *node)
-{
-    return node != nullptr && lyd_get_value(node) != nullptr ? lyd_get_value(node) : "";
-}
-
-const lyd_node *param(const lyd_node *rpc, const char *path)
-{
-    lyd_node *found = nullptr;
-    return lyd_find_path(rpc, path, 0, &found) == LY_SUCCESS ? found : nullptr;
-}
-
-// The XML text an anyxml parameter holds.  Its elements are printed
-// whatever they hold: an empty one (<interfaces/>) is a selection node of
-// a filter, which libyang's own text of the value would leave out.
-std::string content_of(const lyd_node *node)
-{
-    const auto *any = reinterpret_cast<const lyd_node_any *>(node);
-    char *text = nullptr;
-    switch (any->value_type) {
-    case LYD_ANYDATA_DATATREE:
-        if (any->value.tree == nullptr)
-            return {};
-        if (lyd_print_mem(&text, any->value.tree, LYD_XML,
-                          LYD_PRINT_WITHSIBLINGS | LYD_PRINT_KEEPEMPTYCONT | LYD_PRINT_SHRINK) !=
-            LY_SUCCESS)
-            throw std::bad_alloc();
-        break;
-    case LYD_ANYDATA_XML:
-    case LYD_ANYDATA_STRING:
-        return any->value.str != nullptr ? any->value.str : "";
-    default:
-        if (lyd_any_value_str(node, &text) != LY_SUCCESS)
-            throw std::bad_alloc();
-    }
-    std::string s = text != nullptr ? text : "";
-    std::free(text);
-    return s;
-}
 
 NC_ERR tag_of(const std::string &tag)
 {
@@ -252,6 +206,11 @@ std::string server_state(ly_ctx *ctx)
     return xml + "</schemas></netconf-state>";
 }
 
+// How long a client has to log in over SSH, and how many may be at it at
+// once: those beyond are turned away until others are in or gone.
+constexpr long login_timeout_s = 30;
+constexpr int max_logins = 16;
+
 class Server {
 public:
     Server(const ServerOptions &o, std::ostream &err) : o_(o), err_(err) {}
@@ -266,25 +225,22 @@ public:
     bool verbose() const { return o_.verbose; }
 
     nc_server_reply *rpc(lyd_node *rpc, nc_session *session);
-    bool password(const nc_session *session, const char *password);
-    bool public_key(const nc_session *session, ssh_key key);
-    std::string host_key_path;
 
 private:
     void start();
-    void accept_loop();
     void poll_loop();
-    void add(nc_session *session, int fd = -1);
+    void add(nc_session *session, int fd);
     void end(nc_session *session);
+    int listen_tcp();
     void listen_unix();
-    void unix_loop();
+    void accept_loop();
+    void watch_loop();
+    void spawn(std::function<void()> work);
+    void ssh_connection(int fd, std::string peer);
     void unix_connection(int client);
-    void relay(int client, int agent_end);
-    nc_server_reply *edit_config(const lyd_node *rpc, uint32_t sid);
-    nc_server_reply *read(const lyd_node *rpc, uint32_t sid, bool config_only);
+    void serve_client(ClientSide &client, const std::string &user);
     nc_server_reply *kill_session(const lyd_node *rpc, uint32_t sid);
     nc_server_reply *get_schema(const lyd_node *rpc);
-    nc_server_reply *validate(const lyd_node *rpc, uint32_t sid);
 
     const ServerOptions &o_;
     std::ostream &err_;
@@ -292,6 +248,7 @@ private:
     std::unique_ptr<Agent> agent_;
     Users users_;
     AuthorizedKeys keys_;
+    std::unique_ptr<SshServer> ssh_;
     ly_ctx *ctx_ = nullptr;
     nc_pollsession *ps_ = nullptr;
     bool nc_started_ = false;
@@ -300,16 +257,28 @@ private:
     std::mutex sessions_mutex_;
     std::condition_variable sessions_cv_;
     std::unordered_map<uint32_t, nc_session *> sessions_;
-    // The agent's end of the socket pair of each session of the UNIX socket.
+    // libnetconf2's end of the socket pair of each session.
     std::unordered_map<uint32_t, int> session_fds_;
 
+    int tcp_fd_ = -1;
     int unix_fd_ = -1;
-    // One thread for each connection of the UNIX socket, joined once done.
+    // One thread for each client connection, joined once done.
     struct Connection {
         std::thread thread;
         std::shared_ptr<std::atomic<bool>> done;
     };
     std::vector<Connection> connections_;
+    // The sockets of SSH connections, shut down when a login outlasts its
+    // time or the agent stops: that ends whatever libssh waits for.
+    std::mutex sockets_mutex_;
+    std::condition_variable sockets_cv_;
+    struct Socket {
+        int fd;
+        std::chrono::steady_clock::time_point deadline; // of the login; max(): none
+    };
+    std::unordered_map<uint64_t, Socket> sockets_;
+    uint64_t next_socket_ = 0;
+    int logging_in_ = 0;
 };
 
 // ---------------------------------------------------------------- callbacks
@@ -317,24 +286,6 @@ private:
 nc_server_reply *rpc_callback(lyd_node *rpc, nc_session *session)
 {
     return the_server->rpc(rpc, session);
-}
-
-int password_callback(const nc_session *session, const char *password, void *)
-{
-    return the_server->password(session, password) ? 0 : 1;
-}
-
-int public_key_callback(const nc_session *session, ssh_key key, void *)
-{
-    return the_server->public_key(session, key) ? 0 : 1;
-}
-
-int host_key_callback(const char *, void *, char **path, char **data, NC_SSH_KEY_TYPE *type)
-{
-    *path = strdup(the_server->host_key_path.c_str());
-    *data = nullptr;
-    *type = NC_SSH_KEY_UNKNOWN;
-    return *path == nullptr ? 1 : 0;
 }
 
 void nc_print(NC_VERB_LEVEL level, const char *message)
@@ -352,23 +303,6 @@ void ly_print(LY_LOG_LEVEL level, const char *message, const char *path)
 
 // ---------------------------------------------------------------- requests
 
-bool Server::password(const nc_session *session, const char *password)
-{
-    const char *user = nc_session_get_username(session);
-    const bool ok = user != nullptr && password != nullptr && users_.check(user, password);
-    if (!ok)
-        log(std::string("password refused for user '") + one_line(user != nullptr ? user : "") +
-            "' from " +
-            one_line(nc_session_get_host(session) ? nc_session_get_host(session) : "?"));
-    return ok;
-}
-
-bool Server::public_key(const nc_session *session, ssh_key key)
-{
-    const char *user = nc_session_get_username(session);
-    return user != nullptr && keys_.check(user, key);
-}
-
 nc_server_reply *Server::rpc(lyd_node *rpc, nc_session *session)
 {
     const ly_ctx *ctx = LYD_CTX(rpc);
@@ -376,19 +310,9 @@ nc_server_reply *Server::rpc(lyd_node *rpc, nc_session *session)
     const std::string_view module = rpc->schema->module->name;
     const uint32_t sid = nc_session_get_id(session);
     try {
+        if (auto reply = handle_request(*agent_, rpc, sid))
+            return answer(rpc, reply->outcome, reply->data);
         if (module == "ietf-netconf") {
-            if (name == "edit-config")
-                return edit_config(rpc, sid);
-            if (name == "get-config")
-                return read(rpc, sid, true);
-            if (name == "get")
-                return read(rpc, sid, false);
-            if (name == "lock" || name == "unlock") {
-                if (param(rpc, "target/running") == nullptr)
-                    return error(ctx, "operation-not-supported",
-                                 "only the running configuration is served", "application");
-                return answer(rpc, name == "lock" ? agent_->lock(sid) : agent_->unlock(sid), false);
-            }
             if (name == "close-session") {
                 // Its lock goes before the answer: a session that hears it
                 // may take the lock at once.
@@ -398,8 +322,6 @@ nc_server_reply *Server::rpc(lyd_node *rpc, nc_session *session)
             }
             if (name == "kill-session")
                 return kill_session(rpc, sid);
-            if (name == "validate")
-                return validate(rpc, sid);
         } else if (module == "ietf-netconf-monitoring" && name == "get-schema") {
             return get_schema(rpc);
         }
@@ -411,62 +333,6 @@ nc_server_reply *Server::rpc(lyd_node *rpc, nc_session *session)
         log(std::string("<") + std::string(name) + ">: " + one_line(e.what()));
         return error(ctx, "operation-failed", one_line(e.what()), "application");
     }
-}
-
-nc_server_reply *Server::edit_config(const lyd_node *rpc, uint32_t sid)
-{
-    const ly_ctx *ctx = LYD_CTX(rpc);
-    if (param(rpc, "target/running") == nullptr)
-        return error(ctx, "operation-not-supported", "only the running configuration is served",
-                     "application");
-    const lyd_node *config = param(rpc, "config");
-    if (config == nullptr)
-        return error(ctx, "operation-not-supported", "only an inline <config> is taken",
-                     "application");
-    DefaultOperation op = DefaultOperation::merge;
-    if (const std::string d = text_of(param(rpc, "default-operation")); d == "replace")
-        op = DefaultOperation::replace;
-    else if (d == "none")
-        op = DefaultOperation::none;
-    const bool test_only = text_of(param(rpc, "test-option")) == "test-only";
-    return answer(rpc, agent_->edit_config(sid, content_of(config), op, test_only), false);
-}
-
-nc_server_reply *Server::validate(const lyd_node *rpc, uint32_t sid)
-{
-    // The running configuration is valid as it stands; an inline one is
-    // tried as an edit that is not kept.
-    if (const lyd_node *config = param(rpc, "source/config"); config != nullptr)
-        return answer(rpc,
-                      agent_->edit_config(sid, content_of(config), DefaultOperation::merge, true),
-                      false);
-    if (param(rpc, "source/running") != nullptr)
-        return nc_server_reply_ok();
-    return error(LYD_CTX(rpc), "operation-not-supported",
-                 "only the running configuration or an inline one is validated", "application");
-}
-
-nc_server_reply *Server::read(const lyd_node *rpc, uint32_t sid, bool config_only)
-{
-    const ly_ctx *ctx = LYD_CTX(rpc);
-    if (config_only && param(rpc, "source/running") == nullptr)
-        return error(ctx, "operation-not-supported", "only the running configuration is served",
-                     "application");
-    std::optional<std::string> filter;
-    if (const lyd_node *f = param(rpc, "filter"); f != nullptr) {
-        const lyd_meta *type = lyd_find_meta(f->meta, nullptr, "ietf-netconf:type");
-        if (type != nullptr && std::string_view(lyd_get_meta_value(type)) != "subtree") {
-            RpcError e;
-            e.tag = "bad-attribute";
-            e.type = "protocol";
-            e.bad_attribute = "type";
-            e.bad_element = "filter";
-            e.message = "only subtree filters are taken";
-            return reply_errors(ctx, {e});
-        }
-        filter = content_of(f);
-    }
-    return answer(rpc, agent_->read(sid, config_only, filter), true);
 }
 
 nc_server_reply *Server::kill_session(const lyd_node *rpc, uint32_t sid)
@@ -524,23 +390,13 @@ nc_server_reply *Server::get_schema(const lyd_node *rpc)
 
 // ---------------------------------------------------------------- sessions
 
-void Server::accept_loop()
-{
-    while (!stop_) {
-        nc_session *session = nullptr;
-        if (nc_accept(200, &session) == NC_MSG_HELLO && session != nullptr)
-            add(session);
-    }
-}
-
 void Server::add(nc_session *session, int fd)
 {
     const uint32_t id = nc_session_get_id(session);
     {
         std::lock_guard guard(sessions_mutex_);
         sessions_.emplace(id, session);
-        if (fd >= 0)
-            session_fds_.emplace(id, fd);
+        session_fds_.emplace(id, fd);
         nc_ps_add_session(ps_, session);
     }
     sessions_cv_.notify_all();
@@ -565,8 +421,8 @@ void Server::end(nc_session *session)
     }
     agent_->session_ended(id);
     nc_session_free(session, nullptr);
-    // libnetconf2 leaves the descriptors of a session it was handed to
-    // their owner; closing this one ends the relay of the session.
+    // libnetconf2 leaves the descriptors it was handed to their owner;
+    // closing this one ends the relay of the session.
     if (fd >= 0)
         close(fd);
     if (o_.verbose)
@@ -590,12 +446,150 @@ void Server::poll_loop()
     }
 }
 
-// ---------------------------------------------------------------- UNIX socket
+// ---------------------------------------------------------------- clients
 //
-// The agent listens on the socket itself and hands libnetconf2 one end of a
-// socket pair for each connection, with a relay in between that checks the
-// framing of what the client sends (see message_guard.cpp): libnetconf2
-// would read a UNIX socket directly, before any guard.
+// The agent accepts every connection itself, SSH and UNIX socket alike,
+// and hands libnetconf2 one end of a socket pair for each session, with a
+// relay in between whose guard checks the framing and the content of what
+// the client sends (guard.h): libnetconf2 reads nothing else.
+
+// A thread for one connection; those done are joined as others come.
+void Server::spawn(std::function<void()> work)
+{
+    std::erase_if(connections_, [](Connection &c) {
+        if (!*c.done)
+            return false;
+        c.thread.join();
+        return true;
+    });
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    connections_.push_back({std::thread([work = std::move(work), done] {
+                                work();
+                                *done = true;
+                            }),
+                            done});
+}
+
+void Server::serve_client(ClientSide &client, const std::string &user)
+{
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
+        return;
+    // The hello goes through the relay: libnetconf2 takes the session on a
+    // thread of its own while this one relays, for as long as it lasts.
+    std::thread hello([this, fd = pair[0], user] {
+        nc_session *session = nullptr;
+        if (nc_accept_inout(fd, fd, user.c_str(), &session) == NC_MSG_HELLO && session != nullptr)
+            add(session, fd);
+        else
+            close(fd);
+    });
+    // A message may hold the largest request taken and the rest of an <rpc>.
+    relay(client, pair[1], o_.agent.max_content + (std::size_t{1} << 20), stop_,
+          [this](const std::string &l) { log(l); });
+    hello.join();
+}
+
+void Server::accept_loop()
+{
+    std::vector<pollfd> listening;
+    if (tcp_fd_ >= 0)
+        listening.push_back({tcp_fd_, POLLIN, 0});
+    if (unix_fd_ >= 0)
+        listening.push_back({unix_fd_, POLLIN, 0});
+    while (!stop_) {
+        if (poll(listening.data(), listening.size(), 200) <= 0)
+            continue;
+        for (pollfd &p : listening) {
+            if ((p.revents & POLLIN) == 0)
+                continue;
+            sockaddr_storage from{};
+            socklen_t size = sizeof from;
+            const int client =
+                accept4(p.fd, reinterpret_cast<sockaddr *>(&from), &size, SOCK_CLOEXEC);
+            if (client < 0)
+                continue;
+            if (p.fd == unix_fd_) {
+                spawn([this, client] { unix_connection(client); });
+                continue;
+            }
+            char host[NI_MAXHOST] = "?", port[NI_MAXSERV] = "?";
+            getnameinfo(reinterpret_cast<sockaddr *>(&from), size, host, sizeof host, port,
+                        sizeof port, NI_NUMERICHOST | NI_NUMERICSERV);
+            std::string peer = std::string(host) + " port " + port;
+            {
+                std::lock_guard guard(sockets_mutex_);
+                if (logging_in_ >= max_logins) {
+                    close(client);
+                    log("a connection from " + peer + " turned away: " +
+                        std::to_string(max_logins) + " clients are logging in already");
+                    continue;
+                }
+                ++logging_in_;
+            }
+            spawn([this, client, peer] { ssh_connection(client, peer); });
+        }
+    }
+    // The connections see the stop within their waits, or their sockets
+    // are shut down; their sessions then end.
+    for (Connection &c : connections_)
+        c.thread.join();
+}
+
+void Server::watch_loop()
+{
+    std::unique_lock guard(sockets_mutex_);
+    while (!stop_) {
+        const auto now = std::chrono::steady_clock::now();
+        for (auto &[id, socket] : sockets_)
+            if (socket.deadline <= now) {
+                shutdown(socket.fd, SHUT_RDWR);
+                socket.deadline = std::chrono::steady_clock::time_point::max();
+            }
+        sockets_cv_.wait_for(guard, std::chrono::milliseconds(200));
+    }
+    for (auto &[id, socket] : sockets_)
+        shutdown(socket.fd, SHUT_RDWR);
+}
+
+void Server::ssh_connection(int fd, std::string peer)
+{
+    uint64_t id;
+    {
+        std::lock_guard guard(sockets_mutex_);
+        if (stop_) {
+            --logging_in_;
+            close(fd);
+            return;
+        }
+        id = next_socket_++;
+        sockets_.emplace(id, Socket{fd, std::chrono::steady_clock::now() +
+                                            std::chrono::seconds(login_timeout_s)});
+    }
+    {
+        SshConnection connection(*ssh_, fd);
+        const bool in = connection.login(login_timeout_s, peer, [this](const std::string &l) {
+            log(l);
+        });
+        {
+            std::lock_guard guard(sockets_mutex_);
+            --logging_in_;
+            sockets_.at(id).deadline = std::chrono::steady_clock::time_point::max();
+            if (stop_)
+                shutdown(fd, SHUT_RDWR);
+        }
+        if (in) {
+            if (o_.verbose)
+                log("'" + one_line(connection.user()) + "' logged in from " + peer);
+            serve_client(connection, connection.user());
+        }
+        // The socket stays known until the connection closes it.
+        std::lock_guard guard(sockets_mutex_);
+        sockets_.erase(id);
+    }
+}
+
+// ---------------------------------------------------------------- UNIX socket
 
 void Server::listen_unix()
 {
@@ -619,108 +613,23 @@ void Server::listen_unix()
         throw std::runtime_error("cannot listen on " + o_.unix_path + ": " + std::strerror(errno));
 }
 
-void Server::unix_loop()
-{
-    while (!stop_) {
-        pollfd p{unix_fd_, POLLIN, 0};
-        if (poll(&p, 1, 200) <= 0)
-            continue;
-        const int client = accept4(unix_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (client < 0)
-            continue;
-        std::erase_if(connections_, [](Connection &c) {
-            if (!*c.done)
-                return false;
-            c.thread.join();
-            return true;
-        });
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        connections_.push_back({std::thread([this, client, done] {
-                                    unix_connection(client);
-                                    *done = true;
-                                }),
-                                done});
-    }
-    // The relays see the stop within their poll; their sessions then end.
-    for (Connection &c : connections_)
-        c.thread.join();
-}
-
 void Server::unix_connection(int client)
 {
+    SocketSide side(client);
     // The user is the one whose process connected.
-    std::string user;
     ucred peer{};
     socklen_t size = sizeof peer;
-    if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
-        passwd entry{}, *found = nullptr;
-        std::vector<char> buffer(16384);
-        if (getpwuid_r(peer.uid, &entry, buffer.data(), buffer.size(), &found) == 0 &&
-            found != nullptr)
-            user = found->pw_name;
-        else
-            user = "uid" + std::to_string(peer.uid);
-    }
-    int pair[2];
-    if (user.empty() || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
-        close(client);
+    if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
         return;
-    }
-    // The hello goes through the relay: libnetconf2 takes the session on a
-    // thread of its own while this one relays, for as long as it lasts.
-    std::thread hello([this, fd = pair[0], user] {
-        nc_session *session = nullptr;
-        if (nc_accept_inout(fd, fd, user.c_str(), &session) == NC_MSG_HELLO && session != nullptr)
-            add(session, fd);
-        else
-            close(fd);
-    });
-    relay(client, pair[1]);
-    hello.join();
-}
-
-// Copies bytes both ways until either side ends; what the client sends
-// passes its framing guard first.
-void Server::relay(int client, int agent_end)
-{
-    FramingGuard guard(o_.agent.max_content + (std::size_t{1} << 20));
-    std::vector<char> buffer(65536);
-    auto send_all = [](int fd, const char *data, std::size_t n) {
-        while (n > 0) {
-            const ssize_t w = ::send(fd, data, n, MSG_NOSIGNAL);
-            if (w < 0 && errno == EINTR)
-                continue;
-            if (w <= 0)
-                return false;
-            data += w;
-            n -= static_cast<std::size_t>(w);
-        }
-        return true;
-    };
-    for (bool open = true; open && !stop_;) {
-        pollfd p[2] = {{client, POLLIN, 0}, {agent_end, POLLIN, 0}};
-        if (poll(p, 2, 200) <= 0)
-            continue;
-        for (int i = 0; i < 2 && open; ++i) {
-            if ((p[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0)
-                continue;
-            const ssize_t n = ::read(p[i].fd, buffer.data(), buffer.size());
-            if (n <= 0) {
-                open = false;
-                break;
-            }
-            const std::size_t got = static_cast<std::size_t>(n);
-            if (i == 0 && guard.pass({buffer.data(), got}) != FramingGuard::Verdict::ok) {
-                log("a session ends: its client sent " + guard.reason());
-                open = false;
-                break;
-            }
-            open = send_all(i == 0 ? agent_end : client, buffer.data(), got);
-        }
-    }
-    shutdown(agent_end, SHUT_RDWR);
-    close(agent_end);
-    close(client);
+    std::string user;
+    passwd entry{}, *found = nullptr;
+    std::vector<char> buffer(16384);
+    if (getpwuid_r(peer.uid, &entry, buffer.data(), buffer.size(), &found) == 0 &&
+        found != nullptr)
+        user = found->pw_name;
+    else
+        user = "uid" + std::to_string(peer.uid);
+    serve_client(side, user);
 }
 
 // ---------------------------------------------------------------- start
@@ -742,6 +651,31 @@ std::pair<std::string, uint16_t> address_port(const std::string &listen)
     return {address, static_cast<uint16_t>(n)};
 }
 
+// A socket listening on --listen, an address given by its number.
+int Server::listen_tcp()
+{
+    auto [address, port] = address_port(o_.listen);
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo *found = nullptr;
+    if (const int rc = getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found);
+        rc != 0)
+        throw std::invalid_argument("--listen " + o_.listen + ": " + gai_strerror(rc));
+    const int fd = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    const bool ok = fd >= 0 && setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
+                    bind(fd, found->ai_addr, found->ai_addrlen) == 0 && listen(fd, 64) == 0;
+    const int error = errno;
+    freeaddrinfo(found);
+    if (!ok) {
+        if (fd >= 0)
+            close(fd);
+        throw std::runtime_error("cannot listen on " + o_.listen + ": " + std::strerror(error));
+    }
+    return fd;
+}
+
 void Server::start()
 {
     if (o_.listen.empty() && o_.unix_path.empty())
@@ -755,23 +689,14 @@ void Server::start()
             "--listen without --users or --authorized-keys: no one could log in");
 
     agent_ = std::make_unique<Agent>(o_.agent, [this](const std::string &l) { log(l); });
-    host_key_path = host_key(o_.agent.state_dir);
+    if (!o_.listen.empty())
+        ssh_ = std::make_unique<SshServer>(host_key(o_.agent.state_dir), users_, keys_);
 
     nc_set_print_clb(nc_print);
     nc_verbosity(o_.verbose ? NC_VERB_VERBOSE : NC_VERB_WARNING);
     ly_set_log_clb(ly_print, 1);
     ly_log_level(LY_LLERR);
-    if (ly_ctx_new(o_.yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx_) != LY_SUCCESS)
-        throw std::runtime_error("cannot set up libyang with " + o_.yang_dir);
-    const char *netconf_features[] = {"writable-running", "rollback-on-error", "validate", nullptr};
-    if (ly_ctx_load_module(ctx_, "ietf-netconf", nullptr, netconf_features) == nullptr ||
-        ly_ctx_load_module(ctx_, "ietf-netconf-monitoring", nullptr, nullptr) == nullptr)
-        throw std::runtime_error("cannot load ietf-netconf and ietf-netconf-monitoring from " +
-                                 o_.yang_dir);
-    for (const char *m : served_modules)
-        if (ly_ctx_load_module(ctx_, m, nullptr, nullptr) == nullptr)
-            throw std::runtime_error(std::string("cannot load ") + m + " from " + o_.yang_dir);
-
+    ctx_ = served_context(o_.yang_dir);
     // <get-schema> and <close-session> are answered here: libnetconf2 2.0's
     // own answer to the first prints from memory it has freed, and the
     // second must let the session's lock go.  It takes an operation's own
@@ -783,9 +708,6 @@ void Server::start()
             throw std::runtime_error(std::string("the YANG models have no ") + path);
         const_cast<lysc_node *>(op)->priv = reinterpret_cast<void *>(rpc_callback);
     }
-    // A message may hold the largest request taken and the rest of an <rpc>.
-    guard_messages(o_.agent.max_content + (std::size_t{1} << 20),
-                   [this](const std::string &l) { log(l); });
     if (nc_server_init(ctx_) != 0)
         throw std::runtime_error("cannot start libnetconf2");
     nc_started_ = true;
@@ -796,24 +718,7 @@ void Server::start()
     ps_ = nc_ps_new();
 
     if (!o_.listen.empty()) {
-        auto [address, port] = address_port(o_.listen);
-        nc_server_ssh_set_hostkey_clb(host_key_callback, nullptr, nullptr);
-        nc_server_ssh_set_passwd_auth_clb(password_callback, nullptr, nullptr);
-        nc_server_ssh_set_pubkey_auth_clb(public_key_callback, nullptr, nullptr);
-        int methods = 0;
-        if (users_.size() > 0)
-            methods |= NC_SSH_AUTH_PASSWORD;
-        if (keys_.size() > 0)
-            methods |= NC_SSH_AUTH_PUBLICKEY;
-        if (nc_server_add_endpt("ssh", NC_TI_LIBSSH) != 0 ||
-            nc_server_ssh_endpt_add_hostkey("ssh", "host", -1) != 0 ||
-            nc_server_ssh_endpt_set_auth_methods("ssh", methods) != 0 ||
-            nc_server_ssh_endpt_set_auth_attempts("ssh", 3) != 0 ||
-            nc_server_ssh_endpt_set_auth_timeout("ssh", 30) != 0)
-            throw std::runtime_error("cannot set up the SSH endpoint");
-        if (nc_server_endpt_set_address("ssh", address.c_str()) != 0 ||
-            nc_server_endpt_set_port("ssh", port) != 0)
-            throw std::runtime_error("cannot listen on " + o_.listen);
+        tcp_fd_ = listen_tcp();
         log("listening on " + o_.listen + " (SSH)");
     }
     if (!o_.unix_path.empty()) {
@@ -840,10 +745,8 @@ int Server::run()
         return 2;
     }
     std::vector<std::thread> threads;
-    if (!o_.listen.empty())
-        threads.emplace_back([this] { accept_loop(); });
-    if (unix_fd_ >= 0)
-        threads.emplace_back([this] { unix_loop(); });
+    threads.emplace_back([this] { accept_loop(); });
+    threads.emplace_back([this] { watch_loop(); });
     for (unsigned i = 0; i < std::max(1u, o_.threads); ++i)
         threads.emplace_back([this] { poll_loop(); });
     int signal = 0;
@@ -851,6 +754,7 @@ int Server::run()
     log(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
     stop_ = true;
     sessions_cv_.notify_all();
+    sockets_cv_.notify_all();
     for (std::thread &t : threads)
         t.join();
     return 0;
@@ -866,6 +770,8 @@ Server::~Server()
         nc_server_destroy();
     if (ctx_ != nullptr)
         ly_ctx_destroy(ctx_);
+    if (tcp_fd_ >= 0)
+        close(tcp_fd_);
     if (unix_fd_ >= 0) {
         close(unix_fd_);
         unlink(o_.unix_path.c_str());

@@ -1,0 +1,139 @@
+// What a client sends, checked before libnetconf2 reads a byte of it.  The
+// relay between a client and libnetconf2 passes both directions of a
+// session through a SessionGuard:
+//
+// - the framing (RFC 6242): messages ended by "]]>]]>" until both sides have
+//   said hello with base:1.1, chunks after.  A broken frame (a chunk of size
+//   0, an end mark before any chunk, a size that is no number) ends the
+//   session, as does a hello that is not one;
+// - the size: a message larger than the limit is answered too-big, and the
+//   session ends;
+// - the content: a message is handed on only when it is a well-formed XML
+//   document in UTF-8, without a document type declaration, whose root is a
+//   NETCONF <rpc> with a message-id and an operation, nested no deeper than
+//   max_depth.  Any other is answered here and the session goes on:
+//   malformed-message (on a base:1.0 session operation-failed, since RFC 6241
+//   keeps malformed-message from clients of base:1.0 alone),
+//   missing-attribute, missing-element or too-big.
+//
+// libnetconf2 gets each message whole and framed anew, so that it never
+// reads a frame of the client's; the client's hello reaches it rewritten to
+// the base capabilities the guard chose, so that both agree on the framing.
+// The guard's own answers reach the client in order: after libnetconf2's
+// answers to every request handed on before.
+//
+// Nothing here touches a socket: the relay moves the bytes, and tests and
+// the fuzzer drive the guard alone.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <string_view>
+
+namespace octunnel::serve {
+
+inline constexpr std::string_view netconf_ns = "urn:ietf:params:xml:ns:netconf:base:1.0";
+inline constexpr std::string_view base10 = "urn:ietf:params:netconf:base:1.0";
+inline constexpr std::string_view base11 = "urn:ietf:params:netconf:base:1.1";
+
+// The elements a message may nest, the <rpc> itself counted.
+inline constexpr int max_depth = 200;
+// A hello says little: far less than this.
+inline constexpr std::size_t max_hello = std::size_t{1} << 20;
+
+// What the content of one message is, as far as the guard is concerned.
+struct MessageCheck {
+    bool ok = false;          // an <rpc> to hand on (or a hello, for a hello)
+    std::string tag;          // otherwise the error-tag to answer, none: end the session
+    std::string message;      // what is wrong, one line
+    std::string message_id;   // of the <rpc>, when it has one
+    bool base10 = false;      // a hello: whether it offers base:1.0
+    bool base11 = false;      // ... and base:1.1
+    std::string bad_element;  // error-info of missing-*
+    std::string bad_attribute;
+};
+
+// Checks the content of a message from a client: the first of a session
+// (`hello`) or a later one.
+MessageCheck check_message(std::string_view text, bool hello);
+
+// An <rpc-reply> of one <rpc-error> of type rpc (or protocol for too-big
+// and missing-*), XML text.
+std::string error_reply(const MessageCheck &c);
+
+class SessionGuard {
+public:
+    // `max_message`: the largest message taken from the client, in bytes.
+    explicit SessionGuard(std::size_t max_message) : max_(max_message) {}
+
+    // Appended to by from_client and from_agent: what goes to libnetconf2
+    // and what to the client.
+    struct Out {
+        std::string to_agent;
+        std::string to_client;
+    };
+
+    // Bytes the client sent.  Nothing of them is taken once the session
+    // ends or is ending.
+    void from_client(std::string_view bytes, Out &out);
+    // Bytes libnetconf2 sent, on their way to the client, with the guard's
+    // answers that were waiting for them.
+    void from_agent(std::string_view bytes, Out &out);
+
+    // Whether the session ends as soon as `to_client` is sent.
+    bool ended() const { return ended_; }
+    // Whether the guard takes no more from the client: the session ended,
+    // or it ends once libnetconf2 has answered what it was handed.
+    bool closing() const { return ended_ || closing_; }
+    // Why it ended, for the log.
+    const std::string &reason() const { return reason_; }
+    bool chunked() const { return chunked_; }
+    // Requests handed on that libnetconf2 has not answered yet.
+    uint64_t unanswered() const { return handed_on_ - answered_; }
+
+private:
+    void end(std::string why);
+    void message_done(Out &out);
+    void answer(std::string reply, Out &out);
+    void release(Out &out);
+    std::string framed(std::string_view message) const;
+
+    std::size_t max_;
+    bool hello_done_ = false;
+    bool chunked_ = false;
+    bool ended_ = false;
+    bool closing_ = false;
+    std::string reason_;
+
+    // The client's side: the message so far, and where its frames stand.
+    enum class In { message, newline, hash, first, digits, end_newline, data };
+    In in_ = In::message;
+    std::string message_;
+    bool has_chunk_ = false;
+    uint64_t chunk_size_ = 0;
+    int digits_ = 0;
+    uint64_t left_ = 0;
+
+    // libnetconf2's side: its messages counted as they end.  Its first is
+    // its hello; then one answer for each request handed on.
+    enum class Back { message, newline, hash, first, digits, end_newline, data };
+    Back back_ = Back::message;
+    std::size_t back_matched_ = 0;
+    uint64_t back_left_ = 0;
+    bool agent_hello_done_ = false;
+
+    uint64_t handed_on_ = 0;
+    uint64_t answered_ = 0;
+    // The guard's own answers, each due once libnetconf2 has answered
+    // `after` requests.
+    struct Waiting {
+        uint64_t after;
+        std::string text;
+        bool then_end;
+    };
+    std::deque<Waiting> waiting_;
+};
+
+} // namespace octunnel::serve

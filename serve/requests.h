@@ -1,0 +1,40 @@
+// The operations on the running configuration as libnetconf2 hands them
+// over, parsed by libyang, answered by the agent; apart from libnetconf2, so
+// that tests and the fuzzer run the same handlers in process.
+#pragma once
+
+#include "agent.h"
+
+#include <optional>
+#include <string>
+
+struct ly_ctx;
+struct lyd_node;
+
+namespace octunnel::serve {
+
+// A context of libyang with what the agent serves: ietf-netconf (its
+// writable-running, rollback-on-error and validate features),
+// ietf-netconf-monitoring and the OpenConfig interfaces, from `yang_dir`.
+// Throws std::runtime_error naming what cannot be loaded.
+ly_ctx *served_context(const std::string &yang_dir);
+
+// What the agent answers to a request: errors, or <data> (`data`) or <ok/>.
+struct Reply {
+    Outcome outcome;
+    bool data = false;
+};
+
+// Answers <edit-config>, <get-config>, <get>, <lock>, <unlock> and
+// <validate> of `session`; nothing for any other operation.
+std::optional<Reply> handle_request(Agent &agent, const lyd_node *rpc, uint32_t session);
+
+// An error of the protocol (or of `type`) with `tag` and `message`.
+Outcome failure(const char *tag, std::string message, const char *type = "protocol");
+
+// The text of a leaf, or none.
+std::string text_of(const lyd_node *node);
+// The node at `path` below `rpc`, or null.
+const lyd_node *param(const lyd_node *rpc, const char *path);
+
+} // namespace octunnel::serve

@@ -1,0 +1,73 @@
+// SSH as the agent speaks it itself, with libssh's server API: key exchange
+// with the host key of the state directory, users by password (crypt(3)
+// hashes) or public key, and one session channel whose "netconf" subsystem
+// carries the NETCONF stream that the relay hands on.
+#pragma once
+
+#include "access.h"
+#include "relay.h"
+
+#include <memory>
+#include <string>
+
+struct ssh_bind_struct;
+struct ssh_session_struct;
+struct ssh_channel_struct;
+
+namespace octunnel::serve {
+
+// Failed authentications a connection may make before it is closed.
+inline constexpr int max_auth_attempts = 6;
+
+class SshServer {
+public:
+    // Throws std::runtime_error when the host key cannot be used.
+    SshServer(const std::string &host_key, const Users &users, const AuthorizedKeys &keys);
+    ~SshServer();
+    SshServer(const SshServer &) = delete;
+    SshServer &operator=(const SshServer &) = delete;
+
+    const Users &users() const { return users_; }
+    const AuthorizedKeys &keys() const { return keys_; }
+    ssh_bind_struct *bind() const { return bind_; }
+
+private:
+    ssh_bind_struct *bind_ = nullptr;
+    const Users &users_;
+    const AuthorizedKeys &keys_;
+};
+
+// One connection, from its accepted socket on; the client's side of its
+// relay once logged in.
+class SshConnection final : public ClientSide {
+public:
+    // Takes `fd` over; it stays open until the connection is destroyed.
+    SshConnection(const SshServer &server, int fd);
+    ~SshConnection() override;
+
+    // Takes the client through the key exchange, authentication and the
+    // netconf subsystem of a session channel; false when it did not get
+    // that far (refused, gone, or its socket shut down by the agent).
+    // Each wait of libssh lasts `timeout_s` at most.  `log` hears of
+    // refused logins from `peer`.
+    bool login(long timeout_s, const std::string &peer,
+               const std::function<void(const std::string &)> &log);
+    const std::string &user() const { return user_; }
+
+    int fd() const override { return fd_; }
+    long read(char *buffer, std::size_t size) override;
+    bool write(std::string_view data) override;
+    bool pending() override;
+
+    struct Login; // what the callbacks of libssh see during login
+
+private:
+    const SshServer &server_;
+    int fd_;
+    ssh_session_struct *session_ = nullptr;
+    ssh_channel_struct *channel_ = nullptr;
+    std::string user_;
+    std::unique_ptr<Login> login_;
+};
+
+} // namespace octunnel::serve
