@@ -22,7 +22,7 @@ ROOT = os.path.dirname(HERE)
 sys.path.insert(0, HERE)
 import ymapgen  # noqa: E402
 
-TARGETS = ["to-native-xml", "to-native-json", "to-oc-xml", "to-oc-json"]
+TARGETS = ["to-native-xml", "to-native-json", "to-oc-xml", "to-oc-json", "serve-rpc"]
 KINDS = {"get-config": 0, "edit": 1, "get": 2}
 NETCONF = "urn:ietf:params:xml:ns:netconf:base:1.0"
 
@@ -82,12 +82,42 @@ def seeds():
         yield f"{direction}-xml", name, header(direction, args), doc
 
 
+def serve_seeds():
+    """(name, bytes) of sessions of the serve-rpc target: a byte of flags
+    (see tests/fuzz/serve_rpc_fuzzer.cpp), then what a client sends, from
+    the requests of the agent's tests."""
+    sys.path.insert(0, os.path.join(ROOT, "tests", "serve"))
+    import payloads as p  # noqa: E402
+
+    for i, body in enumerate(p.REQUESTS):
+        message = p.rpc(body, str(i + 1))
+        yield f"request-{i}-base11", bytes([1]) + p.chunked(message)
+        yield f"request-{i}-base10-bytewise", bytes([0 | 1 << 3]) + p.end_marked(message)
+        yield f"request-{i}-locked", bytes([1 | 4]) + p.chunked(message)
+    # A whole session: its own hello, every request, pipelined.
+    stream = p.end_marked(p.hello()) + b"".join(
+        p.chunked(p.rpc(body, str(i))) for i, body in enumerate(p.REQUESTS[:-1]))
+    yield "session", bytes([2]) + stream
+    for i, message in enumerate(p.MALFORMED):
+        yield f"malformed-{i}-base11", bytes([1]) + p.chunked(message) if message else \
+            bytes([1]) + b"\n#1\n \n##\n"
+        yield f"malformed-{i}-base10", bytes([0]) + p.end_marked(message)
+    for i, frames in enumerate(p.BAD_FRAMES):
+        yield f"bad-frames-{i}", bytes([1 | 2 << 3]) + frames.encode()
+    yield "too-big", bytes([1]) + b"\n#5000\n" + b"<" * 5000
+
+
 def words():
     found = {"merge", "replace", "create", "delete", "remove", "operation", "nc:operation",
              "xmlns", "xmlns:nc", NETCONF, "data", "config", "filter", "type", "subtree",
              "ietf-netconf:operation", "ietf-netconf:data", "ietf-netconf:config",
              "ietf-netconf:filter", "@", "[null]", "act", "tunnel-ip12", "<![CDATA[", "]]>",
-             "<!--", "-->", "&amp;", "&#", "<?xml version=\"1.0\"?>"}
+             "<!--", "-->", "&amp;", "&#", "<?xml version=\"1.0\"?>",
+             "rpc", "message-id", "hello", "capabilities", "capability",
+             "urn:ietf:params:netconf:base:1.1", "]]>]]>", "\n#", "\n##\n", "edit-config",
+             "get-config", "target", "running", "source", "default-operation",
+             "test-option", "test-only", "none", "lock", "unlock", "validate",
+             "close-session", "<!DOCTYPE"}
     for path in glob.glob(os.path.join(ROOT, "src/models/*.ymap")):
         with open(path, encoding="utf-8") as f:
             model = ymapgen.parse(f.read())
@@ -124,6 +154,9 @@ def main():
     for target, name, head, doc in seeds():
         with open(os.path.join(out, target, "seed-" + name), "wb") as f:
             f.write(head + doc)
+    for name, data in serve_seeds():
+        with open(os.path.join(out, "serve-rpc", "seed-" + name), "wb") as f:
+            f.write(data)
     with open(os.path.join(out, "octunnel.dict"), "w") as f:
         for w in words():
             f.write(quoted(w) + "\n")

@@ -22,13 +22,12 @@ import paramiko
 from lxml import etree
 from ncclient import manager
 
+from payloads import NC, OC, TUN, config, interfaces, tunnel  # noqa: F401 - for the tests
+
 # ncclient sends a request only when its transport loop wakes: every 100 ms
 # by default, which would make every request of the tests take that long.
 ncclient.transport.ssh.TICK = 0.002
 
-NC = "urn:ietf:params:xml:ns:netconf:base:1.0"
-OC = "http://openconfig.net/yang/interfaces"
-TUN = "http://openconfig.net/yang/interfaces/tunnel"
 IFMGR = "http://valmora.com/ns/yang/Valmora-ifmgr-cfg"
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -205,22 +204,6 @@ class RawSession:
 
 
 # ---------------------------------------------------------------- documents
-
-def config(inner):
-    """An <edit-config> config of OpenConfig interfaces."""
-    return (f'<config xmlns="{NC}" xmlns:nc="{NC}"><interfaces xmlns="{OC}">{inner}'
-            f"</interfaces></config>")
-
-
-def tunnel(name, inner, op=None):
-    attr = f' nc:operation="{op}"' if op else ""
-    return (f"<interface{attr}><name>{name}</name><tunnel xmlns=\"{TUN}\">{inner}</tunnel>"
-            f"</interface>")
-
-
-def interfaces(inner):
-    return f'<interfaces xmlns="{OC}">{inner}</interfaces>'
-
 
 def content(path):
     """The document of a file, its comments and NETCONF envelope left out."""

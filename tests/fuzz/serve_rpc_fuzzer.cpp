@@ -1,0 +1,516 @@
+// A session of `octunnel serve`, driven by a fuzzer in process: what a
+// client sends goes through the relay's guard (serve/guard.h), and each
+// message the guard hands on is parsed by libyang as libnetconf2 parses it
+// and answered by the agent's own handlers (serve/requests.h) against a
+// small native running configuration in a directory of its own.  Held to:
+//
+// - libyang either parses each message handed on into an operation, or
+//   fails having read its <rpc> envelope: libnetconf2 answers both, and
+//   would die on an operation of nothing or pass a message over unanswered;
+// - the guard hands on each message of the client byte for byte, framed
+//   anew, and its own answers and libnetconf2's reach the client in the
+//   order of the requests: one well-formed <rpc-reply> for each message,
+//   until the session ends;
+// - the session ends exactly where a plain reading of the frames (below,
+//   apart from the guard's) finds them broken or a message too large, the
+//   last answered too-big;
+// - every answer's data is well-formed XML, every error's tag one of RFC
+//   6241 and its text XML can hold;
+// - the configuration file stays a document the agent reads back, and an
+//   edit that failed or only tested leaves it as it was.
+//
+// The input is one byte of flags, then what the client sends:
+//
+//   bit 0   the harness says hello with base:1.1 first (else base:1.0 alone)
+//   bit 1   the harness says no hello: the input starts with the client's
+//   bit 2   another session holds the lock of the running configuration
+//   bits 3-4 the client's bytes come whole, or 1, 5 or 61 at a time
+//
+// tools/fuzz_corpus.py writes the seeds in this form.  With libFuzzer it is
+// a fuzz target; built without, its main() replays the files and
+// directories it is given, as CI does with the inputs that once failed.
+#include "agent.h"
+#include "datastore.h"
+#include "guard.h"
+#include "requests.h"
+
+#include <libxml/parser.h>
+#include <libyang/libyang.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <set>
+#include <unistd.h>
+
+namespace {
+
+using namespace octunnel;
+using namespace octunnel::serve;
+namespace fs = std::filesystem;
+
+// Small enough for a fuzzer to reach.
+constexpr std::size_t max_message = 4096;
+constexpr std::string_view end_mark = "]]>]]>";
+
+const std::string running_seed =
+    "<data xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">"
+    "<interface-configurations xmlns=\"http://valmora.com/ns/yang/Valmora-ifmgr-cfg\">"
+    "<interface-configuration><active>act</active><interface-name>tunnel-ip12</interface-name>"
+    "<tunnel-ip xmlns=\"http://valmora.com/ns/yang/Valmora-tunnel-gre-cfg\">"
+    "<source><address>192.0.2.1</address><type>2</type></source><mode><value>1</value></mode>"
+    "<destination><address>198.51.100.7</address><type>1</type></destination>"
+    "<ttl><value>64</value></ttl></tunnel-ip></interface-configuration>"
+    "<interface-configuration><active>act</active><interface-name>tunnel-ip7</interface-name>"
+    "<tunnel-ip xmlns=\"http://valmora.com/ns/yang/Valmora-tunnel-gre-cfg\">"
+    "<key><value>1007</value></key></tunnel-ip></interface-configuration>"
+    "</interface-configurations></data>\n";
+
+[[noreturn]] void broken(const std::string &what, std::string_view detail = {})
+{
+    std::cerr << "octunnel broke its promise: " << what << "\n";
+    if (!detail.empty())
+        std::cerr << "  " << std::string(detail.substr(0, 2000)) << "\n";
+    std::abort();
+}
+
+void silent(void *, const char *, ...) {}
+
+bool well_formed(std::string_view xml, std::string_view root = {})
+{
+    xmlDocPtr doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr,
+                                  XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    bool ok = doc != nullptr;
+    if (ok && !root.empty()) {
+        const xmlNode *top = xmlDocGetRootElement(doc);
+        ok = top != nullptr && std::string_view(reinterpret_cast<const char *>(top->name)) == root;
+    }
+    xmlFreeDoc(doc);
+    return ok;
+}
+
+// Text an XML document may hold: UTF-8 (the guard took no other) without
+// control characters.
+bool xml_text(std::string_view s)
+{
+    for (char ch : s) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c < 0x20 && c != '\t' && c != '\n' && c != '\r')
+            return false;
+    }
+    return well_formed("<t>" + [&] {
+        std::string e;
+        escape_xml(e, s);
+        return e;
+    }() + "</t>");
+}
+
+const std::set<std::string> rfc_tags = {
+    "in-use",          "invalid-value",     "too-big",         "missing-attribute",
+    "bad-attribute",   "unknown-attribute", "missing-element", "bad-element",
+    "unknown-element", "unknown-namespace", "access-denied",   "lock-denied",
+    "resource-denied", "rollback-failed",   "data-exists",     "data-missing",
+    "operation-not-supported", "operation-failed", "malformed-message",
+};
+
+// ---------------------------------------------------------------- frames
+
+// The messages of a stream as RFC 6242 frames them, read plainly from the
+// whole of it: where it ends, and how.
+struct Frames {
+    enum End { open, broken, too_big, bad_hello } end = open;
+    bool chunked = false;
+    std::vector<std::string> messages; // after the hello
+};
+
+Frames frames_of(std::string_view s, bool hello_first, bool chunked_without)
+{
+    Frames f;
+    std::size_t at = 0;
+    f.chunked = chunked_without;
+    if (hello_first) {
+        const std::size_t mark = s.find(end_mark);
+        if (mark == std::string_view::npos) {
+            f.end = s.size() >= max_hello + end_mark.size() ? Frames::bad_hello : Frames::open;
+            return f;
+        }
+        const MessageCheck c = check_message(s.substr(0, mark), true);
+        if (mark > max_hello || !c.ok) {
+            f.end = Frames::bad_hello;
+            return f;
+        }
+        f.chunked = c.base11;
+        at = mark + end_mark.size();
+    }
+    while (at < s.size()) {
+        if (!f.chunked) {
+            const std::size_t mark = s.find(end_mark, at);
+            if (mark == std::string_view::npos) {
+                if (s.size() - at >= max_message + end_mark.size())
+                    f.end = Frames::too_big;
+                return f;
+            }
+            if (mark - at > max_message) {
+                f.end = Frames::too_big;
+                return f;
+            }
+            f.messages.emplace_back(s.substr(at, mark - at));
+            at = mark + end_mark.size();
+            continue;
+        }
+        std::string message;
+        for (;;) {
+            // "\n#" then "#\n" (the end, after a chunk) or a size and "\n".
+            if (at >= s.size())
+                return f;
+            if (s[at] != '\n')
+                return f.end = Frames::broken, f;
+            if (++at >= s.size())
+                return f;
+            if (s[at] != '#')
+                return f.end = Frames::broken, f;
+            if (++at >= s.size())
+                return f;
+            if (s[at] == '#') {
+                if (message.empty())
+                    return f.end = Frames::broken, f;
+                if (++at >= s.size())
+                    return f;
+                if (s[at] != '\n')
+                    return f.end = Frames::broken, f;
+                ++at;
+                break;
+            }
+            uint64_t size = 0;
+            std::size_t digits = 0;
+            while (at < s.size() && s[at] >= '0' && s[at] <= '9') {
+                if ((digits == 0 && s[at] == '0') || digits == 10)
+                    return f.end = Frames::broken, f;
+                size = size * 10 + static_cast<uint64_t>(s[at] - '0');
+                if (size > 4294967295u)
+                    return f.end = Frames::broken, f;
+                ++digits;
+                ++at;
+            }
+            if (at >= s.size())
+                return f;
+            if (digits == 0 || s[at] != '\n')
+                return f.end = Frames::broken, f;
+            ++at;
+            if (message.size() + size > max_message)
+                return f.end = Frames::too_big, f;
+            if (s.size() - at < size)
+                return f;
+            message.append(s.substr(at, static_cast<std::size_t>(size)));
+            at += static_cast<std::size_t>(size);
+        }
+        f.messages.push_back(std::move(message));
+    }
+    return f;
+}
+
+// The messages of what the agent's side sent the client: its hello, then
+// replies in the session's frames (trusted: the guard's and the harness's).
+std::vector<std::string> replies_of(std::string_view s, bool chunked)
+{
+    std::vector<std::string> out;
+    std::size_t at = s.find(end_mark);
+    if (at == std::string_view::npos)
+        broken("the client got no hello");
+    at += end_mark.size();
+    while (at < s.size()) {
+        if (!chunked) {
+            const std::size_t mark = s.find(end_mark, at);
+            if (mark == std::string_view::npos)
+                broken("a reply without its end mark", s.substr(at));
+            out.emplace_back(s.substr(at, mark - at));
+            at = mark + end_mark.size();
+            continue;
+        }
+        std::string message;
+        while (s.compare(at, 4, "\n##\n") != 0) {
+            if (s.compare(at, 2, "\n#") != 0)
+                broken("a reply's chunk does not start with \\n#", s.substr(at));
+            const std::size_t nl = s.find('\n', at + 2);
+            const std::size_t size = std::stoul(std::string(s.substr(at + 2, nl - at - 2)));
+            message.append(s.substr(nl + 1, size));
+            at = nl + 1 + size;
+        }
+        at += 4;
+        out.push_back(std::move(message));
+    }
+    return out;
+}
+
+// ---------------------------------------------------------------- harness
+
+struct Harness {
+    fs::path dir;
+    ly_ctx *ctx = nullptr;
+
+    Harness()
+    {
+        char pattern[] = "/tmp/octunnel-serve-fuzz-XXXXXX";
+        if (mkdtemp(pattern) == nullptr)
+            std::abort();
+        dir = pattern;
+        xmlSetGenericErrorFunc(nullptr, silent);
+        ly_log_options(0);
+        ctx = served_context(OCTUNNEL_YANG_DIR);
+    }
+    ~Harness()
+    {
+        ly_ctx_destroy(ctx);
+        fs::remove_all(dir);
+    }
+    std::string running() const
+    {
+        std::ifstream in(dir / "running.xml", std::ios::binary);
+        return std::string((std::istreambuf_iterator<char>(in)), {});
+    }
+};
+
+Harness &harness()
+{
+    static Harness h;
+    return h;
+}
+
+std::string reply_text(const std::string &message_id, std::size_t seq, const Reply &r)
+{
+    std::string out = "<rpc-reply xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" message-id=\"";
+    escape_xml(out, message_id, true);
+    out += "\" seq=\"" + std::to_string(seq) + "\">";
+    if (!r.outcome.ok()) {
+        for (const RpcError &e : r.outcome.errors) {
+            if (!rfc_tags.contains(e.tag))
+                broken("an error-tag RFC 6241 does not have: " + e.tag);
+            for (const std::string *text :
+                 {&e.message, &e.path, &e.app_tag, &e.bad_element, &e.bad_attribute})
+                if (!xml_text(*text))
+                    broken("an error's text XML cannot hold", *text);
+            out += "<rpc-error><error-tag>" + e.tag + "</error-tag></rpc-error>";
+        }
+    } else if (r.data) {
+        out += "<data>" + r.outcome.data + "</data>";
+    } else {
+        out += "<ok/>";
+    }
+    return out + "</rpc-reply>";
+}
+
+std::string framed(std::string_view message, bool chunked)
+{
+    if (!chunked)
+        return std::string(message) + std::string(end_mark);
+    return "\n#" + std::to_string(message.size()) + "\n" + std::string(message) + "\n##\n";
+}
+
+// libnetconf2's part: parses a message handed on as it does, and answers it
+// with the agent's handlers.
+std::string answer(Agent &agent, const std::string &message, std::size_t seq)
+{
+    Harness &h = harness();
+    ly_in *in = nullptr;
+    if (ly_in_new_memory(message.c_str(), &in) != LY_SUCCESS)
+        std::abort();
+    lyd_node *envelope = nullptr, *op = nullptr;
+    const LY_ERR rc =
+        lyd_parse_op(h.ctx, nullptr, in, LYD_XML, LYD_TYPE_RPC_NETCONF, &envelope, &op);
+    ly_in_free(in, 0);
+    if (rc == LY_SUCCESS && op == nullptr)
+        broken("libyang parsed a message handed on into no operation", message);
+    if (rc != LY_SUCCESS && envelope == nullptr)
+        broken("libyang read no <rpc> of a message handed on, which libnetconf2 would not "
+               "answer on base:1.0",
+               message);
+    Reply r;
+    std::string id;
+    if (envelope != nullptr && envelope->schema == nullptr)
+        for (const lyd_attr *a = reinterpret_cast<const lyd_node_opaq *>(envelope)->attr;
+             a != nullptr; a = a->next)
+            if (std::string_view(a->name.name) == "message-id")
+                id = a->value;
+    if (rc != LY_SUCCESS) {
+        r.outcome = failure("operation-failed", "libyang refused the message");
+    } else {
+        const std::string before = h.running();
+        const bool test_only = text_of(param(op, "test-option")) == "test-only";
+        const bool edit = std::string_view(LYD_NAME(op)) == "edit-config";
+        if (auto handled = handle_request(agent, op, 1))
+            r = std::move(*handled);
+        else
+            r.outcome = failure("operation-not-supported", "not here");
+        if (edit) {
+            const std::string after = h.running();
+            if ((!r.outcome.ok() || test_only) && after != before)
+                broken("an edit that failed or only tested changed the configuration file");
+            if (!after.empty()) {
+                if (!well_formed(after, "data"))
+                    broken("the configuration file is no document", after);
+                try {
+                    Datastore again((h.dir / "running.xml").string());
+                } catch (const std::exception &e) {
+                    broken("the agent cannot read its configuration file back", e.what());
+                }
+            }
+        }
+    }
+    lyd_free_all(envelope);
+    lyd_free_all(op);
+    const std::string reply = reply_text(id, seq, r);
+    if (!well_formed(reply, "rpc-reply"))
+        broken("an answer that is not well-formed XML", reply);
+    return reply;
+}
+
+const std::string agent_hello =
+    "<hello xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><capabilities>"
+    "<capability>urn:ietf:params:netconf:base:1.0</capability>"
+    "<capability>urn:ietf:params:netconf:base:1.1</capability></capabilities>"
+    "<session-id>1</session-id></hello>]]>]]>";
+
+std::string client_hello(bool base11)
+{
+    return std::string("<hello xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><capabilities>"
+                       "<capability>urn:ietf:params:netconf:base:1.0</capability>") +
+           (base11 ? "<capability>urn:ietf:params:netconf:base:1.1</capability>" : "") +
+           "</capabilities></hello>]]>]]>";
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
+{
+    if (size < 1)
+        return -1;
+    Harness &h = harness();
+    const uint8_t flags = data[0];
+    const bool base11 = flags & 1, own_hello = flags & 2, locked = flags & 4;
+    const std::size_t piece = std::array<std::size_t, 4>{0, 1, 5, 61}[(flags >> 3) & 3];
+    std::string stream(reinterpret_cast<const char *>(data) + 1, size - 1);
+    if (!own_hello)
+        stream = client_hello(base11) + stream;
+
+    fs::remove_all(h.dir);
+    fs::create_directory(h.dir);
+    {
+        std::ofstream(h.dir / "running.xml", std::ios::binary) << running_seed;
+    }
+    AgentOptions o;
+    o.state_dir = h.dir.string();
+    o.module_path = OCTUNNEL_MODULE_PATH;
+    o.max_content = max_message;
+    Agent agent(o, [](const std::string &) {});
+    if (locked && !agent.lock(2).ok())
+        std::abort();
+
+    // The session: the agent's hello first, then what the client sends,
+    // each message handed on answered at once.
+    SessionGuard guard(max_message);
+    SessionGuard::Out out;
+    std::string to_client;
+    std::vector<std::string> handed_on;
+    bool hello_seen = false;
+    guard.from_agent(agent_hello, out);
+    to_client += out.to_client;
+    out.to_client.clear();
+    std::string pending; // of to_agent, not yet a whole message
+    for (std::size_t at = 0; at < stream.size() && !guard.ended();) {
+        const std::size_t n = piece == 0 ? stream.size() : std::min(piece, stream.size() - at);
+        guard.from_client(std::string_view(stream).substr(at, n), out);
+        at += n;
+        to_client += out.to_client;
+        out.to_client.clear();
+        pending += out.to_agent;
+        out.to_agent.clear();
+        // The guard hands on whole messages only.
+        const Frames handed = frames_of(pending, !hello_seen, guard.chunked());
+        if (handed.end != Frames::open)
+            broken("the guard handed on broken frames", pending);
+        if (!hello_seen && !pending.empty()) {
+            // The hello handed on offers base:1.1 exactly when the guard
+            // went on in chunks.
+            const std::string hello = pending.substr(0, pending.find(end_mark));
+            if (!well_formed(hello, "hello") ||
+                (hello.find(std::string(serve::base11)) != std::string::npos) != guard.chunked())
+                broken("the hello handed on is not the one the guard chose", hello);
+            hello_seen = true;
+        }
+        std::string replies;
+        for (const std::string &m : handed.messages) {
+            replies += framed(answer(agent, m, handed_on.size()), guard.chunked());
+            handed_on.push_back(m);
+        }
+        pending.clear();
+        if (!replies.empty()) {
+            guard.from_agent(replies, out);
+            to_client += out.to_client;
+            out.to_client.clear();
+        }
+    }
+
+    if (std::getenv("SHOW") != nullptr)
+        std::cerr << to_client << "\n---\n";
+    // What the client sent, framed plainly, against what the guard did.
+    const Frames sent = frames_of(stream, true, false);
+    const bool ends = sent.end != Frames::open;
+    if (guard.ended() != ends)
+        broken(ends ? "the session goes on past broken frames or a message too large"
+                    : "the session ended where its frames were whole: " + guard.reason());
+    const std::vector<std::string> replies = replies_of(to_client, guard.chunked());
+    const std::size_t expected = sent.end == Frames::bad_hello
+                                     ? 0
+                                     : sent.messages.size() + (sent.end == Frames::too_big ? 1 : 0);
+    if (replies.size() != expected)
+        broken("the client got " + std::to_string(replies.size()) + " replies to " +
+               std::to_string(expected) + " messages");
+    std::size_t k = 0; // messages handed on so far
+    for (std::size_t i = 0; i < replies.size(); ++i) {
+        if (!well_formed(replies[i], "rpc-reply"))
+            broken("a reply that is not well-formed XML", replies[i]);
+        const bool from_agent = replies[i].find(" seq=\"") != std::string::npos;
+        const bool handed = i < sent.messages.size() && k < handed_on.size() &&
+                            handed_on[k] == sent.messages[i];
+        if (from_agent != handed)
+            broken("a reply out of order, or a message handed on changed", replies[i]);
+        if (handed && replies[i].find(" seq=\"" + std::to_string(k) + "\"") == std::string::npos)
+            broken("libnetconf2's replies out of order", replies[i]);
+        k += handed ? 1 : 0;
+    }
+    if (k != handed_on.size())
+        broken("a message handed on that the client did not send");
+    if (sent.end == Frames::too_big &&
+        replies.back().find("<error-tag>too-big</error-tag>") == std::string::npos)
+        broken("a message too large not answered too-big", replies.back());
+    return 0;
+}
+
+#ifndef OCTUNNEL_LIBFUZZER
+// Replays inputs: files, or every file of a directory.
+int main(int argc, char **argv)
+{
+    std::size_t replayed = 0;
+    for (int i = 1; i < argc; ++i) {
+        std::vector<fs::path> files;
+        if (fs::is_directory(argv[i])) {
+            for (const auto &e : fs::directory_iterator(argv[i]))
+                if (e.is_regular_file())
+                    files.push_back(e.path());
+        } else {
+            files.emplace_back(argv[i]);
+        }
+        for (const fs::path &f : files) {
+            std::ifstream in(f, std::ios::binary);
+            std::string bytes((std::istreambuf_iterator<char>(in)), {});
+            LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
+            ++replayed;
+        }
+    }
+    std::cout << replayed << " inputs replayed\n";
+    return 0;
+}
+#endif

@@ -1,0 +1,106 @@
+"""The requests of the agent's tests, as text: what the tests send, and what
+tools/fuzz_corpus.py makes the seeds of the serve-rpc fuzz target of.
+Imports nothing beyond the standard library."""
+
+NC = "urn:ietf:params:xml:ns:netconf:base:1.0"
+OC = "http://openconfig.net/yang/interfaces"
+TUN = "http://openconfig.net/yang/interfaces/tunnel"
+BASE10 = "urn:ietf:params:netconf:base:1.0"
+BASE11 = "urn:ietf:params:netconf:base:1.1"
+
+
+def config(inner):
+    """An <edit-config> config of OpenConfig interfaces."""
+    return (f'<config xmlns="{NC}" xmlns:nc="{NC}"><interfaces xmlns="{OC}">{inner}'
+            f"</interfaces></config>")
+
+
+def tunnel(name, inner, op=None):
+    attr = f' nc:operation="{op}"' if op else ""
+    return (f"<interface{attr}><name>{name}</name><tunnel xmlns=\"{TUN}\">{inner}</tunnel>"
+            f"</interface>")
+
+
+def interfaces(inner):
+    return f'<interfaces xmlns="{OC}">{inner}</interfaces>'
+
+
+def hello(base11=True):
+    caps = f"<capability>{BASE10}</capability>"
+    if base11:
+        caps += f"<capability>{BASE11}</capability>"
+    return f'<hello xmlns="{NC}"><capabilities>{caps}</capabilities></hello>'
+
+
+def rpc(body, message_id="1"):
+    return f'<rpc xmlns="{NC}" message-id="{message_id}">{body}</rpc>'
+
+
+def edit(cfg, default_operation=None, test_option=None):
+    extra = ""
+    if default_operation:
+        extra += f"<default-operation>{default_operation}</default-operation>"
+    if test_option:
+        extra += f"<test-option>{test_option}</test-option>"
+    return f"<edit-config><target><running/></target>{extra}{cfg}</edit-config>"
+
+
+def get_config(filter_inner=None):
+    f = f'<filter type="subtree">{filter_inner}</filter>' if filter_inner is not None else ""
+    return f"<get-config><source><running/></source>{f}</get-config>"
+
+
+def get(filter_inner=None):
+    f = f'<filter type="subtree">{filter_inner}</filter>' if filter_inner is not None else ""
+    return f"<get>{f}</get>"
+
+
+TTL = tunnel("tunnel-ip12", "<config><ttl>12</ttl></config>")
+
+# Requests the tests send, each a message body.
+REQUESTS = [
+    edit(config(TTL)),
+    edit(config(tunnel("tunnel-ip12", '<config><gre-key nc:operation="delete">1001</gre-key>'
+                       "</config>"))),
+    edit(config(tunnel("tunnel-ip12", "<config><src>192.0.2.1</src></config>", "replace"))),
+    edit(config(tunnel("tunnel-ip7", "<config><ttl>7</ttl></config>", "create"))),
+    edit(config(tunnel("tunnel-ip7", "", "remove"))),
+    edit(config(TTL), default_operation="none"),
+    edit(config(TTL), default_operation="replace"),
+    edit(config(TTL), test_option="test-only"),
+    get_config(),
+    get_config(interfaces("")),
+    get_config(interfaces(tunnel("tunnel-ip12", "<config><ttl/></config>"))),
+    get_config(interfaces("<interface><name>tunnel-ip12</name></interface>")),
+    get(interfaces(tunnel("tunnel-ip12", "<state/>"))),
+    get('<netconf-state xmlns="urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"/>'),
+    "<lock><target><running/></target></lock>",
+    "<unlock><target><running/></target></unlock>",
+    f"<validate><source>{config(TTL)}</source></validate>",
+    "<close-session/>",
+]
+
+# Messages the tests send that no client library would.
+MALFORMED = [
+    f'<rpc xmlns="{NC}" message-id="1"><get-config><source><running/></get-config>',
+    "",
+    "  ",
+    '<?xml version="1.0"?><!-- nothing -->',
+    f'<rpc xmlns="{NC}"><get/></rpc>',
+    f'<rpc xmlns="{NC}" message-id="2"/>',
+    f'<rpc xmlns="{NC}" message-id="3">text<get/></rpc>',
+    ('<?xml version="1.0"?><!DOCTYPE r [<!ENTITY a "aaaaaaaaaa">]>'
+     f'<rpc xmlns="{NC}" message-id="4"><get/></rpc>'),
+]
+
+# Frames that break the framing of base:1.1.
+BAD_FRAMES = ["\n#0\n\n##\n", "\n##\n", "\n#abc\n", "\n#99999999999\n", "no frame at all"]
+
+
+def chunked(message):
+    data = message.encode()
+    return b"\n#%d\n" % len(data) + data + b"\n##\n"
+
+
+def end_marked(message):
+    return message.encode() + b"]]>]]>"
