@@ -84,7 +84,7 @@ struct Scan {
     std::string root, root_ns;
     bool has_message_id = false;
     std::string message_id;
-    int operations = 0; // elements directly in the root
+    int operations = 0;     // elements directly in the root
     bool root_text = false; // text directly in the root, not blanks
     // A hello: its capabilities, and whether it gives a session-id.
     bool session_id = false;
@@ -104,7 +104,7 @@ void start_element(void *user, const xmlChar *local, const xmlChar *, const xmlC
                    const xmlChar **, int nb_attributes, int, const xmlChar **attributes)
 {
     Scan &s = *static_cast<Scan *>(user);
-    if (++s.depth > max_depth) {
+    if (++s.depth > max_message_depth) {
         s.too_deep = true;
         xmlStopParser(s.ctxt);
         return;
@@ -147,9 +147,9 @@ void end_element(void *user, const xmlChar *, const xmlChar *, const xmlChar *)
 void characters(void *user, const xmlChar *ch, int len)
 {
     Scan &s = *static_cast<Scan *>(user);
-    if (s.depth == 1 &&
-        !trimmed(std::string_view(reinterpret_cast<const char *>(ch), static_cast<std::size_t>(len)))
-             .empty())
+    if (s.depth == 1 && !trimmed(std::string_view(reinterpret_cast<const char *>(ch),
+                                                  static_cast<std::size_t>(len)))
+                             .empty())
         s.root_text = true;
     if (s.in_capability && s.depth == 3)
         s.capability.append(reinterpret_cast<const char *>(ch), static_cast<std::size_t>(len));
@@ -174,11 +174,8 @@ void structured_error(void *user, xmlErrorPtr e)
 {
     Scan &s = *static_cast<Scan *>(user);
     if (e != nullptr && e->level >= XML_ERR_ERROR && s.error.empty()) {
-        s.error = one_line(e->message != nullptr ? e->message : "not well-formed");
-        if (s.error.size() > max_said)
-            s.error.resize(max_said);
-        while (!s.error.empty() && is_blank(s.error.back()))
-            s.error.pop_back();
+        s.error = one_line(
+            trimmed(e->message != nullptr ? e->message : "not well-formed").substr(0, max_said));
         s.error_line = e->line;
     }
 }
@@ -220,7 +217,10 @@ MessageCheck check_message(std::string_view text, bool hello)
     scan.ctxt = xmlCreatePushParserCtxt(&sax, &scan, nullptr, 0, nullptr);
     if (scan.ctxt == nullptr)
         throw std::bad_alloc();
-    xmlCtxtUseOptions(scan.ctxt, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    // Entities are replaced in attribute values as they are read: only
+    // those of XML itself, as no document type declaration is taken.
+    xmlCtxtUseOptions(scan.ctxt,
+                      XML_PARSE_NONET | XML_PARSE_NOENT | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
     for (std::size_t at = 0;;) {
         const std::size_t n = std::min<std::size_t>(text.size() - at, std::size_t{1} << 20);
         const bool last = at + n == text.size();
@@ -240,8 +240,8 @@ MessageCheck check_message(std::string_view text, bool hello)
     const std::string malformed = hello ? "" : "malformed-message";
     MessageCheck c;
     if (scan.too_deep) {
-        c = refused(hello ? "" : "too-big",
-                    "the message nests deeper than " + std::to_string(max_depth) + " elements");
+        c = refused(hello ? "" : "too-big", "the message nests deeper than " +
+                                                std::to_string(max_message_depth) + " elements");
     } else if (scan.dtd) {
         c = refused(malformed, "the message has a document type declaration, which NETCONF "
                                "messages do not");

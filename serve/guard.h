@@ -11,7 +11,7 @@
 // - the content: a message is handed on only when it is a well-formed XML
 //   document in UTF-8, without a document type declaration, whose root is a
 //   NETCONF <rpc> with a message-id and an operation, nested no deeper than
-//   max_depth.  Any other is answered here and the session goes on:
+//   max_message_depth.  Any other is answered here and the session goes on:
 //   malformed-message (on a base:1.0 session operation-failed, since RFC 6241
 //   keeps malformed-message from clients of base:1.0 alone),
 //   missing-attribute, missing-element or too-big.
@@ -39,19 +39,19 @@ inline constexpr std::string_view base10 = "urn:ietf:params:netconf:base:1.0";
 inline constexpr std::string_view base11 = "urn:ietf:params:netconf:base:1.1";
 
 // The elements a message may nest, the <rpc> itself counted.
-inline constexpr int max_depth = 200;
+inline constexpr int max_message_depth = 200;
 // A hello says little: far less than this.
 inline constexpr std::size_t max_hello = std::size_t{1} << 20;
 
 // What the content of one message is, as far as the guard is concerned.
 struct MessageCheck {
-    bool ok = false;          // an <rpc> to hand on (or a hello, for a hello)
-    std::string tag;          // otherwise the error-tag to answer, none: end the session
-    std::string message;      // what is wrong, one line
-    std::string message_id;   // of the <rpc>, when it has one
-    bool base10 = false;      // a hello: whether it offers base:1.0
-    bool base11 = false;      // ... and base:1.1
-    std::string bad_element;  // error-info of missing-*
+    bool ok = false;         // an <rpc> to hand on (or a hello, for a hello)
+    std::string tag;         // otherwise the error-tag to answer, none: end the session
+    std::string message;     // what is wrong, one line
+    std::string message_id;  // of the <rpc>, when it has one
+    bool base10 = false;     // a hello: whether it offers base:1.0
+    bool base11 = false;     // ... and base:1.1
+    std::string bad_element; // error-info of missing-*
     std::string bad_attribute;
 };
 

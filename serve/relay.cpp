@@ -132,9 +132,9 @@ void relay(ClientSide &client, int agent, std::size_t max_message, const std::at
         if (!open)
             break;
         const bool reading = !guard.closing() && to_agent.size() - sent < backlog;
-        pollfd p[2] = {{agent, static_cast<short>(POLLIN | (sent < to_agent.size() ? POLLOUT : 0)),
-                        0},
-                       {client.fd(), static_cast<short>(reading ? POLLIN : 0), 0}};
+        pollfd p[2] = {
+            {agent, static_cast<short>(POLLIN | (sent < to_agent.size() ? POLLOUT : 0)), 0},
+            {client.fd(), static_cast<short>(reading ? POLLIN : 0), 0}};
         if (reading && client.pending())
             continue;
         if (poll(p, 2, tick_ms) < 0 && errno != EINTR)

@@ -56,8 +56,8 @@ Reply edit_config(Agent &agent, const lyd_node *rpc, uint32_t sid)
         return {only_running()};
     const lyd_node *config = param(rpc, "config");
     if (config == nullptr)
-        return {failure("operation-not-supported", "only an inline <config> is taken",
-                        "application")};
+        return {
+            failure("operation-not-supported", "only an inline <config> is taken", "application")};
     DefaultOperation op = DefaultOperation::merge;
     if (const std::string d = text_of(param(rpc, "default-operation")); d == "replace")
         op = DefaultOperation::replace;
@@ -76,8 +76,7 @@ Reply validate(Agent &agent, const lyd_node *rpc, uint32_t sid)
     if (param(rpc, "source/running") != nullptr)
         return {};
     return {failure("operation-not-supported",
-                    "only the running configuration or an inline one is validated",
-                    "application")};
+                    "only the running configuration or an inline one is validated", "application")};
 }
 
 Reply read(Agent &agent, const lyd_node *rpc, uint32_t sid, bool config_only)

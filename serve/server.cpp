@@ -1,8 +1,8 @@
 #include "server.h"
 
 #include "access.h"
-#include "requests.h"
 #include "relay.h"
+#include "requests.h"
 #include "ssh.h"
 
 #include <atomic>
@@ -568,9 +568,8 @@ void Server::ssh_connection(int fd, std::string peer)
     }
     {
         SshConnection connection(*ssh_, fd);
-        const bool in = connection.login(login_timeout_s, peer, [this](const std::string &l) {
-            log(l);
-        });
+        const bool in =
+            connection.login(login_timeout_s, peer, [this](const std::string &l) { log(l); });
         {
             std::lock_guard guard(sockets_mutex_);
             --logging_in_;
@@ -624,8 +623,7 @@ void Server::unix_connection(int client)
     std::string user;
     passwd entry{}, *found = nullptr;
     std::vector<char> buffer(16384);
-    if (getpwuid_r(peer.uid, &entry, buffer.data(), buffer.size(), &found) == 0 &&
-        found != nullptr)
+    if (getpwuid_r(peer.uid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr)
         user = found->pw_name;
     else
         user = "uid" + std::to_string(peer.uid);

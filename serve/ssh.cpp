@@ -185,8 +185,7 @@ bool SshConnection::login(long timeout_s, const std::string &peer,
 
 long SshConnection::read(char *buffer, std::size_t size)
 {
-    const int n =
-        ssh_channel_read_nonblocking(channel_, buffer, static_cast<uint32_t>(size), 0);
+    const int n = ssh_channel_read_nonblocking(channel_, buffer, static_cast<uint32_t>(size), 0);
     if (n > 0)
         return n;
     if (n < 0 || ssh_channel_is_eof(channel_) || ssh_channel_is_closed(channel_))

@@ -40,6 +40,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -109,11 +110,25 @@ bool xml_text(std::string_view s)
 }
 
 const std::set<std::string> rfc_tags = {
-    "in-use",          "invalid-value",     "too-big",         "missing-attribute",
-    "bad-attribute",   "unknown-attribute", "missing-element", "bad-element",
-    "unknown-element", "unknown-namespace", "access-denied",   "lock-denied",
-    "resource-denied", "rollback-failed",   "data-exists",     "data-missing",
-    "operation-not-supported", "operation-failed", "malformed-message",
+    "in-use",
+    "invalid-value",
+    "too-big",
+    "missing-attribute",
+    "bad-attribute",
+    "unknown-attribute",
+    "missing-element",
+    "bad-element",
+    "unknown-element",
+    "unknown-namespace",
+    "access-denied",
+    "lock-denied",
+    "resource-denied",
+    "rollback-failed",
+    "data-exists",
+    "data-missing",
+    "operation-not-supported",
+    "operation-failed",
+    "malformed-message",
 };
 
 // ---------------------------------------------------------------- frames
@@ -259,6 +274,10 @@ struct Harness {
         dir = pattern;
         xmlSetGenericErrorFunc(nullptr, silent);
         ly_log_options(0);
+        // Each session's agent loads the module and lets it go; it stays
+        // loaded all along, as the fuzzer counts what it covers.
+        if (dlopen(OCTUNNEL_MODULE_PATH, RTLD_NOW | RTLD_NODELETE) == nullptr)
+            std::abort();
         ctx = served_context(OCTUNNEL_YANG_DIR);
     }
     ~Harness()
@@ -473,8 +492,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
         if (!well_formed(replies[i], "rpc-reply"))
             broken("a reply that is not well-formed XML", replies[i]);
         const bool from_agent = replies[i].find(" seq=\"") != std::string::npos;
-        const bool handed = i < sent.messages.size() && k < handed_on.size() &&
-                            handed_on[k] == sent.messages[i];
+        const bool handed =
+            i < sent.messages.size() && k < handed_on.size() && handed_on[k] == sent.messages[i];
         if (from_agent != handed)
             broken("a reply out of order, or a message handed on changed", replies[i]);
         if (handed && replies[i].find(" seq=\"" + std::to_string(k) + "\"") == std::string::npos)

@@ -111,18 +111,15 @@ def error_tag(reply):
     return root.findtext(f".//{{{NC}}}error-tag")
 
 
+def reply_root(reply):
+    return etree.fromstring(reply.encode())
+
+
 def test_malformed_requests_are_answered_and_the_agent_goes_on():
     with Agent("--max-request", "65536") as agent:
         s = agent.raw()
         assert "urn:ietf:params:netconf:base:1.1" in s.hello
 
-        # Not XML: an error naming what is wrong (libnetconf2 2.0 says
-        # operation-failed where the RFC has malformed-message), and the
-        # session goes on.
-        s.send(f'<rpc xmlns="{NC}" message-id="1"><get-config><source><running/></get-config>')
-        reply = s.receive()
-        assert error_tag(reply) in ("malformed-message", "operation-failed"), reply
-        assert "mismatch" in reply, reply
         # Operations that do not exist, or that the agent does not perform.
         assert error_tag(s.rpc('<frobnicate xmlns="urn:example:x"/>')) is not None
         assert error_tag(s.rpc(
@@ -140,59 +137,145 @@ def test_malformed_requests_are_answered_and_the_agent_goes_on():
                       "</get-config>")
         data = etree.fromstring(reply.encode()).find(f"{{{NC}}}data")
         assert data is not None and len(data) == 0, reply
-        # Entities declared in the message, deeply nested documents and
-        # oversized ones.
-        bomb = ('<?xml version="1.0"?><!DOCTYPE r [<!ENTITY a "aaaaaaaaaa">'
-                '<!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;">]>'
-                f'<rpc xmlns="{NC}" message-id="2"><get-config><source><running/></source>'
-                "</get-config></rpc>")
-        s.send(bomb)
-        assert error_tag(s.receive()) is not None
+        # Deeply nested documents and oversized ones.
         deep = "<a>" * 5000 + "</a>" * 5000
-        assert error_tag(s.rpc(edit(deep))) is not None
+        assert error_tag(s.rpc(edit(deep))) == "too-big"
+        assert error_tag(s.rpc(edit("<a>" * 150 + "</a>" * 150))) == "too-big"
         big = "".join(tunnel(f"tunnel-ip{i}", f"<config><ttl>{i % 255}</ttl></config>")
                       for i in range(1000))
         assert error_tag(s.rpc(edit(big))) == "too-big"
-        # Still serving, on this session and another.
+        # Still serving.
         assert "<data" in s.rpc("<get-config><source><running/></source></get-config>")
         s.close()
-
-        # Broken framing ends the session; so does a message beyond any
-        # request the agent takes, answered too-big first.  Messages
-        # without an element are no requests.  Base 1.0 has no way to say a
-        # message was malformed: it is passed over.
-        for base11, frames in ((True, ["\n#0\n\n##\n"]), (True, ["\n##\n"]),
-                               (True, ["\n#abc\n"]), (True, ["\n#99999999999\n"]),
-                               (True, ["no frame at all"]),
-                               (False, ["]]>]]>", "<rpc><not-closed>]]>]]>", "  ]]>]]>"])):
-            s = agent.raw(base11=base11)
-            for frame in frames:
-                s.send(frame, raw=True)
-            if base11:
-                try:
-                    s.receive()
-                    raise AssertionError("the session went on after " + repr(frames))
-                except (EOFError, OSError):
-                    pass
-            else:
-                assert "<data" in s.rpc("<get-config><source><running/></source></get-config>")
-            s.close()
-        s = agent.raw()
-        s.send(f"\n#{2 * 1024 * 1024}\n", raw=True)
-        assert error_tag(s.receive()) == "too-big"
-        try:
-            s.receive()
-            raise AssertionError("the session went on after a message too large")
-        except (EOFError, OSError):
-            pass
-        s.close()
         assert agent.alive()
-        assert "its client sent a chunk size" in "".join(agent.log)
+        agent.stop()
+
+
+# Messages that are no request libnetconf2 could read: the error-tag each is
+# answered with on a base:1.1 session (on base:1.0, where RFC 6241 keeps
+# malformed-message from the client, operation-failed), and a word of the
+# message.
+BAD_MESSAGES = [
+    (f'<rpc xmlns="{NC}" message-id="1"><get-config><source><running/></get-config>',
+     "malformed-message", "mismatch"),
+    ("", "malformed-message", "no element"),
+    ("  \n ", "malformed-message", "no element"),
+    ('<?xml version="1.0"?><!-- a comment alone -->', "malformed-message", "well-formed"),
+    (f'<rpc xmlns="{NC}" message-id="2"><get/></rpc><rpc/>', "malformed-message", "well-formed"),
+    ('<?xml version="1.0"?><!DOCTYPE r [<!ENTITY a "aaaaaaaaaa">'
+     '<!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;">]>'
+     f'<rpc xmlns="{NC}" message-id="3"><get/></rpc>', "malformed-message", "document type"),
+    (f'<rpc xmlns="{NC}" message-id="4">text<get/></rpc>', "malformed-message", "text"),
+    (f'<rpc message-id="5"><get/></rpc>', "malformed-message", "not an &lt;rpc&gt;"),
+    (f'<rpc xmlns="{NC}"><get/></rpc>', "missing-attribute", "message-id"),
+    (f'<rpc xmlns="{NC}" message-id="6"/>', "missing-element", "no operation"),
+]
+
+
+def test_bad_messages_are_answered_by_the_rfc_and_the_session_goes_on():
+    with Agent() as agent:
+        for base11 in (True, False):
+            s = agent.raw(base11=base11)
+            for message, tag, said in BAD_MESSAGES:
+                if base11 and message == "":
+                    s.send(b"\n#1\n \n##\n", raw=True)  # no chunk is empty
+                else:
+                    s.send(message)
+                reply = s.receive()
+                want = tag if base11 or tag != "malformed-message" else "operation-failed"
+                assert error_tag(reply) == want, (base11, message, reply)
+                assert said in reply, (message, reply)
+                # Answered in its turn: a request right after it gets its own.
+                assert "<data" in s.rpc("<get-config><source><running/></source></get-config>")
+            # Pipelined: the answers come back in the order of the requests.
+            get = f'<rpc xmlns="{NC}" message-id="a"><get-config><source><running/></source>' \
+                  "</get-config></rpc>"
+            for message in (get, "<rpc", get.replace('"a"', '"b"')):
+                s.send(message)
+            first, second, third = s.receive(), s.receive(), s.receive()
+            assert 'message-id="a"' in first and "<data" in first, first
+            assert error_tag(second) in ("malformed-message", "operation-failed"), second
+            assert 'message-id="b"' in third, third
+            s.close()
+        assert agent.alive()
+        agent.stop()
+
+
+def test_broken_frames_and_messages_too_large_end_the_session():
+    with Agent("--max-request", "65536") as agent:
+        # Chunks of size 0, an end mark before any chunk, sizes that are no
+        # number or too large, no chunk at all: the session ends unanswered.
+        for frames in ("\n#0\n\n##\n", "\n##\n", "\n#abc\n", "\n#99999999999\n",
+                       "no frame at all"):
+            s = agent.raw()
+            s.send(frames, raw=True)
+            try:
+                s.receive()
+                raise AssertionError("the session went on after " + repr(frames))
+            except (EOFError, OSError):
+                pass
+            s.close()
+        # A message beyond any request the agent takes: too-big, then the
+        # end, whether its chunk says so or the end mark of base:1.0 never
+        # comes.
+        limit = 65536 + 1024 * 1024
+        for base11, frames in ((True, f"\n#{limit + 1}\n"),
+                               (False, "<rpc>" + "x" * (limit + 1))):
+            s = agent.raw(base11=base11)
+            try:
+                s.send(frames, raw=True)
+            except (EOFError, OSError):
+                pass  # the agent may answer before all of it is sent
+            assert error_tag(s.receive()) == "too-big"
+            try:
+                s.receive()
+                raise AssertionError("the session went on after a message too large")
+            except (EOFError, OSError):
+                pass
+            s.close()
+        assert agent.alive()
+        log = "".join(agent.log)
+        assert "its client sent a chunk size" in log and "a message of no chunk" in log, log
         m = agent.connect()
         m.edit_config(target="running", config=config(tunnel(
             "tunnel-ip12", "<config><ttl>12</ttl></config>")))
         assert "/interfaces/interface[tunnel-ip12]/tunnel/config/ttl=12" in reply_leaves(
             m.get_config("running"))
+        m.close_session()
+        agent.stop()
+
+
+def test_logins_under_way_do_not_hold_up_others():
+    with Agent() as agent:
+        # Clients that connect and never log in: one says nothing, one
+        # stops after its banner, one in the middle of the key exchange.
+        silent = socket.create_connection(("127.0.0.1", agent.port))
+        banner = socket.create_connection(("127.0.0.1", agent.port))
+        banner.sendall(b"SSH-2.0-slow\r\n")
+        half = paramiko.Transport(("127.0.0.1", agent.port))
+        half.start_client()
+        # Another logs in and works meanwhile.
+        m = agent.connect()
+        m.get_config("running")
+        m.close_session()
+        half.close()
+
+        # Beyond the clients logging in at once, a connection is turned away
+        # at once; once they are gone, logins go on.
+        waiting = [socket.create_connection(("127.0.0.1", agent.port)) for _ in range(15)]
+        extra = socket.create_connection(("127.0.0.1", agent.port))
+        assert extra.recv(100) == b"", "a connection beyond the bound was served"
+        extra.close()
+        assert "turned away" in "".join(agent.log)
+        for w in waiting + [silent, banner]:
+            w.close()
+        for _ in range(200):
+            try:
+                m = agent.connect()
+                break
+            except Exception:  # noqa: BLE001 - turned away while the others go
+                continue
+        m.get_config("running")
         m.close_session()
         agent.stop()
 

@@ -31,12 +31,14 @@ def test_locks_keep_others_out_until_released():
         edit = config(tunnel("tunnel-ip12", "<config><ttl>1</ttl></config>"))
         a.lock("running")
 
-        # Another session gets neither the lock nor an edit, but reads.
+        # Another session gets neither the lock nor an edit (lock-denied,
+        # naming the holder), but reads.
         e = error_of(lambda: b.lock("running"))
         assert e.tag == "lock-denied", e.tag
         assert f"<session-id>{a.session_id}</session-id>" in e.info, e.info
         e = error_of(lambda: b.edit_config(target="running", config=edit))
-        assert e.tag == "in-use", e.tag
+        assert e.tag == "lock-denied", e.tag
+        assert f"<session-id>{a.session_id}</session-id>" in e.info, e.info
         b.get_config("running")
         # The holder edits; a second lock of its own is refused too.
         a.edit_config(target="running", config=edit)

@@ -1,10 +1,10 @@
 // The agent's parts without a network: subtree filtering, the native
-// datastore's edits, the framing guard, and requests through the loaded
+// datastore's edits, the relay's guard, and requests through the loaded
 // module.
 #include "agent.h"
 #include "datastore.h"
 #include "filter.h"
-#include "framing.h"
+#include "guard.h"
 #include "tree.h"
 
 #include <gtest/gtest.h>
@@ -306,45 +306,218 @@ TEST_F(DatastoreTest, TheFileIsReadBackAsItWasWritten)
     EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1);
 }
 
-// ---------------------------------------------------------------- framing
+// ---------------------------------------------------------------- guard
 
-TEST(FramingGuard, ChunksAfterAHelloOfBase11)
+const std::string NC = "urn:ietf:params:xml:ns:netconf:base:1.0";
+
+std::string hello_of(bool base11)
 {
-    const std::string hello = "<hello><capability>urn:ietf:params:netconf:base:1.1</capability>"
-                              "</hello>]]>]]>";
-    const std::string rpc = "<rpc message-id=\"1\"/>";
-    const std::string framed =
-        hello + "\n#" + std::to_string(rpc.size()) + "\n" + rpc + "\n#3\nabc\n##\n";
-    // Whole, or a byte at a time: the same.
-    FramingGuard whole(1000), bytes(1000);
-    EXPECT_EQ(whole.pass(framed), FramingGuard::Verdict::ok);
-    for (char c : framed)
-        ASSERT_EQ(bytes.pass(std::string_view(&c, 1)), FramingGuard::Verdict::ok);
-    EXPECT_TRUE(whole.chunked());
-
-    for (const std::string bad :
-         {"\n#0\n", "\n##\n", "\n#x\n", "\n#01\n", "x", "\n#4294967296\n"}) {
-        FramingGuard g(1000);
-        g.pass(hello);
-        EXPECT_EQ(g.pass(bad), FramingGuard::Verdict::malformed) << bad;
-        EXPECT_EQ(g.pass("\n#1\na\n##\n"), FramingGuard::Verdict::malformed);
-    }
-    FramingGuard big(100);
-    big.pass(hello);
-    EXPECT_EQ(big.pass("\n#60\n" + std::string(60, 'a') + "\n#41\n"),
-              FramingGuard::Verdict::too_big);
+    return "<hello xmlns=\"" + NC +
+           "\"><capabilities><capability>urn:ietf:params:netconf:base:1.0</capability>" +
+           (base11 ? "<capability>\n urn:ietf:params:netconf:base:1.1 </capability>" : "") +
+           "</capabilities></hello>]]>]]>";
 }
 
-TEST(FramingGuard, EndMarksOfBase10)
+std::string chunk(const std::string &m)
 {
-    // A hello of base:1.0 alone keeps the end marks, found however the
-    // brackets run before them.
-    FramingGuard g(20);
-    EXPECT_EQ(g.pass("<hello/>]]>]]>"), FramingGuard::Verdict::ok);
-    EXPECT_FALSE(g.chunked());
-    EXPECT_EQ(g.pass("]]]>]]]]>]]>"), FramingGuard::Verdict::ok);
-    EXPECT_EQ(g.pass("0123456789]]>]]>"), FramingGuard::Verdict::ok);
-    EXPECT_EQ(g.pass("0123456789012345678901"), FramingGuard::Verdict::too_big);
+    return "\n#" + std::to_string(m.size()) + "\n" + m + "\n##\n";
+}
+
+std::string rpc(const std::string &body, const std::string &id = "7")
+{
+    return "<rpc xmlns=\"" + NC + "\" message-id=\"" + id + "\">" + body + "</rpc>";
+}
+
+// A guard past the hellos of both sides, its first output left behind.
+struct Session {
+    explicit Session(bool base11, std::size_t max = 1000) : guard(max)
+    {
+        guard.from_agent("<hello/>]]>]]>", out);
+        guard.from_client(hello_of(base11), out);
+        hello = out.to_agent;
+        out = {};
+    }
+    // What the client gets of one message it sends, when libnetconf2
+    // answers each request handed on with <ok/>.
+    std::string exchange(const std::string &bytes)
+    {
+        guard.from_client(bytes, out);
+        std::string got = out.to_client;
+        out.to_client.clear();
+        const std::string handed = out.to_agent;
+        out.to_agent.clear();
+        if (!handed.empty()) {
+            const std::string ok = "<rpc-reply><ok/></rpc-reply>";
+            guard.from_agent(guard.chunked() ? chunk(ok) : ok + "]]>]]>", out);
+            got += out.to_client;
+            out.to_client.clear();
+        }
+        return got;
+    }
+    SessionGuard guard;
+    SessionGuard::Out out;
+    std::string hello;
+};
+
+TEST(SessionGuard, HandsOnWholeMessagesFramedAnewAfterTheHelloItChose)
+{
+    const std::string get = rpc("<get/>");
+    for (const bool base11 : {true, false}) {
+        const std::string framed = base11 ? "\n#3\n" + get.substr(0, 3) + "\n#" +
+                                                std::to_string(get.size() - 3) + "\n" +
+                                                get.substr(3) + "\n##\n"
+                                          : get + "]]>]]>";
+        // Whole, or a byte at a time: the same.
+        SessionGuard whole(1000), bytes(1000);
+        SessionGuard::Out a, b;
+        whole.from_client(hello_of(base11) + framed, a);
+        for (char c : hello_of(base11) + framed)
+            bytes.from_client(std::string_view(&c, 1), b);
+        EXPECT_EQ(a.to_agent, b.to_agent);
+        EXPECT_TRUE(a.to_client.empty());
+        EXPECT_EQ(whole.chunked(), base11);
+        // libnetconf2 hears the hello the guard chose, then the message in
+        // one chunk.
+        const std::string hello = "<hello xmlns=\"" + NC +
+                                  "\"><capabilities><capability>urn:ietf:params:netconf:base:1.0"
+                                  "</capability>" +
+                                  (base11 ? "<capability>urn:ietf:params:netconf:base:1.1"
+                                            "</capability>"
+                                          : "") +
+                                  "</capabilities></hello>]]>]]>";
+        EXPECT_EQ(a.to_agent, hello + (base11 ? chunk(get) : get + "]]>]]>"));
+        EXPECT_EQ(whole.unanswered(), 1u);
+    }
+}
+
+TEST(SessionGuard, BrokenFramesAndHellosEndTheSession)
+{
+    struct Case {
+        std::string hello, bytes, why;
+    };
+    const std::string h11 = hello_of(true);
+    for (const Case &c : std::vector<Case>{
+             {h11, "\n#0\n", "chunk size"},
+             {h11, "\n##\n", "no chunk"},
+             {h11, "\n#x\n", "chunk size"},
+             {h11, "\n#01\n", "chunk size"},
+             {h11, "\n#4294967296\n", "chunk size"},
+             {h11, "\n#12345678901", "chunk size"},
+             {h11, "x", "does not start"},
+             {h11, "\n#3\nabc\n##x", "end mark"},
+             {"<rpc xmlns=\"" + NC + "\" message-id=\"1\"><get/></rpc>]]>]]>", "", "not one"},
+             {"<hello xmlns=\"" + NC + "\"><session-id>4</session-id></hello>]]>]]>", "",
+              "session-id"},
+             {"<hello xmlns=\"" + NC + "\"/>]]>]]>", "", "neither"},
+             {"<hello xmlns=\"" + NC + "\">]]>]]>", "", "well-formed"},
+             {std::string(max_hello + 6, ' '), "", "larger"},
+         }) {
+        SessionGuard g(1000);
+        SessionGuard::Out out;
+        g.from_client(c.hello + c.bytes, out);
+        EXPECT_TRUE(g.ended()) << c.hello << c.bytes;
+        EXPECT_NE(g.reason().find(c.why), std::string::npos) << g.reason();
+        // Nothing more is taken, and the client is told nothing.
+        g.from_client(chunk(rpc("<get/>")), out);
+        EXPECT_TRUE(out.to_client.empty());
+        EXPECT_EQ(out.to_agent.find("<get/>"), std::string::npos);
+    }
+}
+
+TEST(SessionGuard, WhatLibnetconf2CannotTakeIsAnsweredHereAndTheSessionGoesOn)
+{
+    struct Case {
+        std::string message, tag10, tag11, said;
+    };
+    const std::string deep = std::string("<rpc xmlns=\"") + NC + "\" message-id=\"3\">" + [] {
+        std::string d;
+        for (int i = 0; i < max_message_depth; ++i)
+            d += "<a>";
+        for (int i = 0; i < max_message_depth; ++i)
+            d += "</a>";
+        return d;
+    }() + "</rpc>";
+    for (const Case &c : std::vector<Case>{
+             {"", "operation-failed", "malformed-message", "no element"},
+             {" \r\n\t", "operation-failed", "malformed-message", "no element"},
+             {"<?xml version=\"1.0\"?><!-- only -->", "operation-failed", "malformed-message",
+              "not well-formed"},
+             {rpc("<get>"), "operation-failed", "malformed-message", "not well-formed"},
+             {rpc("<get/>") + "<more/>", "operation-failed", "malformed-message",
+              "not well-formed"},
+             {rpc("<x:get/>"), "operation-failed", "malformed-message", "not well-formed"},
+             {rpc("&undeclared;<get/>"), "operation-failed", "malformed-message", "not well"},
+             {"<!DOCTYPE rpc [<!ENTITY a \"b\">]>" + rpc("<get/>"), "operation-failed",
+              "malformed-message", "document type"},
+             {rpc("<get/>\xff"), "operation-failed", "malformed-message", "UTF-8"},
+             {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>" + rpc("<get/>"), "operation-failed",
+              "malformed-message", "UTF-8"},
+             {"<hello xmlns=\"" + NC + "\"/>", "operation-failed", "malformed-message",
+              "not an &lt;rpc&gt;"},
+             {"<rpc message-id=\"1\"><get/></rpc>", "operation-failed", "malformed-message",
+              "not an &lt;rpc&gt;"},
+             {rpc("text<get/>"), "operation-failed", "malformed-message", "text beside"},
+             {rpc("<![CDATA[ ]]><get/>"), "operation-failed", "malformed-message", "text beside"},
+             {rpc("<get/><get/>"), "operation-failed", "malformed-message", "more than one"},
+             {"<rpc xmlns=\"" + NC + "\"><get/></rpc>", "missing-attribute", "missing-attribute",
+              "message-id"},
+             {rpc(""), "missing-element", "missing-element", "no operation"},
+             {deep, "too-big", "too-big", "deeper"},
+         }) {
+        for (const bool base11 : {false, true}) {
+            Session s(base11, 100000);
+            const std::string got =
+                s.exchange(base11 ? (c.message.empty() ? "\n#1\n \n##\n" : chunk(c.message))
+                                  : c.message + "]]>]]>");
+            EXPECT_NE(got.find("<error-tag>" + (base11 ? c.tag11 : c.tag10) + "</error-tag>"),
+                      std::string::npos)
+                << c.message << " -> " << got;
+            EXPECT_NE(got.find(c.said), std::string::npos) << got;
+            EXPECT_EQ(s.guard.unanswered(), 0u);
+            EXPECT_FALSE(s.guard.closing());
+        }
+    }
+    // The answer carries the message-id when there is one, its text
+    // escaped; an <rpc> whole goes on as it came.
+    Session s(true);
+    const std::string got = s.exchange(chunk(rpc("", "a&amp;&lt;b")));
+    EXPECT_NE(got.find("message-id=\"a&amp;&lt;b\""), std::string::npos) << got;
+    EXPECT_NE(got.find("<bad-element>rpc</bad-element>"), std::string::npos) << got;
+    EXPECT_EQ(s.exchange(chunk(rpc("<get/>"))), chunk("<rpc-reply><ok/></rpc-reply>"));
+}
+
+TEST(SessionGuard, ItsAnswersWaitForLibnetconf2sToEarlierRequests)
+{
+    Session s(true);
+    SessionGuard::Out &out = s.out;
+    // A request handed on, then a malformed message: its answer waits.
+    s.guard.from_client(chunk(rpc("<get/>", "1")) + chunk("<rpc"), out);
+    EXPECT_TRUE(out.to_client.empty());
+    EXPECT_EQ(s.guard.unanswered(), 1u);
+    const std::string reply = chunk("<rpc-reply message-id=\"1\"><data/></rpc-reply>");
+    // libnetconf2's reply in pieces: the guard's answer goes right after
+    // its end.
+    s.guard.from_agent(reply.substr(0, 10), out);
+    EXPECT_EQ(out.to_client, reply.substr(0, 10));
+    s.guard.from_agent(reply.substr(10), out);
+    EXPECT_TRUE(out.to_client.starts_with(reply));
+    EXPECT_NE(out.to_client.find("malformed-message", reply.size()), std::string::npos);
+
+    // A message too large is answered too-big once what came before is
+    // answered, and the session ends then.
+    Session big(true, 100);
+    big.guard.from_client(chunk(rpc("<get/>", "1")) + "\n#101\n", big.out);
+    EXPECT_TRUE(big.guard.closing());
+    EXPECT_FALSE(big.guard.ended());
+    EXPECT_TRUE(big.out.to_client.empty());
+    big.guard.from_agent(chunk("<rpc-reply/>"), big.out);
+    EXPECT_TRUE(big.guard.ended());
+    EXPECT_NE(big.out.to_client.find("too-big"), std::string::npos);
+    // So is one of base:1.0 without its end mark, before it all came.
+    Session old(false, 100);
+    const std::string got = old.exchange(std::string(106, 'x'));
+    EXPECT_NE(got.find("too-big"), std::string::npos);
+    EXPECT_TRUE(old.guard.ended());
 }
 
 // ---------------------------------------------------------------- agent
@@ -410,7 +583,7 @@ TEST_F(AgentTest, RefusalsAndLocksAreNetconfErrors)
         agent_->edit_config(2, oc("<config><ttl>1</ttl></config>"), DefaultOperation::merge, false)
             .errors.at(0)
             .tag,
-        "in-use");
+        "lock-denied");
     agent_->session_ended(1);
     EXPECT_TRUE(agent_->lock(2).ok());
 
