@@ -97,7 +97,10 @@ int main(int argc, char **argv)
                      "are kept; made if missing")
         ->type_name("DIR")
         ->required();
-    server->add_option("--listen", so.listen, "SSH on this address and port ([ADDR]:PORT for IPv6)")
+    server
+        ->add_option("--listen", so.listen,
+                     "SSH on this address and port, by number ([ADDR]:PORT for IPv6): a login "
+                     "has 30 s, 16 log in at once, six failed attempts end a connection")
         ->type_name("ADDR:PORT");
     server
         ->add_option("--unix", so.unix_path,
@@ -139,13 +142,18 @@ int main(int argc, char **argv)
     server
         ->add_option("--max-request", serve_max_request,
                      "The largest <config> or <filter> taken, in bytes (default 256 MiB); a larger "
-                     "one is answered too-big")
+                     "one is answered too-big, a message larger than this and 1 MiB too-big and "
+                     "the session ends")
         ->type_name("BYTES");
     server->add_flag("--verbose", so.verbose, "Log sessions and what libnetconf2 says");
     server->footer(
         "The agent serves the running configuration alone (no candidate or startup); an edit\n"
         "applies whole or not at all and is on disk before it is answered. It stops on\n"
         "SIGINT or SIGTERM.\n"
+        "Every message a client sends is checked before libnetconf2 reads it: one that is not\n"
+        "well-formed XML in UTF-8, holds no element or is no <rpc> is answered\n"
+        "malformed-message (operation-failed on a base:1.0 session); broken framing ends the\n"
+        "session.\n"
         "Exit status: 0 stopped by a signal; 2 it could not start (one line on stderr says "
         "why).\n"
         "Environment: OCTUNNEL_MODULE (the module), OCTUNNEL_YANG_DIR (the YANG models).");

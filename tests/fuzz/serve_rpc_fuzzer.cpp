@@ -26,8 +26,9 @@
 //   bit 2   another session holds the lock of the running configuration
 //   bits 3-4 the client's bytes come whole, or 1, 5 or 61 at a time
 //
-// tools/fuzz_corpus.py writes the seeds in this form.  With libFuzzer it is
-// a fuzz target; built without, its main() replays the files and
+// tools/fuzz_corpus.py writes the seeds in this form; with
+// OCTUNNEL_FUZZ_SHOW set, what the client got goes to stderr.  With
+// libFuzzer it is a fuzz target; built without, its main() replays the files and
 // directories it is given, as CI does with the inputs that once failed.
 #include "agent.h"
 #include "datastore.h"
@@ -472,7 +473,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
         }
     }
 
-    if (std::getenv("SHOW") != nullptr)
+    if (std::getenv("OCTUNNEL_FUZZ_SHOW") != nullptr)
         std::cerr << to_client << "\n---\n";
     // What the client sent, framed plainly, against what the guard did.
     const Frames sent = frames_of(stream, true, false);
