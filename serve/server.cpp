@@ -13,6 +13,7 @@
 #include <fstream>
 #include <mutex>
 #include <netdb.h>
+#include <optional>
 #include <ostream>
 #include <poll.h>
 #include <pwd.h>
@@ -236,6 +237,10 @@ private:
     void accept_loop();
     void watch_loop();
     void spawn(std::function<void()> work);
+    // Keeps `fd` known until unwatch(), to be shut down when the agent
+    // stops or, given a time, when a login outlasts it; none once stopping.
+    std::optional<uint64_t> watch(int fd, std::chrono::seconds login);
+    void unwatch(uint64_t id);
     void ssh_connection(int fd, std::string peer);
     void unix_connection(int client);
     void serve_client(ClientSide &client, const std::string &user);
@@ -552,40 +557,47 @@ void Server::watch_loop()
         shutdown(socket.fd, SHUT_RDWR);
 }
 
+std::optional<uint64_t> Server::watch(int fd, std::chrono::seconds login)
+{
+    std::lock_guard guard(sockets_mutex_);
+    if (stop_)
+        return std::nullopt;
+    const uint64_t id = next_socket_++;
+    sockets_.emplace(id,
+                     Socket{fd, login.count() > 0 ? std::chrono::steady_clock::now() + login
+                                                  : std::chrono::steady_clock::time_point::max()});
+    return id;
+}
+
+void Server::unwatch(uint64_t id)
+{
+    std::lock_guard guard(sockets_mutex_);
+    sockets_.erase(id);
+}
+
 void Server::ssh_connection(int fd, std::string peer)
 {
-    uint64_t id;
+    const auto id = watch(fd, std::chrono::seconds(login_timeout_s));
+    SshConnection connection(*ssh_, fd);
+    bool in = false;
+    if (id)
+        in = connection.login(login_timeout_s, peer, [this](const std::string &l) { log(l); });
     {
         std::lock_guard guard(sockets_mutex_);
-        if (stop_) {
-            --logging_in_;
-            close(fd);
-            return;
-        }
-        id = next_socket_++;
-        sockets_.emplace(id, Socket{fd, std::chrono::steady_clock::now() +
-                                            std::chrono::seconds(login_timeout_s)});
+        --logging_in_;
+        if (id)
+            sockets_.at(*id).deadline = std::chrono::steady_clock::time_point::max();
+        if (stop_)
+            shutdown(fd, SHUT_RDWR);
     }
-    {
-        SshConnection connection(*ssh_, fd);
-        const bool in =
-            connection.login(login_timeout_s, peer, [this](const std::string &l) { log(l); });
-        {
-            std::lock_guard guard(sockets_mutex_);
-            --logging_in_;
-            sockets_.at(id).deadline = std::chrono::steady_clock::time_point::max();
-            if (stop_)
-                shutdown(fd, SHUT_RDWR);
-        }
-        if (in) {
-            if (o_.verbose)
-                log("'" + one_line(connection.user()) + "' logged in from " + peer);
-            serve_client(connection, connection.user());
-        }
-        // The socket stays known until the connection closes it.
-        std::lock_guard guard(sockets_mutex_);
-        sockets_.erase(id);
+    if (in) {
+        if (o_.verbose)
+            log("'" + one_line(connection.user()) + "' logged in from " + peer);
+        serve_client(connection, connection.user());
     }
+    // Forgotten before the socket closes, when its number may go to another.
+    if (id)
+        unwatch(*id);
 }
 
 // ---------------------------------------------------------------- UNIX socket
@@ -615,19 +627,25 @@ void Server::listen_unix()
 void Server::unix_connection(int client)
 {
     SocketSide side(client);
+    const auto id = watch(client, std::chrono::seconds(0));
+    if (!id)
+        return;
     // The user is the one whose process connected.
     ucred peer{};
     socklen_t size = sizeof peer;
-    if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
-        return;
-    std::string user;
-    passwd entry{}, *found = nullptr;
-    std::vector<char> buffer(16384);
-    if (getpwuid_r(peer.uid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr)
-        user = found->pw_name;
-    else
-        user = "uid" + std::to_string(peer.uid);
-    serve_client(side, user);
+    if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
+        std::string user;
+        passwd entry{}, *found = nullptr;
+        std::vector<char> buffer(16384);
+        if (getpwuid_r(peer.uid, &entry, buffer.data(), buffer.size(), &found) == 0 &&
+            found != nullptr)
+            user = found->pw_name;
+        else
+            user = "uid" + std::to_string(peer.uid);
+        serve_client(side, user);
+    }
+    // Forgotten before the socket closes, when its number may go to another.
+    unwatch(*id);
 }
 
 // ---------------------------------------------------------------- start

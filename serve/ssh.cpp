@@ -20,7 +20,7 @@ struct SshConnection::Login {
     bool authenticated = false;
     std::string user;
     int failures = 0;
-    ssh_channel channel = nullptr;
+    ssh_channel channel = nullptr; // the one channel of the connection
     bool subsystem = false;
     ssh_server_callbacks_struct server_callbacks{};
     ssh_channel_callbacks_struct channel_callbacks{};
@@ -112,10 +112,8 @@ SshConnection::~SshConnection()
     if (session_ != nullptr) {
         // Nothing waits on a client that does not read any more.
         ssh_set_blocking(session_, 0);
-        if (channel_ != nullptr) {
-            ssh_channel_close(channel_);
-            ssh_channel_free(channel_);
-        } else if (login_ && login_->channel != nullptr) {
+        if (login_ && login_->channel != nullptr) {
+            ssh_channel_close(login_->channel);
             ssh_channel_free(login_->channel);
         }
         ssh_disconnect(session_);
@@ -178,7 +176,6 @@ bool SshConnection::login(long timeout_s, const std::string &peer,
     if (!ok)
         return false;
     channel_ = l.channel;
-    l.channel = nullptr;
     user_ = l.user;
     return true;
 }

@@ -254,11 +254,20 @@ def test_logins_under_way_do_not_hold_up_others():
         banner.sendall(b"SSH-2.0-slow\r\n")
         half = paramiko.Transport(("127.0.0.1", agent.port))
         half.start_client()
-        # Another logs in and works meanwhile.
+        # Another logs in and works meanwhile; a connection carries one
+        # session channel, no second.
         m = agent.connect()
         m.get_config("running")
         m.close_session()
         half.close()
+        s = agent.raw()
+        try:
+            s.ssh.get_transport().open_session()
+            raise AssertionError("a second channel was opened")
+        except paramiko.ChannelException:
+            pass
+        assert "<data" in s.rpc("<get-config><source><running/></source></get-config>")
+        s.close()
 
         # Beyond the clients logging in at once, a connection is turned away
         # at once; once they are gone, logins go on.
