@@ -7,7 +7,6 @@
 #include <libssh/server.h>
 
 #include <chrono>
-#include <mutex>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -100,6 +99,12 @@ SshServer::SshServer(const std::string &host_key, const Users &users, const Auth
         throw std::runtime_error("cannot use the SSH host key " + host_key);
 }
 
+bool SshServer::accept(ssh_session session, int fd) const
+{
+    std::lock_guard guard(accept_mutex_);
+    return ssh_bind_accept_fd(bind_, session, fd) == SSH_OK;
+}
+
 SshServer::~SshServer()
 {
     ssh_bind_free(bind_);
@@ -135,7 +140,7 @@ bool SshConnection::login(long timeout_s, const std::string &peer,
     l.log = &log;
     l.peer = peer;
     ssh_options_set(session_, SSH_OPTIONS_TIMEOUT, &timeout_s);
-    if (ssh_bind_accept_fd(server_.bind(), session_, fd_) != SSH_OK)
+    if (!server_.accept(session_, fd_))
         return false;
     int methods = 0;
     if (server_.users().size() > 0)

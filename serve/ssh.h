@@ -7,7 +7,9 @@
 #include "access.h"
 #include "relay.h"
 
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 struct ssh_bind_struct;
@@ -29,9 +31,13 @@ public:
 
     const Users &users() const { return users_; }
     const AuthorizedKeys &keys() const { return keys_; }
-    ssh_bind_struct *bind() const { return bind_; }
+    // Hands `fd` to `session`, with the host key.  libssh reads the key
+    // file the first time, into the bind all connections share: one at a
+    // time.
+    bool accept(ssh_session_struct *session, int fd) const;
 
 private:
+    mutable std::mutex accept_mutex_;
     ssh_bind_struct *bind_ = nullptr;
     const Users &users_;
     const AuthorizedKeys &keys_;
