@@ -594,6 +594,8 @@ void Server::ssh_connection(int fd, std::string peer)
         if (o_.verbose)
             log("'" + one_line(connection.user()) + "' logged in from " + peer);
         serve_client(connection, connection.user());
+    } else if (!stop_) {
+        log("a connection from " + peer + " ended without a login");
     }
     // Forgotten before the socket closes, when its number may go to another.
     if (id)

@@ -70,6 +70,7 @@ class Agent:
         self.args = list(args)
         self.proc = None
         self.log = []
+        self.logged = threading.Condition()
         self.port = None
 
     def __enter__(self):
@@ -109,7 +110,19 @@ class Agent:
 
     def _drain(self):
         for line in self.proc.stderr:
-            self.log.append(line)
+            with self.logged:
+                self.log.append(line)
+                self.logged.notify_all()
+        with self.logged:
+            self.logged.notify_all()
+
+    def wait_log(self, text, count=1):
+        """Waits until the log has said `text` `count` times (or the agent
+        is gone)."""
+        with self.logged:
+            self.logged.wait_for(lambda: "".join(self.log).count(text) >= count
+                                 or self.proc.poll() is not None)
+        assert "".join(self.log).count(text) >= count, "".join(self.log)
 
     def stop(self):
         """SIGTERM: the agent stops cleanly, with status 0."""
