@@ -251,7 +251,8 @@ MessageCheck check_message(std::string_view text, bool hello)
                         (scan.error_line > 0 ? " (line " + std::to_string(scan.error_line) + ")"
                                              : std::string()) +
                         (scan.error.empty() ? std::string() : ": " + scan.error));
-    } else if (!encoding.empty() && strcasecmp(encoding.c_str(), "UTF-8") != 0) {
+    } else if (!encoding.empty() && strcasecmp(encoding.c_str(), "UTF-8") != 0 &&
+               strcasecmp(encoding.c_str(), "UTF8") != 0) {
         c = refused(malformed, "the message is not in UTF-8 but " + one_line(encoding));
     } else if (scan.root_ns != netconf_ns || scan.root != (hello ? "hello" : "rpc")) {
         c = refused(malformed, std::string(hello ? "the first message is not a <hello>"
@@ -276,7 +277,6 @@ MessageCheck check_message(std::string_view text, bool hello)
         c = refused(scan.operations == 0 ? "missing-element" : "malformed-message",
                     scan.operations == 0 ? "the <rpc> names no operation"
                                          : "the <rpc> holds more than one operation");
-        c.message_id = scan.message_id;
         if (scan.operations == 0)
             c.bad_element = "rpc";
     } else {
