@@ -8,6 +8,7 @@ and closes with "N passed, N failed".  Nothing waits on a clock: an agent is
 ready when it says so on stderr, and gone when it has exited.
 """
 
+import contextlib
 import os
 import re
 import shutil
@@ -21,16 +22,14 @@ import ncclient.transport.ssh
 import paramiko
 from lxml import etree
 from ncclient import manager
+from ncclient.operations.rpc import RPCError
 
-from payloads import NC, OC, TUN, config, interfaces, tunnel  # noqa: F401 - for the tests
+from payloads import NC, OC, TUN, config, hello, interfaces, tunnel  # noqa: F401
 
 # ncclient sends a request only when its transport loop wakes: every 100 ms
 # by default, which would make every request of the tests take that long.
 ncclient.transport.ssh.TICK = 0.002
 
-IFMGR = "http://valmora.com/ns/yang/Valmora-ifmgr-cfg"
-
-SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 OCTUNNEL = None  # set by run.py
 # Every agent a test started, so that run.py finds one left running.
 PROCESSES = []
@@ -38,7 +37,7 @@ USER, PASSWORD = "alice", "tunnels-at-dawn"
 
 
 def source(*parts):
-    return os.path.join(SOURCE, *parts)
+    return os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", *parts)
 
 
 def read(path):
@@ -46,63 +45,57 @@ def read(path):
         return f.read()
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
-def hashed(password):
-    return subprocess.run(["openssl", "passwd", "-6", password], check=True,
-                          capture_output=True, text=True).stdout.strip()
+BASE = source("tests", "roundtrip", "tunnel-config", "input.xml")
 
 
 class Agent:
-    """One `octunnel serve`, its state directory and its log."""
+    """One `octunnel serve`, its state directory and its log.  Leaving its
+    `with` block normally stops it with SIGTERM, and it must exit 0."""
 
-    def __init__(self, *args, state=None, users=None):
+    def __init__(self, *args, users=None, unix=False):
         self.work = tempfile.mkdtemp(prefix="octunnel-serve-")
-        self.state = state or os.path.join(self.work, "state")
+        self.state = os.path.join(self.work, "state")
+        self.running = os.path.join(self.state, "running.xml")
         self.users = os.path.join(self.work, "users")
         with open(self.users, "w", encoding="utf-8") as f:
             for name, password in (users or {USER: PASSWORD}).items():
-                f.write(f"{name}:{hashed(password)}\n")
-        self.args = list(args)
-        self.proc = None
-        self.log = []
+                f.write(name + ":" + subprocess.run(["openssl", "passwd", "-6", password],
+                                                    check=True, capture_output=True,
+                                                    text=True).stdout)
+        self.unix = os.path.join(self.work, "netconf.sock") if unix else None
+        self.args = list(args) + (["--unix", self.unix] if unix else [])
+        self.proc, self.port, self.log = None, None, []
         self.logged = threading.Condition()
-        self.port = None
 
     def __enter__(self):
         self.start()
         return self
 
-    def __exit__(self, *exc):
-        if self.proc is not None and self.proc.poll() is None:
-            self.proc.kill()
-            self.proc.wait()
+    def __exit__(self, exc, *_):
+        if exc is None and self.alive():
+            self.stop()
+        if self.alive():
+            self.kill()
         shutil.rmtree(self.work, ignore_errors=True)
 
     def start(self):
         # The port is free when chosen; should another take it first, the
         # agent says it cannot listen and another is tried.
         for _ in range(20):
-            self.port = free_port()
+            with socket.socket() as s:
+                s.bind(("127.0.0.1", 0))
+                self.port = s.getsockname()[1]
             self.proc = subprocess.Popen(
                 [OCTUNNEL, "serve", "--state-dir", self.state,
                  "--listen", f"127.0.0.1:{self.port}", "--users", self.users] + self.args,
                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
                 text=True)
             PROCESSES.append(self.proc)
-            ready = False
             for line in self.proc.stderr:
                 self.log.append(line)
                 if "running configuration in" in line:
-                    ready = True
-                    break
-            if ready:
-                threading.Thread(target=self._drain, daemon=True).start()
-                return
+                    threading.Thread(target=self._drain, daemon=True).start()
+                    return
             self.proc.wait()
             if "cannot listen" not in "".join(self.log):
                 raise AssertionError("the agent did not start:\n" + "".join(self.log))
@@ -135,43 +128,41 @@ class Agent:
         self.proc.wait()
 
     def alive(self):
-        return self.proc.poll() is None
+        return self.proc is not None and self.proc.poll() is None
 
-    def connect(self, user=USER, password=PASSWORD):
+    def connect(self, user=USER, password=PASSWORD, key=None):
         return manager.connect(host="127.0.0.1", port=self.port, username=user,
-                               password=password, hostkey_verify=False, allow_agent=False,
-                               look_for_keys=False, timeout=None)
+                               password=password, key_filename=key, hostkey_verify=False,
+                               allow_agent=False, look_for_keys=False, timeout=None)
 
-    def raw(self, base11=True):
-        return RawSession(self.port, base11)
-
-    @property
-    def running(self):
-        return os.path.join(self.state, "running.xml")
+    def raw(self, base11=True, unix=False):
+        """A RawSession over SSH, or over the agent's UNIX socket."""
+        if unix:
+            chan = socket.socket(socket.AF_UNIX)
+            chan.connect(self.unix)
+        else:
+            ssh = paramiko.SSHClient()
+            ssh.set_missing_host_key_policy(paramiko.AutoAddPolicy())
+            ssh.connect("127.0.0.1", port=self.port, username=USER, password=PASSWORD,
+                        allow_agent=False, look_for_keys=False)
+            chan = ssh.get_transport().open_session()
+            chan.invoke_subsystem("netconf")
+        return RawSession(chan, base11)
 
 
 class RawSession:
-    """NETCONF over SSH by hand, frames and all, for messages no client
-    library would send."""
+    """NETCONF by hand, frames and all, for messages no client library
+    would send."""
 
-    def __init__(self, port, base11=True):
-        self.ssh = paramiko.SSHClient()
-        self.ssh.set_missing_host_key_policy(paramiko.AutoAddPolicy())
-        self.ssh.connect("127.0.0.1", port=port, username=USER, password=PASSWORD,
-                         allow_agent=False, look_for_keys=False)
-        self.chan = self.ssh.get_transport().open_session()
-        self.chan.invoke_subsystem("netconf")
-        self.buffer = b""
-        self.base11 = False
+    def __init__(self, chan, base11=True):
+        self.chan, self.buffer, self.base11 = chan, b"", False
         self.hello = self.receive()
-        caps = "<capability>urn:ietf:params:netconf:base:1.0</capability>"
-        if base11:
-            caps += "<capability>urn:ietf:params:netconf:base:1.1</capability>"
-        self.send(f'<hello xmlns="{NC}"><capabilities>{caps}</capabilities></hello>')
+        self.send(hello(base11))
         self.base11 = base11
 
     def close(self):
-        self.ssh.close()
+        transport = getattr(self.chan, "get_transport", None)
+        (transport() if transport else self.chan).close()
 
     def send(self, text, raw=False):
         data = text.encode() if isinstance(text, str) else text
@@ -197,44 +188,55 @@ class RawSession:
             return message.decode()
         message = b""
         while True:
-            while True:
-                m = re.match(rb"\s*\n#(\d+|#)\n", self.buffer)
-                if m:
-                    break
+            while not (m := re.match(rb"\s*\n#(\d+|#)\n", self.buffer)):
                 self._more()
             self.buffer = self.buffer[m.end():]
             if m.group(1) == b"#":
                 return message.decode()
-            size = int(m.group(1))
-            while len(self.buffer) < size:
+            while len(self.buffer) < int(m.group(1)):
                 self._more()
-            message += self.buffer[:size]
-            self.buffer = self.buffer[size:]
+            message += self.buffer[:int(m.group(1))]
+            self.buffer = self.buffer[int(m.group(1)):]
 
     def rpc(self, body, message_id="1"):
         self.send(f'<rpc xmlns="{NC}" message-id="{message_id}">{body}</rpc>')
         return self.receive()
 
+    def ended(self):
+        """Asserts that the agent ends the session with no more answers."""
+        try:
+            raise AssertionError(f"the session went on: {self.receive()}")
+        except (EOFError, OSError):
+            pass
+        self.close()
+
+
+def error_tag(reply):
+    return etree.fromstring(reply.encode()).findtext(f".//{{{NC}}}error-tag")
+
+
+@contextlib.contextmanager
+def seeded(*args):
+    """An agent holding the round-trip configuration, and a session to it."""
+    with Agent(*args) as agent:
+        m = agent.connect()
+        m.edit_config(target="running", config=as_config(BASE))
+        yield agent, m
+
 
 # ---------------------------------------------------------------- documents
 
-def content(path):
-    """The document of a file, its comments and NETCONF envelope left out."""
-    text = read(path)
-    root = etree.fromstring(text.encode())
-    if etree.QName(root).namespace == NC and etree.QName(root).localname in (
-            "config", "data", "filter"):
-        return "".join(etree.tostring(c, encoding=str) for c in root
-                       if isinstance(c.tag, str))
-    return etree.tostring(root, encoding=str)
+def as_config(path):
+    """The <config> of a file, its comments left out."""
+    return etree.tostring(etree.fromstring(read(path).encode()), encoding=str)
 
 
-def leaves(xml, drop_ops=True):
-    """A document as its leaves, "path=value", a list entry named by its key
-    once met (interface[tunnel-ip12]); namespaces and envelope left out."""
-    if isinstance(xml, str):
-        xml = xml.encode()
-    root = etree.fromstring(xml)
+def leaves(xml):
+    """A document, or an ncclient reply, as its leaves, "path=value", a list
+    entry named by its key once met (interface[tunnel-ip12]); namespaces and
+    envelope left out."""
+    xml = getattr(xml, "xml", xml)
+    root = etree.fromstring(xml.encode() if isinstance(xml, str) else xml)
     keys = {"interface": "name", "address": "ip", "interface-configuration": "interface-name",
             "regular-address": "address"}
     found = set()
@@ -243,10 +245,9 @@ def leaves(xml, drop_ops=True):
         tag = etree.QName(node).localname
         kids = [c for c in node if isinstance(c.tag, str)]
         step = tag
-        if tag in keys:
-            for c in kids:
-                if etree.QName(c).localname == keys[tag]:
-                    step = f"{tag}[{(c.text or '').strip()}]"
+        for c in kids:
+            if etree.QName(c).localname == keys.get(tag):
+                step = f"{tag}[{(c.text or '').strip()}]"
         if not kids:
             found.add(f"{path}/{tag}={(node.text or '').strip()}")
         for c in kids:
@@ -261,14 +262,15 @@ def leaves(xml, drop_ops=True):
     return found
 
 
-def reply_leaves(reply):
-    """The leaves of the interfaces of an ncclient reply."""
-    return leaves(reply.xml)
+def tool_leaves(path):
+    """The leaves of a native configuration file as `octunnel to-oc` reads
+    it, the agent's running configuration file as it stands."""
+    return leaves(subprocess.run([OCTUNNEL, "to-oc", "--kind", "get-config", path],
+                                 check=True, capture_output=True, text=True).stdout)
 
 
 def error_of(call):
     """The RPCError that `call` raises."""
-    from ncclient.operations.rpc import RPCError
     try:
         call()
     except RPCError as e:

@@ -80,18 +80,26 @@ REQUESTS = [
     "<close-session/>",
 ]
 
-# Messages the tests send that no client library would.
-MALFORMED = [
-    f'<rpc xmlns="{NC}" message-id="1"><get-config><source><running/></get-config>',
-    "",
-    "  ",
-    '<?xml version="1.0"?><!-- nothing -->',
-    f'<rpc xmlns="{NC}"><get/></rpc>',
-    f'<rpc xmlns="{NC}" message-id="2"/>',
-    f'<rpc xmlns="{NC}" message-id="3">text<get/></rpc>',
-    ('<?xml version="1.0"?><!DOCTYPE r [<!ENTITY a "aaaaaaaaaa">]>'
-     f'<rpc xmlns="{NC}" message-id="4"><get/></rpc>'),
+# Messages that no client library would send, none a request libnetconf2
+# could read: the error-tag each is answered with on a base:1.1 session (on
+# base:1.0, where RFC 6241 keeps malformed-message from the client,
+# operation-failed), and a word of the answer's message.
+BAD_MESSAGES = [
+    (f'<rpc xmlns="{NC}" message-id="1"><get-config><source><running/></get-config>',
+     "malformed-message", "mismatch"),
+    ("", "malformed-message", "no element"),
+    ("  \n ", "malformed-message", "no element"),
+    ('<?xml version="1.0"?><!-- a comment alone -->', "malformed-message", "well-formed"),
+    (f'<rpc xmlns="{NC}" message-id="2"><get/></rpc><rpc/>', "malformed-message", "well-formed"),
+    ('<?xml version="1.0"?><!DOCTYPE r [<!ENTITY a "aaaaaaaaaa">'
+     '<!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;">]>'
+     f'<rpc xmlns="{NC}" message-id="3"><get/></rpc>', "malformed-message", "document type"),
+    (f'<rpc xmlns="{NC}" message-id="4">text<get/></rpc>', "malformed-message", "text"),
+    ('<rpc message-id="5"><get/></rpc>', "malformed-message", "not an &lt;rpc&gt;"),
+    (f'<rpc xmlns="{NC}"><get/></rpc>', "missing-attribute", "message-id"),
+    (f'<rpc xmlns="{NC}" message-id="6"/>', "missing-element", "no operation"),
 ]
+MALFORMED = [message for message, _, _ in BAD_MESSAGES]
 
 # Frames that break the framing of base:1.1.
 BAD_FRAMES = ["\n#0\n\n##\n", "\n##\n", "\n#abc\n", "\n#99999999999\n", "no frame at all"]
