@@ -27,9 +27,8 @@
 //   bits 3-4 the client's bytes come whole, or 1, 5 or 61 at a time
 //
 // tools/fuzz_corpus.py writes the seeds in this form; with
-// OCTUNNEL_FUZZ_SHOW set, what the client got goes to stderr.  With
-// libFuzzer it is a fuzz target; built without, its main() replays the files and
-// directories it is given, as CI does with the inputs that once failed.
+// OCTUNNEL_FUZZ_SHOW set, what the client got goes to stderr.  Built
+// without libFuzzer, it replays its inputs (replay_main.h).
 #include "agent.h"
 #include "datastore.h"
 #include "guard.h"
@@ -45,7 +44,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <set>
 #include <unistd.h>
 
 namespace {
@@ -110,155 +108,102 @@ bool xml_text(std::string_view s)
     }() + "</t>");
 }
 
-const std::set<std::string> rfc_tags = {
-    "in-use",
-    "invalid-value",
-    "too-big",
-    "missing-attribute",
-    "bad-attribute",
-    "unknown-attribute",
-    "missing-element",
-    "bad-element",
-    "unknown-element",
-    "unknown-namespace",
-    "access-denied",
-    "lock-denied",
-    "resource-denied",
-    "rollback-failed",
-    "data-exists",
-    "data-missing",
-    "operation-not-supported",
-    "operation-failed",
-    "malformed-message",
-};
+// The error-tags of RFC 6241, each between blanks.
+constexpr std::string_view rfc_tags =
+    " in-use invalid-value too-big missing-attribute bad-attribute unknown-attribute "
+    "missing-element bad-element unknown-element unknown-namespace access-denied lock-denied "
+    "resource-denied rollback-failed data-exists data-missing operation-not-supported "
+    "operation-failed malformed-message ";
 
 // ---------------------------------------------------------------- frames
 
 // The messages of a stream as RFC 6242 frames them, read plainly from the
-// whole of it: where it ends, and how.
+// whole of it, apart from the guard's reading: where it ends and how, each
+// message no larger than `limit`.
 struct Frames {
     enum End { open, broken, too_big, bad_hello } end = open;
-    bool chunked = false;
-    std::vector<std::string> messages; // after the hello
+    std::vector<std::string> messages;
+    std::size_t rest = 0; // bytes after the last whole message
 };
 
-Frames frames_of(std::string_view s, bool hello_first, bool chunked_without)
+Frames frames_of(std::string_view s, bool chunked, std::size_t limit)
 {
     Frames f;
     std::size_t at = 0;
-    f.chunked = chunked_without;
-    if (hello_first) {
-        const std::size_t mark = s.find(end_mark);
-        if (mark == std::string_view::npos) {
-            f.end = s.size() >= max_hello + end_mark.size() ? Frames::bad_hello : Frames::open;
-            return f;
-        }
-        const MessageCheck c = check_message(s.substr(0, mark), true);
-        if (mark > max_hello || !c.ok) {
-            f.end = Frames::bad_hello;
-            return f;
-        }
-        f.chunked = c.base11;
-        at = mark + end_mark.size();
-    }
+    const auto stop = [&](Frames::End end) {
+        f.end = end;
+        f.rest = s.size() - at;
+        return f;
+    };
     while (at < s.size()) {
-        if (!f.chunked) {
+        if (!chunked) {
             const std::size_t mark = s.find(end_mark, at);
-            if (mark == std::string_view::npos) {
-                if (s.size() - at >= max_message + end_mark.size())
-                    f.end = Frames::too_big;
-                return f;
-            }
-            if (mark - at > max_message) {
-                f.end = Frames::too_big;
-                return f;
-            }
+            if (mark == std::string_view::npos)
+                return stop(s.size() - at >= limit + end_mark.size() ? Frames::too_big
+                                                                     : Frames::open);
+            if (mark - at > limit)
+                return stop(Frames::too_big);
             f.messages.emplace_back(s.substr(at, mark - at));
             at = mark + end_mark.size();
             continue;
         }
         std::string message;
-        for (;;) {
-            // "\n#" then "#\n" (the end, after a chunk) or a size and "\n".
-            if (at >= s.size())
-                return f;
-            if (s[at] != '\n')
-                return f.end = Frames::broken, f;
-            if (++at >= s.size())
-                return f;
-            if (s[at] != '#')
-                return f.end = Frames::broken, f;
-            if (++at >= s.size())
-                return f;
-            if (s[at] == '#') {
-                if (message.empty())
-                    return f.end = Frames::broken, f;
-                if (++at >= s.size())
-                    return f;
-                if (s[at] != '\n')
-                    return f.end = Frames::broken, f;
-                ++at;
+        for (std::size_t i = at;;) {
+            // "\n#" then "#\n" (the end, after a chunk) or a size and "\n";
+            // a stream that stops before either is still open.
+            if (i + 2 >= s.size())
+                return s.substr(i) == std::string_view("\n#").substr(0, s.size() - i)
+                           ? stop(Frames::open)
+                           : stop(Frames::broken);
+            if (s[i] != '\n' || s[i + 1] != '#')
+                return stop(Frames::broken);
+            i += 2;
+            if (s[i] == '#') {
+                if (message.empty() || (i + 1 < s.size() && s[i + 1] != '\n'))
+                    return stop(Frames::broken);
+                if (i + 1 == s.size())
+                    return stop(Frames::open);
+                at = i + 2;
                 break;
             }
             uint64_t size = 0;
             std::size_t digits = 0;
-            while (at < s.size() && s[at] >= '0' && s[at] <= '9') {
-                if ((digits == 0 && s[at] == '0') || digits == 10)
-                    return f.end = Frames::broken, f;
-                size = size * 10 + static_cast<uint64_t>(s[at] - '0');
-                if (size > 4294967295u)
-                    return f.end = Frames::broken, f;
-                ++digits;
-                ++at;
+            for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i, ++digits) {
+                size = size * 10 + static_cast<uint64_t>(s[i] - '0');
+                if ((digits == 0 && s[i] == '0') || size > 4294967295u)
+                    return stop(Frames::broken);
             }
-            if (at >= s.size())
-                return f;
-            if (digits == 0 || s[at] != '\n')
-                return f.end = Frames::broken, f;
-            ++at;
-            if (message.size() + size > max_message)
-                return f.end = Frames::too_big, f;
-            if (s.size() - at < size)
-                return f;
-            message.append(s.substr(at, static_cast<std::size_t>(size)));
-            at += static_cast<std::size_t>(size);
+            if (i == s.size())
+                return stop(Frames::open);
+            if (digits == 0 || s[i] != '\n')
+                return stop(Frames::broken);
+            if (message.size() + size > limit)
+                return stop(Frames::too_big);
+            if (s.size() - ++i < size)
+                return stop(Frames::open);
+            message.append(s.substr(i, static_cast<std::size_t>(size)));
+            i += static_cast<std::size_t>(size);
         }
         f.messages.push_back(std::move(message));
     }
     return f;
 }
 
-// The messages of what the agent's side sent the client: its hello, then
-// replies in the session's frames (trusted: the guard's and the harness's).
-std::vector<std::string> replies_of(std::string_view s, bool chunked)
+// What the client sent, from its hello on.
+Frames client_frames(std::string_view s)
 {
-    std::vector<std::string> out;
-    std::size_t at = s.find(end_mark);
-    if (at == std::string_view::npos)
-        broken("the client got no hello");
-    at += end_mark.size();
-    while (at < s.size()) {
-        if (!chunked) {
-            const std::size_t mark = s.find(end_mark, at);
-            if (mark == std::string_view::npos)
-                broken("a reply without its end mark", s.substr(at));
-            out.emplace_back(s.substr(at, mark - at));
-            at = mark + end_mark.size();
-            continue;
-        }
-        std::string message;
-        while (s.compare(at, 4, "\n##\n") != 0) {
-            if (s.compare(at, 2, "\n#") != 0)
-                broken("a reply's chunk does not start with \\n#", s.substr(at));
-            const std::size_t nl = s.find('\n', at + 2);
-            const std::size_t size = std::stoul(std::string(s.substr(at + 2, nl - at - 2)));
-            message.append(s.substr(nl + 1, size));
-            at = nl + 1 + size;
-        }
-        at += 4;
-        out.push_back(std::move(message));
+    const std::size_t mark = s.find(end_mark);
+    Frames f;
+    if (mark == std::string_view::npos) {
+        f.end = s.size() >= max_hello + end_mark.size() ? Frames::bad_hello : Frames::open;
+        return f;
     }
-    return out;
+    const MessageCheck c = check_message(s.substr(0, mark), true);
+    if (mark > max_hello || !c.ok) {
+        f.end = Frames::bad_hello;
+        return f;
+    }
+    return frames_of(s.substr(mark + end_mark.size()), c.base11, max_message);
 }
 
 // ---------------------------------------------------------------- harness
@@ -309,7 +254,8 @@ std::string reply_text(const std::string &message_id, std::size_t seq, const Rep
     out += "\" seq=\"" + std::to_string(seq) + "\">";
     if (!r.outcome.ok()) {
         for (const RpcError &e : r.outcome.errors) {
-            if (!rfc_tags.contains(e.tag))
+            if (e.tag.empty() || e.tag.find(' ') != std::string::npos ||
+                rfc_tags.find(" " + e.tag + " ") == std::string_view::npos)
                 broken("an error-tag RFC 6241 does not have: " + e.tag);
             for (const std::string *text :
                  {&e.message, &e.path, &e.app_tag, &e.bad_element, &e.bad_attribute})
@@ -384,10 +330,7 @@ std::string answer(Agent &agent, const std::string &message, std::size_t seq)
     }
     lyd_free_all(envelope);
     lyd_free_all(op);
-    const std::string reply = reply_text(id, seq, r);
-    if (!well_formed(reply, "rpc-reply"))
-        broken("an answer that is not well-formed XML", reply);
-    return reply;
+    return reply_text(id, seq, r);
 }
 
 const std::string agent_hello =
@@ -435,56 +378,54 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
     // each message handed on answered at once.
     SessionGuard guard(max_message);
     SessionGuard::Out out;
-    std::string to_client;
     std::vector<std::string> handed_on;
     bool hello_seen = false;
     guard.from_agent(agent_hello, out);
-    to_client += out.to_client;
-    out.to_client.clear();
-    std::string pending; // of to_agent, not yet a whole message
     for (std::size_t at = 0; at < stream.size() && !guard.ended();) {
         const std::size_t n = piece == 0 ? stream.size() : std::min(piece, stream.size() - at);
         guard.from_client(std::string_view(stream).substr(at, n), out);
         at += n;
-        to_client += out.to_client;
-        out.to_client.clear();
-        pending += out.to_agent;
-        out.to_agent.clear();
-        // The guard hands on whole messages only.
-        const Frames handed = frames_of(pending, !hello_seen, guard.chunked());
-        if (handed.end != Frames::open)
-            broken("the guard handed on broken frames", pending);
-        if (!hello_seen && !pending.empty()) {
+        std::string_view handed = out.to_agent;
+        if (!hello_seen && !handed.empty()) {
             // The hello handed on offers base:1.1 exactly when the guard
             // went on in chunks.
-            const std::string hello = pending.substr(0, pending.find(end_mark));
+            const std::string_view hello = handed.substr(0, handed.find(end_mark));
             if (!well_formed(hello, "hello") ||
-                (hello.find(std::string(serve::base11)) != std::string::npos) != guard.chunked())
+                (hello.find(serve::base11) != std::string_view::npos) != guard.chunked())
                 broken("the hello handed on is not the one the guard chose", hello);
+            handed.remove_prefix(std::min(handed.size(), hello.size() + end_mark.size()));
             hello_seen = true;
         }
+        // The guard hands on whole messages only.
+        const Frames f = frames_of(handed, guard.chunked(), max_message);
+        if (f.end != Frames::open || f.rest != 0)
+            broken("the guard handed on broken frames", handed);
         std::string replies;
-        for (const std::string &m : handed.messages) {
+        for (const std::string &m : f.messages) {
             replies += framed(answer(agent, m, handed_on.size()), guard.chunked());
             handed_on.push_back(m);
         }
-        pending.clear();
-        if (!replies.empty()) {
-            guard.from_agent(replies, out);
-            to_client += out.to_client;
-            out.to_client.clear();
-        }
+        out.to_agent.clear();
+        guard.from_agent(replies, out);
     }
 
+    const std::string &to_client = out.to_client;
     if (std::getenv("OCTUNNEL_FUZZ_SHOW") != nullptr)
         std::cerr << to_client << "\n---\n";
     // What the client sent, framed plainly, against what the guard did.
-    const Frames sent = frames_of(stream, true, false);
+    const Frames sent = client_frames(stream);
     const bool ends = sent.end != Frames::open;
     if (guard.ended() != ends)
         broken(ends ? "the session goes on past broken frames or a message too large"
                     : "the session ended where its frames were whole: " + guard.reason());
-    const std::vector<std::string> replies = replies_of(to_client, guard.chunked());
+    const std::size_t hello_end = to_client.find(end_mark);
+    if (hello_end == std::string::npos)
+        broken("the client got no hello");
+    const Frames got = frames_of(std::string_view(to_client).substr(hello_end + end_mark.size()),
+                                 guard.chunked(), to_client.size());
+    if (got.end != Frames::open || got.rest != 0)
+        broken("the client got broken frames", to_client);
+    const std::vector<std::string> &replies = got.messages;
     const std::size_t expected = sent.end == Frames::bad_hello
                                      ? 0
                                      : sent.messages.size() + (sent.end == Frames::too_big ? 1 : 0);
@@ -512,28 +453,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
     return 0;
 }
 
-#ifndef OCTUNNEL_LIBFUZZER
-// Replays inputs: files, or every file of a directory.
-int main(int argc, char **argv)
-{
-    std::size_t replayed = 0;
-    for (int i = 1; i < argc; ++i) {
-        std::vector<fs::path> files;
-        if (fs::is_directory(argv[i])) {
-            for (const auto &e : fs::directory_iterator(argv[i]))
-                if (e.is_regular_file())
-                    files.push_back(e.path());
-        } else {
-            files.emplace_back(argv[i]);
-        }
-        for (const fs::path &f : files) {
-            std::ifstream in(f, std::ios::binary);
-            std::string bytes((std::istreambuf_iterator<char>(in)), {});
-            LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
-            ++replayed;
-        }
-    }
-    std::cout << replayed << " inputs replayed\n";
-    return 0;
-}
-#endif
+#include "replay_main.h"

@@ -225,28 +225,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
     return 0;
 }
 
-#ifndef OCTUNNEL_LIBFUZZER
-// Replays inputs: files, or every file of a directory.
-int main(int argc, char **argv)
-{
-    std::size_t replayed = 0;
-    for (int i = 1; i < argc; ++i) {
-        std::vector<fs::path> files;
-        if (fs::is_directory(argv[i])) {
-            for (const auto &e : fs::directory_iterator(argv[i]))
-                if (e.is_regular_file())
-                    files.push_back(e.path());
-        } else {
-            files.emplace_back(argv[i]);
-        }
-        for (const fs::path &f : files) {
-            std::ifstream in(f, std::ios::binary);
-            std::string bytes((std::istreambuf_iterator<char>(in)), {});
-            LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
-            ++replayed;
-        }
-    }
-    std::cout << replayed << " inputs replayed\n";
-    return 0;
-}
-#endif
+#include "replay_main.h"
