@@ -24,7 +24,8 @@ from lxml import etree
 from ncclient import manager
 from ncclient.operations.rpc import RPCError
 
-from payloads import NC, OC, TUN, config, hello, interfaces, tunnel  # noqa: F401
+from payloads import NC, chunked, end_marked, hello, rpc
+from payloads import TUN, config, interfaces, tunnel  # noqa: F401 - for the tests
 
 # ncclient sends a request only when its transport loop wakes: every 100 ms
 # by default, which would make every request of the tests take that long.
@@ -165,13 +166,11 @@ class RawSession:
         (transport() if transport else self.chan).close()
 
     def send(self, text, raw=False):
-        data = text.encode() if isinstance(text, str) else text
+        """A message, framed, or bytes as they are (`raw`)."""
         if raw:
-            self.chan.sendall(data)
-        elif self.base11:
-            self.chan.sendall(b"\n#%d\n" % len(data) + data + b"\n##\n")
+            self.chan.sendall(text.encode() if isinstance(text, str) else text)
         else:
-            self.chan.sendall(data + b"]]>]]>")
+            self.chan.sendall((chunked if self.base11 else end_marked)(text))
 
     def _more(self):
         data = self.chan.recv(65536)
@@ -199,7 +198,7 @@ class RawSession:
             self.buffer = self.buffer[int(m.group(1)):]
 
     def rpc(self, body, message_id="1"):
-        self.send(f'<rpc xmlns="{NC}" message-id="{message_id}">{body}</rpc>')
+        self.send(rpc(body, message_id))
         return self.receive()
 
     def ended(self):

@@ -81,23 +81,33 @@ REQUESTS = [
 ]
 
 # Messages that no client library would send, none a request libnetconf2
-# could read: the error-tag each is answered with on a base:1.1 session (on
-# base:1.0, where RFC 6241 keeps malformed-message from the client,
-# operation-failed), and a word of the answer's message.
+# could read, which the agent's guard answers itself: the error-tag each is
+# answered with on a base:1.1 session (on base:1.0, where RFC 6241 keeps
+# malformed-message from the client, operation-failed), and a word of the
+# answer.  "\udcff" is the byte 0xff, which no UTF-8 text holds.
 BAD_MESSAGES = [
     (f'<rpc xmlns="{NC}" message-id="1"><get-config><source><running/></get-config>',
      "malformed-message", "mismatch"),
     ("", "malformed-message", "no element"),
-    ("  \n ", "malformed-message", "no element"),
+    (" \r\n\t", "malformed-message", "no element"),
     ('<?xml version="1.0"?><!-- a comment alone -->', "malformed-message", "well-formed"),
-    (f'<rpc xmlns="{NC}" message-id="2"><get/></rpc><rpc/>', "malformed-message", "well-formed"),
+    (rpc("<get/>") + "<rpc/>", "malformed-message", "well-formed"),
+    (rpc("<x:get/>"), "malformed-message", "well-formed"),
+    (rpc("&undeclared;<get/>"), "malformed-message", "well-formed"),
     ('<?xml version="1.0"?><!DOCTYPE r [<!ENTITY a "aaaaaaaaaa">'
-     '<!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;">]>'
-     f'<rpc xmlns="{NC}" message-id="3"><get/></rpc>', "malformed-message", "document type"),
-    (f'<rpc xmlns="{NC}" message-id="4">text<get/></rpc>', "malformed-message", "text"),
+     '<!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;">]>' + rpc("<get/>"), "malformed-message",
+     "document type"),
+    (rpc("<get/>\udcff"), "malformed-message", "UTF-8"),
+    ('<?xml version="1.0" encoding="ISO-8859-1"?>' + rpc("<get/>"), "malformed-message",
+     "not in UTF-8"),
+    (f'<hello xmlns="{NC}"/>', "malformed-message", "not an &lt;rpc&gt;"),
     ('<rpc message-id="5"><get/></rpc>', "malformed-message", "not an &lt;rpc&gt;"),
-    (f'<rpc xmlns="{NC}"><get/></rpc>', "missing-attribute", "message-id"),
-    (f'<rpc xmlns="{NC}" message-id="6"/>', "missing-element", "no operation"),
+    (rpc("text<get/>"), "malformed-message", "text beside"),
+    (rpc("<![CDATA[ ]]><get/>"), "malformed-message", "text beside"),
+    (rpc("<get/><get/>"), "malformed-message", "more than one"),
+    (f'<rpc xmlns="{NC}"><get/></rpc>', "missing-attribute", "<bad-attribute>message-id<"),
+    (rpc(""), "missing-element", "<bad-element>rpc</bad-element>"),
+    (rpc("", "a&amp;&lt;b"), "missing-element", 'message-id="a&amp;&lt;b"'),
 ]
 MALFORMED = [message for message, _, _ in BAD_MESSAGES]
 
@@ -106,9 +116,9 @@ BAD_FRAMES = ["\n#0\n\n##\n", "\n##\n", "\n#abc\n", "\n#99999999999\n", "no fram
 
 
 def chunked(message):
-    data = message.encode()
+    data = message.encode("utf-8", "surrogateescape")
     return b"\n#%d\n" % len(data) + data + b"\n##\n"
 
 
 def end_marked(message):
-    return message.encode() + b"]]>]]>"
+    return message.encode("utf-8", "surrogateescape") + b"]]>]]>"
