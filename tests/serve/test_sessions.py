@@ -62,89 +62,74 @@ def test_locks_keep_others_out_until_released():
         a.edit_config(target="running", config=edit)
 
 
+def edits_at_once(agent, clients, edits, first, kill_after=None):
+    """`clients` sessions at once, client i sending `edits` edits of
+    addresses of its own (address(first + i, n)) into tunnel-ip1 or, when
+    the agent is to be killed once `kill_after` edits are acknowledged, into
+    tunnel-ip<i>.  Returns the addresses sent and those acknowledged."""
+    sent, acknowledged, failures = [], [], []
+
+    def client(i):
+        try:
+            m = agent.connect()
+            # ncclient may miss the end of a session whose agent dies as a
+            # request is being sent, and would wait for its reply for ever:
+            # a time bounds that wait, only.
+            m.timeout = 120 if kill_after else None
+            for n in range(edits):
+                ip, inner = address(first + i, n)
+                sent.append(ip)
+                m.edit_config(target="running", config=config(
+                    tunnel(f"tunnel-ip{i if kill_after else 1}", inner)))
+                acknowledged.append(ip)
+                if len(acknowledged) == kill_after:
+                    agent.kill()
+        except (RPCError, SessionCloseError, TransportError, TimeoutExpiredError, OSError,
+                EOFError) as e:
+            failures.append(f"client {i}: {e!r}")
+
+    threads = [threading.Thread(target=client, args=(i,)) for i in range(clients)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    assert kill_after or not failures, failures
+    assert not kill_after or not agent.alive()
+    return set(sent), set(acknowledged)
+
+
 def test_clients_editing_at_once_lose_no_acknowledged_edit():
-    clients, edits = 8, 200
     with Agent() as agent:
-        acknowledged = [set() for _ in range(clients)]
-        failures = []
-
-        def client(i):
-            try:
-                m = agent.connect()
-                for n in range(edits):
-                    ip, inner = address(i, n)
-                    # Every client writes into the same tunnel: the edits
-                    # meet in one native list.
-                    m.edit_config(target="running", config=config(tunnel("tunnel-ip1", inner)))
-                    acknowledged[i].add(ip)
-                m.close_session()
-            except Exception as e:  # noqa: BLE001 - reported below
-                failures.append(f"client {i}: {e!r}")
-
-        threads = [threading.Thread(target=client, args=(i,)) for i in range(clients)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join()
-        assert not failures, failures
-        everything = set().union(*acknowledged)
-        assert len(everything) == clients * edits
-        assert addresses_in(leaves(agent.connect().get_config("running"))) == everything
+        # Every client writes into the same tunnel: the edits meet in one
+        # native list.
+        _, acknowledged = edits_at_once(agent, 8, 200, 0)
+        assert len(acknowledged) == 8 * 200
+        assert addresses_in(leaves(agent.connect().get_config("running"))) == acknowledged
         # ... and so does the file, read after the agent is gone.
         agent.stop()
-        assert addresses_in(tool_leaves(agent.running)) == everything
+        assert addresses_in(tool_leaves(agent.running)) == acknowledged
 
 
 def test_an_agent_killed_among_edits_keeps_every_acknowledged_one():
     with Agent() as agent:
         for round_ in range(3):
             before = in_file(agent)
-            acknowledged, sent = [], []
-            killed = threading.Event()
-
-            def stream(i):
-                try:
-                    m = agent.connect()
-                    # ncclient may miss the end of a session whose agent
-                    # dies as a request is being sent, and would wait for
-                    # its reply for ever: a time bounds that wait, only.
-                    m.timeout = 120
-                    for n in range(10_000):
-                        ip, inner = address(16 * round_ + i, n)
-                        sent.append(ip)
-                        m.edit_config(target="running",
-                                      config=config(tunnel(f"tunnel-ip{i}", inner)))
-                        acknowledged.append(ip)
-                        # The agent dies with edits under way: after the
-                        # 150th acknowledged one, while both streams go on.
-                        if len(acknowledged) == 150:
-                            agent.kill()
-                            killed.set()
-                except (RPCError, SessionCloseError, TransportError, TimeoutExpiredError,
-                        OSError, EOFError):
-                    pass
-
-            streams = [threading.Thread(target=stream, args=(i,)) for i in range(2)]
-            for t in streams:
-                t.start()
-            for t in streams:
-                t.join()
-            assert killed.is_set()
-
+            # The agent dies with edits under way: after the 150th
+            # acknowledged one, while both streams go on.
+            sent, acknowledged = edits_at_once(agent, 2, 10_000, 16 * round_, kill_after=150)
             # The file is a whole document and holds every acknowledged
             # edit, and nothing no one sent; what a write in flight left
             # beside it goes at the next start.
-            assert set(acknowledged) <= in_file(agent)
+            assert acknowledged <= in_file(agent)
             agent.start()
             assert not [f for f in os.listdir(agent.state) if f.startswith("running.xml.")]
             got = addresses_in(leaves(agent.connect().get_config("running")))
-            assert before | set(acknowledged) <= got, (before | set(acknowledged)) - got
-            assert got <= before | set(sent), got - before - set(sent)
+            assert before | acknowledged <= got, (before | acknowledged) - got
+            assert got <= before | sent, got - before - sent
 
 
 def in_file(agent):
     """The IPv6 addresses of the native configuration file."""
     if not os.path.exists(agent.running):
         return set()
-    tree = etree.parse(agent.running)
-    return {e.text for e in tree.iterfind(".//{*}regular-address/{*}address")}
+    return {e.text for e in etree.parse(agent.running).iterfind(".//{*}regular-address/{*}address")}

@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <numeric>
-#include <sstream>
 #include <unistd.h>
 
 namespace {
@@ -131,51 +130,44 @@ TEST(SubtreeFilter, SelectsWhatRfc6241Says)
 
 // ---------------------------------------------------------------- datastore
 
-class DatastoreTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        dir_ = fs::temp_directory_path() / ("octunnel-datastore-" + std::to_string(getpid()));
-        fs::create_directories(dir_);
-        path_ = (dir_ / "running.xml").string();
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
+// A datastore's file in a directory of its own.
+struct DatastoreTest : ::testing::Test {
+    DatastoreTest() { fs::create_directories(dir); }
+    ~DatastoreTest() override { fs::remove_all(dir); }
     std::string file() const
     {
-        std::ifstream in(path_);
-        std::ostringstream s;
-        s << in.rdbuf();
-        return s.str();
+        std::ifstream in(path);
+        return {std::istreambuf_iterator<char>(in), {}};
     }
-    // Applies an edit of native roots; the EditError's tag, or "".
-    static std::string edit(Datastore &ds, const std::string &inside,
-                            DefaultOperation op = DefaultOperation::merge, bool test_only = false)
-    {
-        try {
-            ds.edit(*tree_of("<config xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" "
-                             "xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" +
-                             inside + "</config>"),
-                    op, test_only);
-        } catch (const EditError &e) {
-            return e.tag + " " + e.path;
-        }
-        return "";
-    }
-    // Interface configuration tunnel-ip1 holding `inside`.
-    static std::string one(const std::string &inside)
-    {
-        return entry_filter("<active>act</active><interface-name>tunnel-ip1</interface-name>" +
-                            inside);
-    }
-
-    fs::path dir_;
-    std::string path_;
+    const fs::path dir =
+        fs::temp_directory_path() / ("octunnel-datastore-" + std::to_string(getpid()));
+    const std::string path = (dir / "running.xml").string();
 };
+
+// Applies an edit of native roots: the EditError's tag and path, or "".
+std::string edit(Datastore &ds, const std::string &inside,
+                 DefaultOperation op = DefaultOperation::merge, bool test_only = false)
+{
+    try {
+        ds.edit(*tree_of("<config xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" "
+                         "xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" +
+                         inside + "</config>"),
+                op, test_only);
+    } catch (const EditError &e) {
+        return e.tag + " " + e.path;
+    }
+    return "";
+}
+
+// Interface configuration tunnel-ip1 holding `inside`.
+std::string one(const std::string &inside)
+{
+    return entry_filter("<active>act</active><interface-name>tunnel-ip1</interface-name>" + inside);
+}
 
 TEST_F(DatastoreTest, OperationsByTheRfc)
 {
-    Datastore ds(path_);
+    Datastore ds(path);
     const auto addresses = [](const std::string &inside) {
         return one("<ipv6-network xmlns=\"" + V6 + "\"><addresses><regular-addresses>" + inside +
                    "</regular-addresses></addresses></ipv6-network>");
@@ -184,55 +176,49 @@ TEST_F(DatastoreTest, OperationsByTheRfc)
         "/interface-configurations/interface-configuration[active='act'][interface-name="
         "'tunnel-ip1']";
     struct Row {
-        std::string edit;
-        DefaultOperation op;
-        std::string error;   // tag and path, or none
-        std::string in, out; // in the file after it, and not
+        std::string edit, error; // its tag and path, or none
+        std::string in, out;     // in the file after it, and not
     };
-    const auto merge = DefaultOperation::merge;
     for (const Row &r : std::vector<Row>{
-             {one(gre("<ttl><value>64</value></ttl>")), merge, "", "<value>64</value>", ""},
-             {one(gre("<ttl><value nc:operation=\"create\">1</value></ttl>")), merge,
+             {one(gre("<ttl><value>64</value></ttl>")), "", "<value>64</value>", ""},
+             {one(gre("<ttl><value nc:operation=\"create\">1</value></ttl>")),
               "data-exists " + p1 + "/tunnel-ip/ttl/value", "<value>64</value>", ""},
-             {one(gre("<key><value nc:operation=\"create\">7</value></key>")), merge, "",
+             {one(gre("<key><value nc:operation=\"create\">7</value></key>")), "",
               "<value>7</value>", ""},
              // The container a delete empties goes with it.
-             {one(gre("<key><value nc:operation=\"delete\"/></key>")), merge, "", "", "<key"},
+             {one(gre("<key><value nc:operation=\"delete\"/></key>")), "", "", "<key"},
              // ... and a remove of nothing leaves none behind.
-             {one(gre("<key><value nc:operation=\"remove\"/></key>")), merge, "", "", "<key"},
+             {one(gre("<key><value nc:operation=\"remove\"/></key>")), "", "", "<key"},
              // An entry without its key stands for all of them, to remove,
              // not to write.
              {addresses("<regular-address><address>2001:db8::1</address></regular-address>"
                         "<regular-address><address>2001:db8::2</address></regular-address>"),
-              merge, "", "2001:db8::2", ""},
-             {addresses("<regular-address nc:operation=\"create\"/>"), merge,
+              "", "2001:db8::2", ""},
+             {addresses("<regular-address nc:operation=\"create\"/>"),
               "missing-element " + p1 + "/ipv6-network/addresses/regular-addresses/regular-address",
               "2001:db8::1", ""},
-             {addresses("<regular-address nc:operation=\"remove\"/>"), merge, "", "",
-              "regular-address"},
-             // default-operation none: a level that is not there is no
-             // error where the edit only removes.
-             {entry_filter("<active>act</active><interface-name>tunnel-ip7</interface-name>"
-                           "<description nc:operation=\"remove\"/>"),
-              DefaultOperation::none, "", "", "tunnel-ip7"},
+             {addresses("<regular-address nc:operation=\"remove\"/>"), "", "", "regular-address"},
          }) {
         const std::string before = file();
-        EXPECT_EQ(edit(ds, r.edit, r.op), r.error) << r.edit;
-        if (!r.error.empty()) {
-            EXPECT_EQ(file(), before) << r.edit;
-        }
+        EXPECT_EQ(edit(ds, r.edit), r.error) << r.edit;
+        EXPECT_TRUE(r.error.empty() || file() == before) << r.edit;
         EXPECT_EQ(native_document(ds.tree().root()), file());
         EXPECT_NE(file().find(r.in), std::string::npos) << r.edit;
-        if (!r.out.empty()) {
-            EXPECT_EQ(file().find(r.out), std::string::npos) << r.edit;
-        }
+        EXPECT_TRUE(r.out.empty() || file().find(r.out) == std::string::npos) << r.edit;
     }
+    // default-operation none: a level that is not there is no error where
+    // the edit only removes.
+    EXPECT_EQ(edit(ds,
+                   entry_filter("<active>act</active><interface-name>tunnel-ip7</interface-name>"
+                                "<description nc:operation=\"remove\"/>"),
+                   DefaultOperation::none),
+              "");
 }
 
 TEST_F(DatastoreTest, AFailedEditIsTakenBackAndTheFileReadBackAsWritten)
 {
     {
-        Datastore ds(path_);
+        Datastore ds(path);
         std::vector<int> ids(20);
         std::iota(ids.begin(), ids.end(), 1);
         edit(ds, tunnels(ids));
@@ -260,12 +246,12 @@ TEST_F(DatastoreTest, AFailedEditIsTakenBackAndTheFileReadBackAsWritten)
         EXPECT_EQ(count(file(), "<description>"), 2u);
     }
     const std::string written = file();
-    Datastore again(path_);
+    Datastore again(path);
     EXPECT_EQ(native_document(again.tree().root()), written);
     again.save();
     EXPECT_EQ(file(), written);
     // Nothing is left beside the file.
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 1);
 }
 
 // ---------------------------------------------------------------- guard
