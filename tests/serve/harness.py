@@ -136,7 +136,7 @@ class Agent:
                                password=password, key_filename=key, hostkey_verify=False,
                                allow_agent=False, look_for_keys=False, timeout=None)
 
-    def raw(self, base11=True, unix=False):
+    def raw(self, base11=True, unix=False, first=None):
         """A RawSession over SSH, or over the agent's UNIX socket."""
         if unix:
             chan = socket.socket(socket.AF_UNIX)
@@ -148,17 +148,18 @@ class Agent:
                         allow_agent=False, look_for_keys=False)
             chan = ssh.get_transport().open_session()
             chan.invoke_subsystem("netconf")
-        return RawSession(chan, base11)
+        return RawSession(chan, base11, first)
 
 
 class RawSession:
     """NETCONF by hand, frames and all, for messages no client library
     would send."""
 
-    def __init__(self, chan, base11=True):
+    def __init__(self, chan, base11=True, first=None):
+        """Says hello, offering base:1.1 or not, or sends `first` instead."""
         self.chan, self.buffer, self.base11 = chan, b"", False
         self.hello = self.receive()
-        self.send(hello(base11))
+        self.send(hello(base11) if first is None else first)
         self.base11 = base11
 
     def close(self):

@@ -111,8 +111,12 @@ BAD_MESSAGES = [
 ]
 MALFORMED = [message for message, _, _ in BAD_MESSAGES]
 
-# Frames that break the framing of base:1.1.
-BAD_FRAMES = ["\n#0\n\n##\n", "\n##\n", "\n#abc\n", "\n#99999999999\n", "no frame at all"]
+# Frames that break the framing of base:1.1, and why, as the agent logs it.
+BROKEN_FRAMES = [("\n#0\n\n##\n", "chunk size"), ("\n##\n", "no chunk"),
+                 ("\n#abc\n", "chunk size"), ("\n#01\n", "chunk size"),
+                 ("\n#4294967296\n", "chunk size"), ("\n#99999999999\n", "chunk size"),
+                 ("no frame at all", "does not start"), ("\n#3\nabc\n##x", "end mark")]
+BAD_FRAMES = [frames for frames, _ in BROKEN_FRAMES]
 
 
 def chunked(message):

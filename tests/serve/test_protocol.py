@@ -3,6 +3,7 @@
 should not, from malformed XML and broken frames to oversized and deeply
 nested requests."""
 
+import collections
 import contextlib
 import os
 import socket
@@ -129,27 +130,35 @@ def test_what_no_request_should_be_is_answered_in_turn_and_the_session_goes_on()
             s.ended()
 
 
-def test_broken_frames_and_messages_too_large_end_the_session():
+def test_broken_frames_bad_hellos_and_messages_too_large_end_the_session():
     limit = 65536 + 1024 * 1024
+    said = collections.Counter()
     with Agent("--max-request", "65536", unix=True) as agent:
         assert oct(os.stat(agent.unix).st_mode & 0o777) == "0o600"
-        # Broken frames end the session unanswered, on SSH and the UNIX
-        # socket alike; a message beyond any request the agent takes is
-        # answered too-big first, whether its chunk says so or the end mark
-        # of base:1.0 never comes.
-        for base11, unix, frames, answered in (
-                [(True, False, f, False) for f in p.BAD_FRAMES]
-                + [(True, True, "\n#0\n", False),
-                   (True, False, f"\n#{limit + 1}\n", True),
-                   (False, False, "<rpc>" + "x" * (limit + 1), True)]):
-            s = agent.raw(base11=base11, unix=unix)
+        # (base:1.1, over the UNIX socket, a first message instead of the
+        # hello, what is sent then, and why the agent says the session
+        # ended): broken frames end the session unanswered, on SSH and the
+        # UNIX socket alike; so do hellos that are not one; a message
+        # beyond any request the agent takes is answered too-big first,
+        # whether its chunk says so or the end mark of base:1.0 never comes.
+        for base11, unix, first, frames, why in (
+                [(True, False, None, frames, why) for frames, why in p.BROKEN_FRAMES] + [
+                    (True, True, None, "\n#0\n", "chunk size"),
+                    (True, False, None, f"\n#{limit + 1}\n", "message larger than"),
+                    (False, False, None, "<rpc>" + "x" * (limit + 1), "message larger than")]
+                + [(False, False, first, "", why) for first, why in (
+                    (p.rpc("<get/>"), "not a <hello>"),
+                    (f'<hello xmlns="{NC}"><session-id>4</session-id></hello>', "session-id"),
+                    (f'<hello xmlns="{NC}"/>', "neither"), (f'<hello xmlns="{NC}">', "well-formed"),
+                    (" " * (1024 * 1024 + 1), "hello larger than"))]):
+            s = agent.raw(base11=base11, unix=unix, first=first)
             with contextlib.suppress(OSError):  # the agent may answer before all is sent
                 s.send(frames, raw=True)
-            if answered:
+            if why == "message larger than":
                 assert error_tag(s.receive()) == "too-big"
             s.ended()
-        agent.wait_log("its client sent a chunk size")
-        agent.wait_log("its client sent a message of no chunk")
+            said[why] += 1
+            agent.wait_log(why, said[why])
         # The agent goes on, over either.
         for unix in (False, True):
             for base11 in (False, True):

@@ -288,8 +288,8 @@ SessionGuard started(bool base11, std::size_t max)
     return g;
 }
 
-// The messages the guard answers itself, and how, are driven end to end by
-// tests/serve/ (payloads.BAD_MESSAGES).
+// The messages the guard answers itself, and those that end a session, are
+// driven end to end by tests/serve/ (payloads.py).
 TEST(SessionGuard, HandsOnWholeMessagesFramedAnewAfterTheHelloItChose)
 {
     const std::string get = rpc("<get/>");
@@ -311,40 +311,6 @@ TEST(SessionGuard, HandsOnWholeMessagesFramedAnewAfterTheHelloItChose)
         // one chunk.
         EXPECT_EQ(a.to_agent, hello_of(base11, "") + (base11 ? chunk(get) : get + "]]>]]>"));
         EXPECT_EQ(whole.unanswered(), 1u);
-    }
-}
-
-TEST(SessionGuard, BrokenFramesAndHellosEndTheSession)
-{
-    struct Case {
-        std::string hello, bytes, why;
-    };
-    const std::string h11 = hello_of(true);
-    for (const Case &c : std::vector<Case>{
-             {h11, "\n#0\n", "chunk size"},
-             {h11, "\n##\n", "no chunk"},
-             {h11, "\n#x\n", "chunk size"},
-             {h11, "\n#01\n", "chunk size"},
-             {h11, "\n#4294967296\n", "chunk size"},
-             {h11, "\n#12345678901", "chunk size"},
-             {h11, "x", "does not start"},
-             {h11, "\n#3\nabc\n##x", "end mark"},
-             {rpc("<get/>") + "]]>]]>", "", "not one"},
-             {"<hello xmlns=\"" + NC + "\"><session-id>4</session-id></hello>]]>]]>", "",
-              "session-id"},
-             {"<hello xmlns=\"" + NC + "\"/>]]>]]>", "", "neither"},
-             {"<hello xmlns=\"" + NC + "\">]]>]]>", "", "well-formed"},
-             {std::string(max_hello + 6, ' '), "", "larger"},
-         }) {
-        SessionGuard g(1000);
-        SessionGuard::Out out;
-        g.from_client(c.hello + c.bytes, out);
-        EXPECT_TRUE(g.ended()) << c.hello << c.bytes;
-        EXPECT_NE(g.reason().find(c.why), std::string::npos) << g.reason();
-        // Nothing more is taken, and the client is told nothing.
-        g.from_client(chunk(rpc("<get/>")), out);
-        EXPECT_TRUE(out.to_client.empty());
-        EXPECT_EQ(out.to_agent.find("<get/>"), std::string::npos);
     }
 }
 
