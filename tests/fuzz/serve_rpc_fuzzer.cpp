@@ -92,20 +92,13 @@ bool well_formed(std::string_view xml, std::string_view root = {})
     return ok;
 }
 
-// Text an XML document may hold: UTF-8 (the guard took no other) without
-// control characters.
+// Text an XML document may hold, once escaped: UTF-8 without control
+// characters.
 bool xml_text(std::string_view s)
 {
-    for (char ch : s) {
-        const auto c = static_cast<unsigned char>(ch);
-        if (c < 0x20 && c != '\t' && c != '\n' && c != '\r')
-            return false;
-    }
-    return well_formed("<t>" + [&] {
-        std::string e;
-        escape_xml(e, s);
-        return e;
-    }() + "</t>");
+    std::string e = "<t>";
+    escape_xml(e, s);
+    return well_formed(e + "</t>");
 }
 
 // The error-tags of RFC 6241, each between blanks.
@@ -247,11 +240,10 @@ Harness &harness()
     return h;
 }
 
-std::string reply_text(const std::string &message_id, std::size_t seq, const Reply &r)
+// libnetconf2's answer, marked with the number of the request handed on.
+std::string reply_text(std::size_t seq, const Reply &r)
 {
-    std::string out = "<rpc-reply xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" message-id=\"";
-    escape_xml(out, message_id, true);
-    out += "\" seq=\"" + std::to_string(seq) + "\">";
+    std::string out = "<rpc-reply seq=\"" + std::to_string(seq) + "\">";
     if (!r.outcome.ok()) {
         for (const RpcError &e : r.outcome.errors) {
             if (e.tag.empty() || e.tag.find(' ') != std::string::npos ||
@@ -297,12 +289,6 @@ std::string answer(Agent &agent, const std::string &message, std::size_t seq)
                "answer on base:1.0",
                message);
     Reply r;
-    std::string id;
-    if (envelope != nullptr && envelope->schema == nullptr)
-        for (const lyd_attr *a = reinterpret_cast<const lyd_node_opaq *>(envelope)->attr;
-             a != nullptr; a = a->next)
-            if (std::string_view(a->name.name) == "message-id")
-                id = a->value;
     if (rc != LY_SUCCESS) {
         r.outcome = failure("operation-failed", "libyang refused the message");
     } else {
@@ -330,7 +316,7 @@ std::string answer(Agent &agent, const std::string &message, std::size_t seq)
     }
     lyd_free_all(envelope);
     lyd_free_all(op);
-    return reply_text(id, seq, r);
+    return reply_text(seq, r);
 }
 
 const std::string agent_hello =

@@ -163,8 +163,7 @@ class RawSession:
         self.base11 = base11
 
     def close(self):
-        transport = getattr(self.chan, "get_transport", None)
-        (transport() if transport else self.chan).close()
+        (self.chan.get_transport() if hasattr(self.chan, "get_transport") else self.chan).close()
 
     def send(self, text, raw=False):
         """A message, framed, or bytes as they are (`raw`)."""
@@ -237,28 +236,19 @@ def leaves(xml):
     envelope left out."""
     xml = getattr(xml, "xml", xml)
     root = etree.fromstring(xml.encode() if isinstance(xml, str) else xml)
-    keys = {"interface": "name", "address": "ip", "interface-configuration": "interface-name",
-            "regular-address": "address"}
-    found = set()
+    keys, found = {"interface": "name", "address": "ip"}, set()
 
     def walk(node, path):
-        tag = etree.QName(node).localname
-        kids = [c for c in node if isinstance(c.tag, str)]
-        step = tag
-        for c in kids:
-            if etree.QName(c).localname == keys.get(tag):
-                step = f"{tag}[{(c.text or '').strip()}]"
+        tag, kids = etree.QName(node).localname, [c for c in node if isinstance(c.tag, str)]
+        key = [c.text or "" for c in kids if etree.QName(c).localname == keys.get(tag)]
+        step = f"{tag}[{key[0].strip()}]" if key else tag
         if not kids:
             found.add(f"{path}/{tag}={(node.text or '').strip()}")
         for c in kids:
             walk(c, f"{path}/{step}")
 
-    tops = [root]
-    if etree.QName(root).localname in ("data", "config", "rpc-reply"):
-        tops = [c for c in root.iter() if isinstance(c.tag, str)
-                and etree.QName(c).localname == "interfaces"]
-    for t in tops:
-        walk(t, "")
+    for top in root.iter("{*}interfaces"):
+        walk(top, "")
     return found
 
 
