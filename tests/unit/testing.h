@@ -43,6 +43,16 @@ struct N {
     }
 };
 
+// Containers one in another down to `children`: nest("a/b", NS, {...}) is
+// N("a", NS, {N("b", {...})}).
+inline N nest(std::string_view path, std::string ns, std::vector<N> children)
+{
+    const std::size_t last = path.rfind('/');
+    if (last == std::string_view::npos)
+        return N(std::string(path), ns, children);
+    return nest(path.substr(0, last), ns, {N(std::string(path.substr(last + 1)), children)});
+}
+
 inline void fill(vidl_yfw_datatree *node, const N &shape)
 {
     if (shape.value)
@@ -78,18 +88,29 @@ inline std::vector<std::string> plain(const std::vector<std::string> &events)
     return out;
 }
 
-// Events whose text starts with one of `prefixes`.
+// Events whose text starts with one of `prefixes` ("" takes all), trace
+// lines reduced and what matches `strip` taken out.
 inline std::vector<std::string> only(const std::vector<std::string> &events,
-                                     const std::vector<std::string> &prefixes)
+                                     const std::vector<std::string> &prefixes,
+                                     const char *strip = "$^")
 {
+    const std::regex pattern(strip);
     std::vector<std::string> out;
-    for (const std::string &e : plain(events))
+    for (const std::string &e : plain(events)) {
+        std::string s = std::regex_replace(e, pattern, "");
         for (const std::string &p : prefixes)
-            if (e.rfind(p, 0) == 0) {
-                out.push_back(e);
+            if (s.rfind(p, 0) == 0) {
+                out.push_back(s);
                 break;
             }
+    }
     return out;
+}
+
+// The host's request behind a context.
+inline yfwhost::Request &host(yfw_map_ctx ctx)
+{
+    return *static_cast<yfwhost::Request *>(ctx->fw_private);
 }
 
 // "a; b; c" -> {"a", "b", "c"}; "" -> {}.  Tables of cases write lists of
