@@ -13,13 +13,10 @@ std::vector<std::string> translate(const char *module_path)
 {
     yfwhost::Module module(module_path);
     Recorded r(YFW_MAP_REQ_GET);
-    auto tree = build(
-        N("tunnel-ip-ma", NS_VALMORA_TUNNEL_IP_MA_OPER,
-          {N("database",
-             {N("tunnel-ids",
-                {N("tunnel-id", {N("tid", "5"), N("idb-array", {N("destination-address",
-                                                                  {N("ipv4", "198.51.100.7")}),
-                                                                N("ttl", "64")})})})})}));
+    auto tree = build(nest(
+        "tunnel-ip-ma/database/tunnel-ids/tunnel-id", NS_VALMORA_TUNNEL_IP_MA_OPER,
+        {N("tid", "5"),
+         N("idb-array", {N("destination-address", {N("ipv4", "198.51.100.7")}), N("ttl", "64")})}));
     verrno rc = module.registration().native_to_oc_root(r.ctx(), tree.get(), r.out());
     EXPECT_EQ(rc, YFW_OK);
     std::vector<std::string> adds;
@@ -48,13 +45,11 @@ TEST(Override, DecliningNestedListEndsItsOuterEntryOnly)
         return N("detail",
                  {N("interface-name", name), address("2001:db8::1"), address("2001:db8::2")});
     };
-    N shape("ipv6-network", NS_VALMORA_IPV6_MA_OPER,
-            {N("nodes",
-               {N("node", {N("node-name", "0"),
-                           N("interface-data",
-                             {N("vrfs", {N("vrf", {N("vrf-name", "default"),
-                                                   N("details", {detail("tunnel-ip1"),
-                                                                 detail("tunnel-ip2")})})})})})})});
+    const N shape = nest(
+        "ipv6-network/nodes/node", NS_VALMORA_IPV6_MA_OPER,
+        {N("node-name", "0"), nest("interface-data/vrfs/vrf", "",
+                                   {N("vrf-name", "default"),
+                                    N("details", {detail("tunnel-ip1"), detail("tunnel-ip2")})})});
     const char *root = "ymap_vo_octunnel_valmoraipv6maoper_lvla_ipv6network";
     for (const char *path : {OCTUNNEL_MODULE_PATH, OCTUNNEL_OVERRIDE_MODULE_PATH}) {
         SCOPED_TRACE(path);
