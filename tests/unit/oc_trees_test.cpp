@@ -90,9 +90,10 @@ N address(std::vector<N> children)
     return N("addresses", {N("address", children)});
 }
 
-// The whole answer table of the model, in both places and both families:
-// the rows name the family's children.  Another tag of the model at the
-// entry is passed over in a read only.
+// The answers of the model, in both places and both families, where they
+// depend on its tables (the engine's own rules are the engine tests'): the
+// rows name the family's children.  Another tag of the model at the entry
+// is passed over in a read only.
 TEST(OpenconfigIfIp, AnswersByTheShapeOfTheRequest)
 {
     const N vrrp = N("vrrp", {N("vrrp-group", {N("config", {N("virtual-address", "192.0.2.9")})})});
@@ -102,28 +103,19 @@ TEST(OpenconfigIfIp, AnswersByTheShapeOfTheRequest)
         ROW("a named leaf, read", 10, YFW_ERR_UNSUPPORTED_TAG, "mtu", 0, N("config", {N("mtu")})),
         ROW("a leaf-list, write without keys", 2, YFW_ERR_UNSUPPORTED_TAG, "virtual-address", 0,
             address({vrrp})),
-        ROW("an instance by its key, read", 0, YFW_ERR_UNSUPPORTED_TAG, "ip", 0,
-            address({N("ip", "192.0.2.1")})),
         ROW("an instance by its key, keyed write", 1, YFW_ERR_UNSUPPORTED_TAG, "ip", 0,
             address({N("ip", "192.0.2.1")})),
-        ROW("a key without value, keyed write", 1, YFW_ERR_LIST_KEY, "ip", 0, address({N("ip")})),
         ROW("no key beside a child, keyed write", 15, YFW_ERR_LIST_KEY, "ip", 0,
             address({N("config", {})})),
-        ROW("a list without child, keyed write", 8, YFW_ERR_NO_SUBTREES, "", 0, address({})),
         ROW("a container without child, read", 0, YFW_OK, "neighbors", 0, N("neighbors", {})),
         ROW("a list without key, read", 10, YFW_OK, "config", 1, address({N("config", {})})),
         ROW("a container without child, deleted", 1, YFW_OK, "unnumbered", 0,
             N("unnumbered", {}).with_op(YFW_OP_DELETE)),
-        ROW("a container without child, write", 1, YFW_OK, "", 0, N("neighbors", {})),
         ROW("a foreign child, adding", 1, YFW_ERR_AUGMENT_NOT_SUPPORTED, "x", 0,
             N("config", {N("x", "urn:example:other", "1")})),
-        ROW("a foreign child, read", 0, YFW_OK, "", 0,
-            N("config", {N("x", "urn:example:other", "1")})),
-        ROW("an unknown tag, read", 0, YFW_OK, "", 0, N("config", {N("speed", "1")})),
         ROW("an unknown tag, write", 1, YFW_ERR_UNSUPPORTED_TAG, "speed", 0,
             N("config", {N("speed", "1")})),
         ROW("state in a write", 1, YFW_ERR_UNSUPPORTED_TAG, "state", 0, N("state", {})),
-        ROW("state at kind 0", 0, YFW_OK, "", 0, N("state", {})),
         // Pass one of the replace removes by the schema and passes; pass two
         // names the leaf.
         ROW("replace naming a leaf", 1, YFW_ERR_UNSUPPORTED_TAG, "enabled", 0,
@@ -186,13 +178,10 @@ TEST(OpenconfigInterfaces, RequestsNamingItsNodes)
             N("config", {N("name", "eth0"), N("mtu", "1500")})),
         ROW("a leaf after the key", 2, YFW_ERR_UNSUPPORTED_TAG, "mtu", 0,
             N("config", {N("mtu", "1500")}), N("name", "eth0")),
-        ROW("an unknown tag, read", 0, YFW_OK, "", 1, N("config", {N("foo", "1")})),
         ROW("an unknown tag, write", 2, YFW_ERR_UNSUPPORTED_TAG, "foo", 0,
             N("config", {N("foo", "1")})),
         ROW("tunnel through this tree, write", 1, YFW_ERR_AUGMENT_NOT_SUPPORTED, "tunnel", 0,
             N("tunnel", NS_OC_IF_TUNNEL, {N("config", {N("ttl", "5")})}), N("name", "t1")),
-        ROW("tunnel through this tree, read", 10, YFW_OK, "", 1,
-            N("tunnel", NS_OC_IF_TUNNEL, {N("config", {N("ttl")})})),
         ROW("hold-time state at kind 0", 0, YFW_OK, "", 1, N("hold-time", {N("state", {})})),
         ROW("subinterface by its key", 10, YFW_ERR_UNSUPPORTED_TAG, "index", 0,
             N("subinterfaces", {N("subinterface", {N("index", "0")})})),
