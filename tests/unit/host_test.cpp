@@ -4,7 +4,6 @@
 
 #include <arpa/inet.h>
 #include <cstring>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 

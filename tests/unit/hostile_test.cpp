@@ -98,12 +98,9 @@ public:
         return r;
     }
 
-    std::vector<std::string> files() const
+    std::size_t files() const
     {
-        std::vector<std::string> names;
-        for (const auto &e : fs::directory_iterator(dir_))
-            names.push_back(e.path().filename().string());
-        return names;
+        return std::distance(fs::directory_iterator(dir_), fs::directory_iterator());
     }
     void clear() const
     {
@@ -232,7 +229,7 @@ TEST(Hostile, RefusedInOneLineWithNothingLeftBehind)
         EXPECT_TRUE(r.err.starts_with("octunnel: <stdin>")) << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
         EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
-        EXPECT_TRUE(tool().files().empty()) << "a file was left behind";
+        EXPECT_EQ(tool().files(), 0u) << "a file was left behind";
     }
 }
 
@@ -324,9 +321,9 @@ TEST(Hostile, ObservingATranslationDoesNotChangeIt)
         EXPECT_EQ(plain.answer, observed.answer);
         EXPECT_EQ(plain.err, observed.err);
         if (observed.rc == exit_unusable)
-            EXPECT_TRUE(tool().files().empty());
+            EXPECT_EQ(tool().files(), 0u);
         else
-            EXPECT_EQ(tool().files().size(), 3u);
+            EXPECT_EQ(tool().files(), 3u);
     }
 }
 
