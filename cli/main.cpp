@@ -15,13 +15,43 @@
 #include <iostream>
 #include <optional>
 
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+#include <vector>
+
 #ifdef OCTUNNEL_SERVE
-#include "server.h"
+namespace {
+
+// `octunnel serve ARGS` becomes `octunnel-serve ARGS` in the same process,
+// told where the tool finds its module and models (what is already set in
+// the environment stays, as --module and --yang-dir do).  The agent's
+// libraries (libnetconf2, libssh and what they bring) are thus loaded by
+// the agent alone, and a translation starts without them.
+int run_serve(int argc, char **argv)
+{
+    using namespace octunnel;
+    const std::string program = serve_program();
+    const Options defaults;
+    setenv("OCTUNNEL_MODULE", Translator::module_path(defaults).c_str(), 1);
+    setenv("OCTUNNEL_YANG_DIR", yang_dir(defaults).c_str(), 1);
+    std::vector<char *> args(argv + 1, argv + argc + 1);
+    args[0] = const_cast<char *>(program.c_str());
+    execv(program.c_str(), args.data());
+    std::cerr << "octunnel: serve: cannot run " << program << ": " << std::strerror(errno) << '\n';
+    return octunnel::exit_unusable;
+}
+
+} // namespace
 #endif
 
 int main(int argc, char **argv)
 {
     using namespace octunnel;
+#ifdef OCTUNNEL_SERVE
+    if (argc >= 2 && std::strcmp(argv[1], "serve") == 0)
+        return run_serve(argc, argv);
+#endif
     CLI::App app{"Translates documents between the native models of the router and OpenConfig "
                  "tunnel interfaces, through the tunnel mapping module."};
     app.require_subcommand(1);
@@ -84,79 +114,9 @@ int main(int argc, char **argv)
     native->footer(kinds + formats + exits + limits + environment);
 
 #ifdef OCTUNNEL_SERVE
-    serve::ServerOptions so;
-    Options serve_options;
-    std::string serve_router_type = "0", serve_max_request;
-    CLI::App *server = app.add_subcommand(
-        "serve", "A NETCONF agent (RFC 6241, base 1.0 and 1.1) that clients drive in OpenConfig: "
-                 "edits go through the module to the native running configuration, reads "
-                 "through it to the native configuration and operational data and back.");
-    server
-        ->add_option("--state-dir", so.agent.state_dir,
-                     "Where the native running configuration (running.xml) and the SSH host key "
-                     "are kept; made if missing")
-        ->type_name("DIR")
-        ->required();
-    server
-        ->add_option("--listen", so.listen,
-                     "SSH on this address and port, by number ([ADDR]:PORT for IPv6): a login "
-                     "has 30 s, 16 log in at once, six failed attempts end a connection")
-        ->type_name("ADDR:PORT");
-    server
-        ->add_option("--unix", so.unix_path,
-                     "A UNIX socket (mode 0600: the agent's user only), no SSH")
-        ->type_name("PATH");
-    server
-        ->add_option("--users", so.users,
-                     "Users who log in over SSH by password: NAME:HASH lines, HASH as "
-                     "'openssl passwd -6' prints it")
-        ->type_name("FILE");
-    server
-        ->add_option("--authorized-keys", so.authorized_keys,
-                     "Public keys that log in over SSH, in OpenSSH's authorized_keys form; the "
-                     "comment of each names its user (alice, or alice@host)")
-        ->type_name("FILE");
-    server
-        ->add_option("--oper-dir", so.agent.oper_dir,
-                     "Native operational documents (*.xml, as to-oc reads them) that answer "
-                     "<get>, read again when they change")
-        ->type_name("DIR");
-    server
-        ->add_option("--router-type", serve_router_type,
-                     "What the platform answers as its router type (13 refuses IPv6 tunnel "
-                     "endpoints)")
-        ->type_name("N")
-        ->default_str("0");
-    server->add_flag("--resolve-names", so.agent.resolve_names,
-                     "Let the resolver look names up in tunnel endpoints");
-    server->add_option("--module", serve_options.module, "The mapping module to load")
-        ->type_name("PATH");
-    server
-        ->add_option("--yang-dir", serve_options.yang_dir,
-                     "The YANG models advertised and served by <get-schema> (default: "
-                     "$OCTUNNEL_YANG_DIR, else the models installed with the tool)")
-        ->type_name("DIR");
-    server->add_option("--threads", so.threads, "Sessions served at once (default 4)")
-        ->type_name("N")
-        ->check(CLI::Range(1, 6));
-    server
-        ->add_option("--max-request", serve_max_request,
-                     "The largest <config> or <filter> taken, in bytes (default 256 MiB); a larger "
-                     "one is answered too-big, a message larger than this and 1 MiB too-big and "
-                     "the session ends")
-        ->type_name("BYTES");
-    server->add_flag("--verbose", so.verbose, "Log sessions and what libnetconf2 says");
-    server->footer(
-        "The agent serves the running configuration alone (no candidate or startup); an edit\n"
-        "applies whole or not at all and is on disk before it is answered. It stops on\n"
-        "SIGINT or SIGTERM.\n"
-        "Every message a client sends is checked before libnetconf2 reads it: one that is not\n"
-        "well-formed XML in UTF-8, holds no element or is no <rpc> is answered\n"
-        "malformed-message (operation-failed on a base:1.0 session); broken framing ends the\n"
-        "session.\n"
-        "Exit status: 0 stopped by a signal; 2 it could not start (one line on stderr says "
-        "why).\n"
-        "Environment: OCTUNNEL_MODULE (the module), OCTUNNEL_YANG_DIR (the YANG models).");
+    // Listed here; run by a program of its own (below).
+    app.add_subcommand("serve", "A NETCONF agent (RFC 6241, base 1.0 and 1.1) that clients "
+                                "drive in OpenConfig; see 'octunnel serve --help'.");
 #endif
 
     try {
@@ -165,21 +125,6 @@ int main(int argc, char **argv)
         int rc = app.exit(e);
         return rc == 0 ? 0 : exit_unusable;
     }
-#ifdef OCTUNNEL_SERVE
-    if (server->parsed()) {
-        try {
-            so.agent.router_type = parse_number(serve_router_type, "--router-type");
-            if (!serve_max_request.empty())
-                so.agent.max_content = parse_number(serve_max_request, "--max-request");
-        } catch (const std::exception &e) {
-            std::cerr << "octunnel: " << e.what() << '\n';
-            return exit_unusable;
-        }
-        so.agent.module_path = Translator::module_path(serve_options);
-        so.yang_dir = yang_dir(serve_options);
-        return serve::serve(so, std::cerr);
-    }
-#endif
     Options &chosen = native->parsed() ? on : o;
     std::optional<Input> input;
     try {

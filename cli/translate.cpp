@@ -292,6 +292,11 @@ std::string yang_dir(const Options &o)
     return beside_program({"share/octunnel/yang", OCTUNNEL_YANG_FROM_BIN});
 }
 
+std::string serve_program()
+{
+    return beside_program({"octunnel-serve", OCTUNNEL_SERVE_FROM_BIN});
+}
+
 const yfwhost::Module &Translator::module(const std::string &path)
 {
     if (!module_ || module_path_ != path) {

@@ -88,4 +88,8 @@ void check_oc_root(const vidl_yfw_datatree &root);
 // relative to it.
 std::string yang_dir(const Options &o);
 
+// The agent's program, which `octunnel serve` runs: beside the tool in a
+// build tree, beside the module in an install.
+std::string serve_program();
+
 } // namespace octunnel
