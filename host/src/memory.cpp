@@ -60,67 +60,33 @@ uint32_t hash_text(std::string_view s)
     return static_cast<uint32_t>(h);
 }
 
-const char *StringPool::find(std::string_view s) const
-{
-    s = with_data(s);
-    if (slots_.empty())
-        return nullptr;
-    const uint32_t h = hash_text(s);
-    const std::size_t mask = slots_.size() - 1;
-    for (std::size_t i = h & mask;; i = (i + 1) & mask) {
-        const Slot &slot = slots_[i];
-        if (slot.text == nullptr)
-            return nullptr;
-        if (slot.hash == h && slot.size == s.size() &&
-            std::memcmp(slot.text, s.data(), s.size()) == 0)
-            return slot.text;
-    }
-}
-
-void StringPool::insert(std::string_view s, const char *copy)
-{
-    s = with_data(s);
-    if ((used_ + 1) * 4 > slots_.size() * 3)
-        grow();
-    const uint32_t h = hash_text(s);
-    const std::size_t mask = slots_.size() - 1;
-    std::size_t i = h & mask;
-    while (slots_[i].text != nullptr)
-        i = (i + 1) & mask;
-    slots_[i] = Slot{copy, static_cast<uint32_t>(s.size()), h};
-    ++used_;
-}
-
-void StringPool::grow()
-{
-    std::vector<Slot> old = std::move(slots_);
-    slots_.assign(old.empty() ? 16 : old.size() * 2, Slot{});
-    const std::size_t mask = slots_.size() - 1;
-    for (const Slot &slot : old) {
-        if (slot.text == nullptr)
-            continue;
-        std::size_t i = slot.hash & mask;
-        while (slots_[i].text != nullptr)
-            i = (i + 1) & mask;
-        slots_[i] = slot;
-    }
-}
-
-uint32_t TextIndex::find(std::string_view text) const
+auto TextIndex::slot_of(std::string_view text) const -> const Slot *
 {
     text = with_data(text);
     if (slots_.empty())
-        return none;
+        return nullptr;
     const uint32_t h = hash_text(text);
     const std::size_t mask = slots_.size() - 1;
     for (std::size_t i = h & mask;; i = (i + 1) & mask) {
         const Slot &slot = slots_[i];
         if (slot.text == nullptr)
-            return none;
+            return nullptr;
         if (slot.hash == h && slot.size == text.size() &&
             std::memcmp(slot.text, text.data(), text.size()) == 0)
-            return slot.value;
+            return &slot;
     }
+}
+
+uint32_t TextIndex::find(std::string_view text) const
+{
+    const Slot *slot = slot_of(text);
+    return slot != nullptr ? slot->value : none;
+}
+
+const char *TextIndex::kept(std::string_view text) const
+{
+    const Slot *slot = slot_of(text);
+    return slot != nullptr ? slot->text : nullptr;
 }
 
 void TextIndex::insert(std::string_view text, uint32_t value)

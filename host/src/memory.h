@@ -24,34 +24,14 @@ void prefault(void *start, std::size_t bytes);
 // How far ahead of its writing an arena or a block of nodes asks.
 inline constexpr std::size_t prefault_window = std::size_t{256} << 10;
 
-// The strings of one tree, each held once: a table with open addressing
-// over the copies, which live in the caller's arena.
-class StringPool {
-public:
-    // The copy of `s`, or null.
-    const char *find(std::string_view s) const;
-    // Records `copy` (a NUL-terminated copy of `s` made by the caller) as
-    // the copy of `s`, which must not be in the pool yet.
-    void insert(std::string_view s, const char *copy);
-
-private:
-    struct Slot {
-        const char *text = nullptr;
-        uint32_t size = 0;
-        uint32_t hash = 0;
-    };
-    void grow();
-
-    std::vector<Slot> slots_;
-    std::size_t used_ = 0;
-};
-
 // Texts that the caller keeps, each mapped to the number it came with
 // first: a table with open addressing, whose probes stay in one array.
 class TextIndex {
 public:
     static constexpr uint32_t none = UINT32_MAX;
     uint32_t find(std::string_view text) const;
+    // The kept text equal to `text`, or null.
+    const char *kept(std::string_view text) const;
     // Maps `text` (which the caller keeps alive) to `value` unless it is
     // mapped already.
     void insert(std::string_view text, uint32_t value);
@@ -64,10 +44,25 @@ private:
         uint32_t hash = 0;
         uint32_t value = 0;
     };
+    const Slot *slot_of(std::string_view text) const;
     void grow();
 
     std::vector<Slot> slots_;
     std::size_t used_ = 0;
+};
+
+// The strings of one tree, each held once: an index of the copies, which
+// live in the caller's arena.
+class StringPool {
+public:
+    // The copy of `s`, or null.
+    const char *find(std::string_view s) const { return copies_.kept(s); }
+    // Records `copy` (a NUL-terminated copy of `s` made by the caller) as
+    // the copy of `s`, which must not be in the pool yet.
+    void insert(std::string_view s, const char *copy) { copies_.insert({copy, s.size()}, 0); }
+
+private:
+    TextIndex copies_;
 };
 
 // `s`, with data even when empty: the tables below take a null pointer for
