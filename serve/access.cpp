@@ -19,17 +19,23 @@ std::string trim(std::string_view s)
     return std::string(s.substr(from, to - from + 1));
 }
 
-std::vector<std::string> lines_of(const std::string &file)
+// Calls `take(line, where)` for each line of `file` that is neither blank
+// nor a comment, trimmed; `where` ("FILE:N: ") opens the message of any
+// error about it.
+template <class Take> void each_entry(const std::string &file, Take take)
 {
     std::ifstream in(file);
     if (!in)
         throw std::runtime_error("cannot read " + file);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
+    int number = 0;
+    for (std::string raw; std::getline(in, raw);) {
+        ++number;
+        const std::string line = trim(raw);
+        if (!line.empty() && line.front() != '#')
+            take(line, file + ":" + std::to_string(number) + ": ");
+    }
     if (in.bad())
         throw std::runtime_error("cannot read " + file);
-    return lines;
 }
 
 // Compares in a time that does not depend on where the texts part.
@@ -52,14 +58,8 @@ constexpr const char no_user_hash[] =
 Users Users::read(const std::string &file)
 {
     Users users;
-    int number = 0;
-    for (const std::string &raw : lines_of(file)) {
-        ++number;
-        std::string line = trim(raw);
-        if (line.empty() || line.front() == '#')
-            continue;
+    each_entry(file, [&](const std::string &line, const std::string &where) {
         const auto colon = line.find(':');
-        const std::string where = file + ":" + std::to_string(number) + ": ";
         if (colon == std::string::npos || colon == 0 || colon + 1 == line.size())
             throw std::runtime_error(where + "not NAME:HASH");
         std::string name = line.substr(0, colon), hash = line.substr(colon + 1);
@@ -68,7 +68,7 @@ Users Users::read(const std::string &file)
                                      "the hash is not in crypt(3) form (openssl passwd -6)");
         if (!users.hashes_.emplace(name, hash).second)
             throw std::runtime_error(where + "user '" + name + "' is given twice");
-    }
+    });
     return users;
 }
 
@@ -96,13 +96,7 @@ AuthorizedKeys &AuthorizedKeys::operator=(AuthorizedKeys &&) noexcept = default;
 AuthorizedKeys AuthorizedKeys::read(const std::string &file)
 {
     AuthorizedKeys keys;
-    int number = 0;
-    for (const std::string &raw : lines_of(file)) {
-        ++number;
-        std::string line = trim(raw);
-        if (line.empty() || line.front() == '#')
-            continue;
-        const std::string where = file + ":" + std::to_string(number) + ": ";
+    each_entry(file, [&](const std::string &line, const std::string &where) {
         // Fields apart by blanks; options, when given, come first and hold
         // no blank outside quotes.
         std::vector<std::string> fields;
@@ -134,7 +128,7 @@ AuthorizedKeys AuthorizedKeys::read(const std::string &file)
             throw std::runtime_error(where + "not a public key of a type libssh knows");
         key->user = fields[at + 2].substr(0, fields[at + 2].find('@'));
         keys.keys_.push_back(std::move(key));
-    }
+    });
     return keys;
 }
 
