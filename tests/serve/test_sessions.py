@@ -75,7 +75,7 @@ def edits_at_once(agent, clients, edits, first, kill_after=None):
             # ncclient may miss the end of a session whose agent dies as a
             # request is being sent, and would wait for its reply for ever:
             # a time bounds that wait, only.
-            m.timeout = 120 if kill_after else None
+            m.timeout = 30 if kill_after else None
             for n in range(edits):
                 ip, inner = address(first + i, n)
                 sent.append(ip)
