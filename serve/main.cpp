@@ -32,7 +32,8 @@ int main(int argc, char **argv)
     server
         ->add_option("--listen", so.listen,
                      "SSH on this address and port, by number ([ADDR]:PORT for IPv6): a login "
-                     "has 30 s, 16 log in at once, six failed attempts end a connection")
+                     "has 30 s, 16 log in at once, six failed attempts end a connection; 256 "
+                     "connections at most")
         ->type_name("ADDR:PORT");
     server
         ->add_option("--unix", so.unix_path,

@@ -18,6 +18,7 @@
 #include <poll.h>
 #include <pwd.h>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -211,6 +212,9 @@ std::string server_state(ly_ctx *ctx)
 // once: those beyond are turned away until others are in or gone.
 constexpr long login_timeout_s = 30;
 constexpr int max_logins = 16;
+// How many connections, logged in or not, are served at once: each holds a
+// thread, so that no client, however many it opens, exhausts the agent's.
+constexpr std::size_t max_connections = 256;
 
 class Server {
 public:
@@ -237,6 +241,7 @@ private:
     void accept_loop();
     void watch_loop();
     void spawn(std::function<void()> work);
+    std::size_t reap();
     // Keeps `fd` known until unwatch(), to be shut down when the agent
     // stops or, given a time, when a login outlasts it; none once stopping.
     std::optional<uint64_t> watch(int fd, std::chrono::seconds login);
@@ -458,8 +463,8 @@ void Server::poll_loop()
 // relay in between whose guard checks the framing and the content of what
 // the client sends (guard.h): libnetconf2 reads nothing else.
 
-// A thread for one connection; those done are joined as others come.
-void Server::spawn(std::function<void()> work)
+// Joins the threads of connections done; returns how many are still open.
+std::size_t Server::reap()
 {
     std::erase_if(connections_, [](Connection &c) {
         if (!*c.done)
@@ -467,6 +472,12 @@ void Server::spawn(std::function<void()> work)
         c.thread.join();
         return true;
     });
+    return connections_.size();
+}
+
+// A thread for one connection.
+void Server::spawn(std::function<void()> work)
+{
     auto done = std::make_shared<std::atomic<bool>>(false);
     connections_.push_back({std::thread([work = std::move(work), done] {
                                 work();
@@ -512,8 +523,19 @@ void Server::accept_loop()
             socklen_t size = sizeof from;
             const int client =
                 accept4(p.fd, reinterpret_cast<sockaddr *>(&from), &size, SOCK_CLOEXEC);
-            if (client < 0)
+            if (client < 0) {
+                // Out of descriptors: wait for connections to end rather
+                // than poll a socket that stays ready.
+                if (errno == EMFILE || errno == ENFILE)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(100));
                 continue;
+            }
+            if (reap() >= max_connections) {
+                close(client);
+                log("a connection turned away: " + std::to_string(max_connections) +
+                    " are open already");
+                continue;
+            }
             if (p.fd == unix_fd_) {
                 spawn([this, client] { unix_connection(client); });
                 continue;
@@ -705,6 +727,15 @@ void Server::start()
     if (!o_.listen.empty() && users_.size() == 0 && keys_.size() == 0)
         throw std::invalid_argument(
             "--listen without --users or --authorized-keys: no one could log in");
+
+    // A connection holds a few descriptors (its socket, a socket pair and
+    // libssh's); the soft limit many systems start with (1,024) is taken up
+    // to what the hard one allows.
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
 
     agent_ = std::make_unique<Agent>(o_.agent, [this](const std::string &l) { log(l); });
     if (!o_.listen.empty())

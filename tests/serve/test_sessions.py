@@ -2,7 +2,9 @@
 editing together, and an agent killed in the middle of a stream of edits."""
 
 import os
+import socket
 import threading
+import time
 
 from lxml import etree
 from ncclient.operations.errors import TimeoutExpiredError
@@ -60,6 +62,31 @@ def test_locks_keep_others_out_until_released():
             pass
         a.lock("running")
         a.edit_config(target="running", config=edit)
+
+
+def test_connections_beyond_256_are_turned_away_and_the_agent_serves_on():
+    with Agent(unix=True) as agent:
+        held = []
+        for _ in range(256):
+            held.append(socket.socket(socket.AF_UNIX))
+            held[-1].connect(agent.unix)
+        with socket.socket(socket.AF_UNIX) as extra:
+            extra.connect(agent.unix)
+            extra.settimeout(60)
+            assert extra.recv(1) == b""
+        agent.wait_log("a connection turned away: 256 are open already")
+        for s in held:
+            s.close()
+        # The connections closed end as they see it: a session is served
+        # once they have.
+        for _ in range(100):
+            try:
+                agent.raw(unix=True).close()
+                break
+            except (OSError, EOFError):
+                time.sleep(0.1)
+        else:
+            raise AssertionError("no session after the connections closed")
 
 
 def edits_at_once(agent, clients, edits, first, kill_after=None):
