@@ -12,11 +12,11 @@
 #include "octunnel/model_tables.h"
 
 #include <CLI/CLI.hpp>
-#include <iostream>
-#include <optional>
-
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
+#include <optional>
 #include <unistd.h>
 #include <vector>
 
