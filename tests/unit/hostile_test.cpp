@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <span>
 #include <sstream>
 
 namespace {
@@ -130,29 +131,36 @@ struct Refusal {
 const std::vector<std::string> native_xml, native_json{"json"}, oc_xml{"to-oc"},
     oc_json{"to-oc", "json"}, native_get{"--kind", "get"}, native_json_get{"json", "--kind", "get"};
 
-// Nesting beyond the limit (without recursion, however deep), text that no
-// document may carry, a leaf given twice in one element, a number beyond
-// JSON, a document beyond the size limit.
-TEST(Hostile, RefusedInOneLineWithNothingLeftBehind)
+// Each case is refused with exit 2, one line on stderr that names the
+// input, nothing on stdout and no file left behind.
+void expect_refused(std::span<const Refusal> cases)
 {
-    const std::string oc_open = "<interfaces " + std::string(OC) + ">";
-    const std::string cut_tunnel_name =
-        oc_open + "<interface><name>tunnel-i\xC3\xA9</name><tunnel " + std::string(TUNNEL) +
-        "><state><ttl/></state></tunnel></interface></interfaces>";
-    const std::string json_cut_tunnel_name =
-        R"({"openconfig-interfaces:interfaces":{"interface":[{"name":"tunnel-i\u00e9",)"
-        R"("openconfig-if-tunnel:tunnel":{"state":{"ttl":[null]}}}]}})";
-    const std::string native_key_twice = "<interface-configurations "
-                                         "xmlns=\"http://valmora.com/ns/yang/Valmora-ifmgr-cfg\">\n"
-                                         "<interface-configuration><active>act</active>\n"
-                                         "<interface-name>tunnel-ip1</interface-name>\n"
-                                         "<interface-name>tunnel-ip2</interface-name>\n"
-                                         "</interface-configuration></interface-configurations>";
+    for (const Refusal &c : cases) {
+        SCOPED_TRACE(c.name);
+        tool().clear();
+        Outcome r = tool().run(c.doc, c.args, true, c.limit);
+        EXPECT_EQ(r.rc, exit_unusable);
+        EXPECT_EQ(r.answer, "");
+        EXPECT_TRUE(r.err.starts_with("octunnel: <stdin>")) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+        EXPECT_EQ(tool().files(), 0u) << "a file was left behind";
+    }
+}
+
+std::string oc_open()
+{
+    return "<interfaces " + std::string(OC) + ">";
+}
+
+// However deep, without recursion: the readers stop at the limit.
+TEST(Hostile, NestingBeyondTheLimit)
+{
     const Refusal cases[] = {
         {"XML, 27,000 levels",
-         oc_open + repeat("<a>", 27000) + repeat("</a>", 27000) + "</interfaces>", native_xml,
+         oc_open() + repeat("<a>", 27000) + repeat("</a>", 27000) + "</interfaces>", native_xml,
          ":1: the document nests deeper than 128 elements"},
-        {"XML, one level too many", oc_open + repeat("<a>", 128), native_xml,
+        {"XML, one level too many", oc_open() + repeat("<a>", 128), native_xml,
          "nests deeper than 128"},
         {"JSON objects, 14,000 levels",
          R"({"openconfig-interfaces:interfaces":)" + repeat(R"({"a":)", 14000) + "1" +
@@ -165,6 +173,20 @@ TEST(Hostile, RefusedInOneLineWithNothingLeftBehind)
         {"JSON list entries, 100,000 levels",
          R"({"openconfig-interfaces:interfaces":)" + repeat(R"({"a":[)", 100000), native_json,
          "nests deeper than 264 levels"},
+    };
+    expect_refused(cases);
+}
+
+// Text no document may carry, in what is read and in the module's answer.
+TEST(Hostile, TextThatIsNotADocument)
+{
+    const std::string cut_tunnel_name =
+        oc_open() + "<interface><name>tunnel-i\xC3\xA9</name><tunnel " + std::string(TUNNEL) +
+        "><state><ttl/></state></tunnel></interface></interfaces>";
+    const std::string json_cut_tunnel_name =
+        R"({"openconfig-interfaces:interfaces":{"interface":[{"name":"tunnel-i\u00e9",)"
+        R"("openconfig-if-tunnel:tunnel":{"state":{"ttl":[null]}}}]}})";
+    const Refusal cases[] = {
         {"XML, a byte that is not UTF-8", tunnel_config("<ttl>6\xFF</ttl>"), native_xml,
          ":1: malformed XML: the text is not UTF-8, at bytes 0xFF"},
         {"XML, an overlong encoding", tunnel_config("<ttl>\xC0\x80</ttl>"), native_xml,
@@ -180,7 +202,7 @@ TEST(Hostile, RefusedInOneLineWithNothingLeftBehind)
          ":1: a DOCTYPE has no place in a NETCONF message"},
         {"XML, a DOCTYPE after the root", tunnel_config("") + "\n<!DOCTYPE interfaces>", native_xml,
          ":2: malformed XML: a declaration"},
-        {"XML, an element not closed", oc_open + "\n<a>", native_xml,
+        {"XML, an element not closed", oc_open() + "\n<a>", native_xml,
          ":2: malformed XML: <a> is not closed"},
         {"JSON, NUL in a root's name", R"({"openconfig-interfaces:interfaces\u0000junk":{}})",
          native_json,
@@ -203,32 +225,40 @@ TEST(Hostile, RefusedInOneLineWithNothingLeftBehind)
          "the module's answer holds text that is not UTF-8 in <tid>, at bytes 0xA9"},
         {"JSON, an answer cut inside a character", json_cut_tunnel_name, native_json_get,
          "not UTF-8 in <tid>"},
+    };
+    expect_refused(cases);
+}
+
+TEST(Hostile, ALeafOrKeyGivenTwice)
+{
+    const std::string native_key_twice = "<interface-configurations "
+                                         "xmlns=\"http://valmora.com/ns/yang/Valmora-ifmgr-cfg\">\n"
+                                         "<interface-configuration><active>act</active>\n"
+                                         "<interface-name>tunnel-ip1</interface-name>\n"
+                                         "<interface-name>tunnel-ip2</interface-name>\n"
+                                         "</interface-configuration></interface-configurations>";
+    const Refusal cases[] = {
         {"XML, two endpoints", tunnel_config("<src>192.0.2.1</src>\n<src>2001:db8::1</src>"),
          native_xml, ":2: <src> is given twice in <config>, first on line 1"},
         {"XML, two keys",
-         oc_open + "<interface><name>a</name><name>b</name></interface></interfaces>", native_xml,
+         oc_open() + "<interface><name>a</name><name>b</name></interface></interfaces>", native_xml,
          "<name> is given twice in <interface>"},
         {"XML, a native key twice", native_key_twice, oc_xml,
          ":4: <interface-name> is given twice in <interface-configuration>, first on line 3"},
-        {"JSON, a number beyond a double", json_tunnel_config(R"("ttl":1e400)"), native_json,
-         "malformed JSON: a number beyond what JSON can carry"},
+    };
+    expect_refused(cases);
+}
+
+TEST(Hostile, DocumentsBeyondTheSizeLimit)
+{
+    const Refusal cases[] = {
         {"XML beyond the size limit", tunnel_config("<ttl>64</ttl>") + repeat(" ", 4096),
          native_xml, "<stdin>: the document is larger than 1024 bytes, the most octunnel reads",
          1024},
         {"JSON beyond the size limit", json_tunnel_config("") + repeat(" ", 4096), native_json,
          "the document is larger than 1024 bytes", 1024},
     };
-    for (const Refusal &c : cases) {
-        SCOPED_TRACE(c.name);
-        tool().clear();
-        Outcome r = tool().run(c.doc, c.args, true, c.limit);
-        EXPECT_EQ(r.rc, exit_unusable);
-        EXPECT_EQ(r.answer, "");
-        EXPECT_TRUE(r.err.starts_with("octunnel: <stdin>")) << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-        EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
-        EXPECT_EQ(tool().files(), 0u) << "a file was left behind";
-    }
+    expect_refused(cases);
 }
 
 // At the nesting limit a document is read, the module has its say on it;
@@ -236,13 +266,13 @@ TEST(Hostile, RefusedInOneLineWithNothingLeftBehind)
 // document at the size limit is read.
 TEST(Hostile, WhatIsNotRefused)
 {
-    const std::string oc_open = "<interfaces " + std::string(OC) + ">";
-    Outcome at = tool().run(oc_open + repeat("<a>", 127) + repeat("</a>", 127) + "</interfaces>",
+    Outcome at = tool().run(oc_open() + repeat("<a>", 127) + repeat("</a>", 127) + "</interfaces>",
                             native_xml);
     EXPECT_EQ(at.err.find("nests deeper"), std::string::npos) << at.err;
     for (const std::string &doc : {
-             oc_open + "<interface><name>a</name></interface><interface><name>b</name></interface>"
-                       "</interfaces>",
+             oc_open() +
+                 "<interface><name>a</name></interface><interface><name>b</name></interface>"
+                 "</interfaces>",
              tunnel_config("<unknown>1</unknown><unknown>2</unknown>"),
          }) {
         Outcome r = tool().run(doc, native_xml, false);
@@ -254,6 +284,12 @@ TEST(Hostile, WhatIsNotRefused)
 
 TEST(Hostile, NumbersOutOfRangeAreNamedNotWrapped)
 {
+    const Refusal beyond_json[] = {
+        {"JSON, a number beyond a double", json_tunnel_config(R"("ttl":1e400)"), native_json,
+         "malformed JSON: a number beyond what JSON can carry"},
+    };
+    expect_refused(beyond_json);
+
     Options o;
     for (const char *kind : {"4294967296", "0x100000000"}) {
         o.kind_text = kind;
