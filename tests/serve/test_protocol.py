@@ -200,5 +200,10 @@ def test_logins_under_way_do_not_hold_up_others():
         waiting.pop().close()
         agent.wait_log(gone, 2)
         agent.connect().get_config("running")
+        # A login has 30 seconds: then the agent ends the connection.
+        silent.settimeout(60)
+        while silent.recv(4096):
+            pass
+        agent.wait_log(gone, 3)
         for w in waiting + [silent, banner, extra]:
             w.close()
