@@ -23,7 +23,7 @@ constexpr int ROUTER_WITHOUT_IPV6_TUNNELS = 13;
 constexpr const models::list &INTERFACE = models::openconfiginterfaces::lvla_interfaces_interface;
 constexpr const models::naming &TUNNEL_NAME =
     models::valmoratunnelipmaoper::lvla_tunnelipma_tunnelids_tunnelid_names;
-constexpr std::size_t TUNNEL_NAME_PREFIX = std::char_traits<char>::length(TUNNEL_NAME.prefix);
+constexpr std::size_t TUNNEL_NAME_PREFIX = TUNNEL_NAME.prefix.size();
 
 // The tunnel id of an interface named "tunnel-ip<id>": the name behind its
 // prefix.  A shorter name gives an empty id rather than a read past its end.

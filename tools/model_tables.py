@@ -230,6 +230,7 @@ HEADER = """//
 #include "octunnel/yfw_namespaces.h"
 
 #include <cstdint>
+#include <string_view>
 
 namespace octunnel::models {
 
@@ -265,8 +266,8 @@ struct list {
 struct naming {
     const char *ns;
     const char *tag;
-    const char *key_path;
-    const char *prefix;
+    std::string_view key_path; // lengths known when compiled: a lookup measures nothing
+    std::string_view prefix;
 };
 
 // How the entry of a list in an added path is found: by its `key` (in
