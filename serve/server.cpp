@@ -13,6 +13,8 @@
 #include <fstream>
 #include <mutex>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <optional>
 #include <ostream>
 #include <poll.h>
@@ -540,6 +542,11 @@ void Server::accept_loop()
                 spawn([this, client] { unix_connection(client); });
                 continue;
             }
+            // A reply often leaves in more than one write (the relay's, then
+            // libssh's): without this, the second would wait for the
+            // client's delayed acknowledgement of the first, 40 ms.
+            const int one = 1;
+            setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
             char host[NI_MAXHOST] = "?", port[NI_MAXSERV] = "?";
             getnameinfo(reinterpret_cast<sockaddr *>(&from), size, host, sizeof host, port,
                         sizeof port, NI_NUMERICHOST | NI_NUMERICSERV);
