@@ -18,6 +18,11 @@ namespace octunnel {
 enum class NodeKind { unknown, container, list, leaf, leaf_list };
 enum class ValueKind { string, number, boolean, empty };
 
+// How a value of a libyang base type (LY_DATA_TYPE) is written: a number
+// for the integers of up to 32 bits (RFC 7951 writes wider ones as
+// strings), a boolean, an empty leaf, else a string.
+ValueKind kind_of_basetype(int basetype);
+
 class JsonSchema {
 public:
     // A node of the models, as the schema knows it; null for one it does

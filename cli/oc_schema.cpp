@@ -22,25 +22,6 @@ constexpr const char *oc_modules[] = {
 // Where a node stands above every top-level node: a mark, never read.
 const char root_mark = 0;
 
-ValueKind kind_of(LY_DATA_TYPE type)
-{
-    switch (type) {
-    case LY_TYPE_INT8:
-    case LY_TYPE_INT16:
-    case LY_TYPE_INT32:
-    case LY_TYPE_UINT8:
-    case LY_TYPE_UINT16:
-    case LY_TYPE_UINT32:
-        return ValueKind::number;
-    case LY_TYPE_BOOL:
-        return ValueKind::boolean;
-    case LY_TYPE_EMPTY:
-        return ValueKind::empty;
-    default:
-        return ValueKind::string;
-    }
-}
-
 // Whether some value of `type` writes other than as a string: then each
 // value is checked, as a value that does not fit its type is a string.
 bool may_write_otherwise(const lysc_type *type)
@@ -61,7 +42,7 @@ bool may_write_otherwise(const lysc_type *type)
     case LY_TYPE_LEAFREF:
         return may_write_otherwise(reinterpret_cast<const lysc_type_leafref *>(type)->realtype);
     default:
-        return kind_of(type->basetype) != ValueKind::string;
+        return kind_of_basetype(type->basetype) != ValueKind::string;
     }
 }
 
@@ -141,6 +122,25 @@ std::optional<ValueKind> plain_kind(const lysc_type *type, std::string_view text
 }
 
 } // namespace
+
+ValueKind kind_of_basetype(int basetype)
+{
+    switch (basetype) {
+    case LY_TYPE_INT8:
+    case LY_TYPE_INT16:
+    case LY_TYPE_INT32:
+    case LY_TYPE_UINT8:
+    case LY_TYPE_UINT16:
+    case LY_TYPE_UINT32:
+        return ValueKind::number;
+    case LY_TYPE_BOOL:
+        return ValueKind::boolean;
+    case LY_TYPE_EMPTY:
+        return ValueKind::empty;
+    default:
+        return ValueKind::string;
+    }
+}
 
 OpenConfigSchema::OpenConfigSchema(const std::string &dir)
 {
@@ -232,7 +232,7 @@ ValueKind OpenConfigSchema::value_kind(Node node, std::string_view value) const
         lyd_value_validate(ctx_, schema, value.data(), value.size(), nullptr, &type, nullptr);
     if ((rc != LY_SUCCESS && rc != LY_EINCOMPLETE) || type == nullptr)
         return ValueKind::string;
-    return kind_of(type->basetype);
+    return kind_of_basetype(type->basetype);
 }
 
 } // namespace octunnel

@@ -36,21 +36,7 @@ ValueKind libyang_kind(JsonSchema::Node node, std::string_view value)
                                    &type, nullptr);
     if ((rc != LY_SUCCESS && rc != LY_EINCOMPLETE) || type == nullptr)
         return ValueKind::string;
-    switch (type->basetype) {
-    case LY_TYPE_INT8:
-    case LY_TYPE_INT16:
-    case LY_TYPE_INT32:
-    case LY_TYPE_UINT8:
-    case LY_TYPE_UINT16:
-    case LY_TYPE_UINT32:
-        return ValueKind::number;
-    case LY_TYPE_BOOL:
-        return ValueKind::boolean;
-    case LY_TYPE_EMPTY:
-        return ValueKind::empty;
-    default:
-        return ValueKind::string;
-    }
+    return octunnel::kind_of_basetype(type->basetype);
 }
 
 TEST(JsonTyping, NumbersAndBooleansAsLibyangJudgesThem)
