@@ -165,19 +165,24 @@ verrno state_to_native(const char *fn, yfw_map_ctx ctx, const vidl_yfw_datatree 
 constexpr const char *netmask_path =
     "/interface-configurations/interface-configuration/ipv4-network/addresses/primary/netmask";
 
-// A prefix length as a client wrote it.  A number is decimal digits with an
-// optional sign, blanks around them allowed; its value is kept only as far
-// as a netmask needs it, so that no text, however long, overflows.  Any
-// other text is not a number, and counts as 0.
+// A prefix length as `atoi` reads it: blanks, an optional sign, and the
+// decimal digits that follow; whatever comes after the digits is not looked
+// at ("24abc" and "24.5" are 24, "2 4" is 2), and a text without leading
+// digits is 0.  The value is kept only as far as a netmask needs it, so that
+// no text, however long, overflows.
+//
+// Past the range of an int `atoi` settles nothing; here such a number is
+// large: an edit refuses it like any other above 32, while a read takes its
+// residue modulo 32, as it does for every number.
 struct PrefixLength {
-    bool zero = true;     // the number is 0, or the text is not a number
+    bool zero = true;     // the number is 0, or the text does not start with one
     bool netmask = true;  // from 0 to 32: a netmask an edit may write
     uint32_t residue = 0; // the number modulo 32, of a negative one too
 };
 
 bool blank(char c)
 {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
 
 PrefixLength prefix_length(const char *text)
@@ -188,7 +193,6 @@ PrefixLength prefix_length(const char *text)
     const bool negative = *p == '-';
     if (*p == '-' || *p == '+')
         ++p;
-    const char *digits = p;
     uint32_t value = 0; // stops at what no prefix length reaches
     uint32_t residue = 0;
     for (; *p >= '0' && *p <= '9'; ++p) {
@@ -198,11 +202,6 @@ PrefixLength prefix_length(const char *text)
             value = 1000;
         residue = (residue * 10 + d) % 32;
     }
-    const char *end = p;
-    while (blank(*p))
-        ++p;
-    if (end == digits || *p != '\0')
-        return {};
     PrefixLength n;
     n.zero = value == 0;
     n.netmask = n.zero || (!negative && value <= 32);

@@ -303,9 +303,9 @@ TEST(Hostile, NumbersOutOfRangeAreNamedNotWrapped)
             std::invalid_argument);
     }
 
-    // The IPv4 prefix length: an edit writes the netmask of 0 to 32 and
-    // refuses any other number, however long; a text that is not a number
-    // counts as 0.  A read has no bound: the shift is taken modulo 32.
+    // The IPv4 prefix length: its leading number counts, as atoi reads it.
+    // An edit writes the netmask of 0 to 32 and refuses any other number,
+    // however long; a read has no bound: the shift is taken modulo 32.
     struct {
         const char *value, *edit, *read;
     } const lengths[] = {
@@ -314,7 +314,7 @@ TEST(Hostile, NumbersOutOfRangeAreNamedNotWrapped)
         {"99999999999999999999999999", nullptr, "255.255.255.254"},
         {"-1", nullptr, "255.255.255.254"},
         {"40", nullptr, "255.0.0.0"},
-        {"24junk", "0.0.0.0", "0.0.0.0"},
+        {"24junk", "255.255.255.0", "255.255.255.0"},
         {"-0", "0.0.0.0", "0.0.0.0"},
     };
     for (const auto &l : lengths) {
