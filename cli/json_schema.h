@@ -59,6 +59,8 @@ public:
     ValueKind value_kind(Node, std::string_view) const override { return ValueKind::string; }
     // The keys of a list, in order; none for another node.
     std::span<const std::string_view> keys(Node node) const;
+    // The namespace of the model that owns `node`.
+    std::string_view ns(Node node) const;
     // Whether `node` is a `state` container of OpenConfig: read-only, with
     // all it holds.
     bool state(Node node) const;

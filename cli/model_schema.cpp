@@ -27,6 +27,7 @@ NodeKind kind_of(models::form f)
 // The rows as a tree of steps: module names play no part in the paths.
 struct ModelSchema::Step {
     std::string_view name;
+    std::string_view ns;
     NodeKind kind = NodeKind::unknown;
     std::vector<std::pair<std::string_view, std::size_t>> children;
     std::vector<std::string_view> keys;
@@ -51,9 +52,10 @@ ModelSchema::ModelSchema() : steps_(1)
             }
             steps_[at].children.emplace_back(name, steps_.size());
             at = steps_.size();
-            steps_.push_back(Step{name, NodeKind::unknown, {}, {}, false});
+            steps_.push_back(Step{name, {}, NodeKind::unknown, {}, {}, false});
         }
         Step &step = steps_[at];
+        step.ns = row.ns;
         step.kind = kind_of(row.kind);
         step.state = row.state;
         step.keys.assign(row.keys, row.keys + row.key_count);
@@ -91,6 +93,11 @@ std::span<const std::string_view> ModelSchema::keys(Node node) const
     if (node == nullptr)
         return {};
     return static_cast<const Step *>(node)->keys;
+}
+
+std::string_view ModelSchema::ns(Node node) const
+{
+    return node != nullptr ? static_cast<const Step *>(node)->ns : std::string_view();
 }
 
 bool ModelSchema::state(Node node) const

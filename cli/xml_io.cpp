@@ -118,11 +118,10 @@ private:
         bool nonblank = false;
         std::string text;
         // Its place in the models (null outside them), and the leaves of
-        // the models it holds so far, each with its namespace.
+        // the models it holds so far.
         JsonSchema::Node schema = nullptr;
         struct Leaf {
             JsonSchema::Node node;
-            const char *ns;
             int line;
         };
         std::vector<Leaf> leaves;
@@ -204,20 +203,26 @@ private:
     // Finds the element of `f` in the models, below its parent's place,
     // and refuses a leaf that its parent already holds: a second value
     // would be taken silently, or both translated.  Elements outside the
-    // models are left alone, whatever their number.
+    // models are left alone, whatever their number; a leaf of the models is
+    // one in its model's namespace, so an element of another namespace that
+    // shares its name is outside them.
     bool place(Frame &f, Frame &parent, const char *ns, bool envelope)
     {
         f.schema = envelope ? schema_.root() : schema_.child(parent.schema, {}, chars(f.local));
         if (schema_.kind(f.schema) != NodeKind::leaf)
             return true;
+        if (ns == nullptr || schema_.ns(f.schema) != ns) {
+            f.schema = nullptr;
+            return true;
+        }
         for (const Frame::Leaf &held : parent.leaves)
-            if (held.node == f.schema && held.ns == ns) {
+            if (held.node == f.schema) {
                 fail(f.line, element_name(chars(f.local)) + " is given twice in " +
                                  element_name(chars(parent.local)) + ", first on line " +
                                  std::to_string(held.line));
                 return false;
             }
-        parent.leaves.push_back({f.schema, ns, f.line});
+        parent.leaves.push_back({f.schema, f.line});
         return true;
     }
 
