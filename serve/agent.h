@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace octunnel::serve {
@@ -26,6 +27,10 @@ struct RpcError {
     std::string tag;                  // error-tag
     std::string message;              // error-message
     std::string path;                 // error-path
+    // The namespaces of the prefixes `path` uses (prefix, namespace), to be
+    // declared where error-path is written so that the path reads as an
+    // instance identifier.
+    std::vector<std::pair<std::string, std::string>> path_namespaces;
     std::string app_tag;              // error-app-tag
     // error-info
     std::string bad_element, bad_attribute, bad_namespace;
