@@ -1,9 +1,12 @@
 #include "agent.h"
 
 #include "filter.h"
+#include "oc_edit.h"
 #include "octunnel/yfw_namespaces.h"
 #include "octunnel/yfw_trace.h"
 #include "yfwhost/host.h"
+
+#include <libyang/libyang.h>
 
 #include <cerrno>
 #include <cstring>
@@ -42,17 +45,18 @@ private:
     yfwhost::Request req_;
 };
 
-// The module's refusal as NETCONF says it.
-RpcError refusal(verrno rc, yfwhost::Request &req)
+// The module's refusal as NETCONF says it, about the OpenConfig node the
+// walk stood at: the module names the node it refused (error_tag) or the
+// host saw where its walk stood when it said so.  The code's name goes in
+// error-app-tag; the message is the module's own text when it gave one.
+RpcError refusal(verrno rc, yfwhost::Request &req, const OpenConfigModels &models)
 {
     RpcError e;
     switch (rc) {
     case YFW_ERR_NOT_SUPPORTED:
     case YFW_ERR_AUGMENT_NOT_SUPPORTED:
-        e.tag = "operation-not-supported";
-        break;
     case YFW_ERR_UNSUPPORTED_TAG:
-        e.tag = "unknown-element";
+        e.tag = "operation-not-supported";
         break;
     case YFW_ERR_NO_SUBTREES:
     case YFW_ERR_LIST_KEY:
@@ -61,27 +65,77 @@ RpcError refusal(verrno rc, yfwhost::Request &req)
     case YFW_ERR_INVALID_ARG:
     case YFW_ERR_KEY_DELETE:
     case yfwhost::YFW_ERR_LEAFREF_MISMATCH:
+    case 16: // a prefix length the netmask cannot take
         e.tag = "invalid-value";
         break;
     default:
         e.tag = "operation-failed";
     }
     const char *name = yfwhost::error_name(rc);
-    e.app_tag = name != nullptr ? name : hex(rc);
+    e.app_tag = name != nullptr ? name : "code " + hex(rc);
     const yfw_map_state &state = req.state();
+    const std::string refused = state.error_tag != nullptr ? one_line(state.error_tag) : "";
+    ModelError where;
+    models.locate(req.error_path(), refused, where);
+    e.path = where.path;
+    e.path_namespaces = where.path_namespaces;
+    e.bad_element = refused;
+    if (e.bad_element.empty())
+        if (std::size_t at = req.error_path().find_last_of('/'); at != std::string::npos)
+            e.bad_element =
+                req.error_path().substr(at + 1, req.error_path().find('[', at) - at - 1);
     if (state.error_text != nullptr)
         e.message = one_line(state.error_text);
+    else if (e.tag == "operation-not-supported")
+        e.message = "The tunnel mapping does not carry this node to the router's configuration.";
+    else if (e.tag == "invalid-value")
+        e.message = "The tunnel mapping cannot take this value.";
     else
-        e.message = "the tunnel mapping module refused the request: " + e.app_tag +
-                    (name != nullptr ? " (" + hex(rc) + ")" : std::string());
-    e.path = req.error_path();
-    if (state.error_tag != nullptr)
-        e.bad_element = one_line(state.error_tag);
-    else if (std::size_t at = e.path.find_last_of('/'); at != std::string::npos)
-        e.bad_element = e.path.substr(at + 1, e.path.find('[', at) - at - 1);
-    if (e.tag == "unknown-element" && e.bad_element.empty())
-        e.tag = "operation-failed";
+        e.message = "The tunnel mapping refused the request here.";
     return e;
+}
+
+RpcError from_model(const ModelError &m)
+{
+    RpcError e;
+    e.tag = m.tag;
+    e.message = m.message;
+    e.path = m.path;
+    e.path_namespaces = m.path_namespaces;
+    e.bad_element = m.bad_element;
+    e.bad_namespace = m.bad_namespace;
+    if (m.tag == "bad-attribute")
+        e.bad_attribute = "operation";
+    return e;
+}
+
+EditOp edit_op(DefaultOperation op)
+{
+    switch (op) {
+    case DefaultOperation::replace:
+        return EditOp::replace;
+    case DefaultOperation::none:
+        return EditOp::none;
+    default:
+        return EditOp::merge;
+    }
+}
+
+// A filter of the interfaces `names`, each selected whole by its key.
+Document interfaces_filter(const std::vector<std::string> &names)
+{
+    yfwhost::TreeBuilder b("", "");
+    b.open("interfaces", NS_OC_INTERFACES, 0);
+    for (const std::string &name : names) {
+        b.open("interface", NS_OC_INTERFACES, 0);
+        b.set_value(b.open("name", NS_OC_INTERFACES, 0), name);
+        b.close();
+        b.close();
+    }
+    b.close();
+    Document doc{b.finish(), {}};
+    doc.roots.push_back(&doc.tree.get()->subtrees[0]);
+    return doc;
 }
 
 // Whether the module's answer holds only text a document can hold; a
@@ -169,7 +223,8 @@ std::string prepare(const AgentOptions &o)
 
 Agent::Agent(const AgentOptions &o, std::function<void(const std::string &)> log)
     : options_(o), log_(std::move(log)), module_(&translator_.module(o.module_path)),
-      running_(prepare(o)), oper_(o.oper_dir, log_)
+      models_ptr_(o.models ? o.models : std::make_shared<const OpenConfigModels>(o.yang_dir)),
+      models_(*models_ptr_), running_(prepare(o)), oper_(o.oper_dir, log_)
 {
     yfwhost::set_router_type(static_cast<int>(o.router_type));
     yfwhost::set_resolve_names(o.resolve_names);
@@ -188,6 +243,21 @@ Outcome Agent::edit_config(uint32_t session, std::string_view config, DefaultOpe
     if (config.size() > options_.max_content)
         return Outcome::error(too_big("the configuration", config.size(), options_.max_content));
     std::lock_guard guard(mutex_);
+    return edit_locked(session, config, op, test_only);
+}
+
+Outcome Agent::validate(uint32_t session, std::string_view config)
+{
+    if (config.size() > options_.max_content)
+        return Outcome::error(too_big("the configuration", config.size(), options_.max_content));
+    std::lock_guard guard(mutex_);
+    // The configuration as the whole running configuration, not kept.
+    return edit_locked(session, config, DefaultOperation::replace, true);
+}
+
+Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOperation op,
+                           bool test_only)
+{
     if (lock_owner_ != 0 && lock_owner_ != session) {
         RpcError e;
         e.tag = "lock-denied";
@@ -196,48 +266,92 @@ Outcome Agent::edit_config(uint32_t session, std::string_view config, DefaultOpe
         e.session_id = lock_owner_;
         return Outcome::error(e);
     }
-    if (blank(config))
-        return {};
+    // The edit as the models take it: its shape, then its values.
     Document doc;
     try {
         doc = read_xml(config, options_.max_content);
     } catch (const InputError &e) {
         return Outcome::error(unreadable(e, "the configuration"));
     }
+    if (auto e = models_.check(doc, OpenConfigModels::Use::edit))
+        return Outcome::error(from_model(*e));
     for (const vidl_yfw_datatree *root : doc.roots)
         if (!is_interfaces(*root)) {
             RpcError e;
-            e.type = "application";
-            const bool ours = yfwhost::ns_match(NS_OC_INTERFACES, root->ns);
-            e.tag = ours ? "unknown-element" : "unknown-namespace";
+            e.tag = "operation-not-supported";
             e.bad_element = root->tag;
-            if (!ours)
-                e.bad_namespace = root->ns;
-            e.message = element_name(root->tag) + " in namespace '" + root->ns +
+            e.message = element_name(root->tag) + " in the namespace '" + root->ns +
                         "' is not served here: the agent serves OpenConfig <interfaces> (" +
                         NS_OC_INTERFACES + ")";
             return Outcome::error(e);
         }
+    std::optional<ModelError> invalid;
+    DataTree edit = models_.parse_edit(config, false, invalid);
+    if (invalid)
+        return Outcome::error(from_model(*invalid));
+    const EditOp default_op = edit_op(op);
 
-    Walk walk(edit_kind, "config");
-    yfwhost::Request &req = walk.request();
-    req.add_input(doc.tree.get());
-    verrno rc = walk_to_native(*module_, req, doc.roots);
-    if (rc != YFW_OK)
-        return Outcome::error(refusal(rc, req));
-    if (auto e = unwritable(req))
+    // What the configuration is now, of the interfaces the edit touches, and
+    // what it is to become.
+    const auto names = interfaces_touched(models_, edit.get(), default_op);
+    if (names && names->empty())
+        return {}; // nothing named: nothing changes
+    DataTree before;
+    if (auto e = configuration(names, before))
         return Outcome::error(*e);
-    Tree edit;
-    adopt(edit, req.answer());
+    lyd_node *copy = nullptr;
+    if (before && lyd_dup_siblings(before.get(), nullptr, LYD_DUP_RECURSIVE, &copy) != LY_SUCCESS)
+        throw std::bad_alloc();
+    DataTree intended(copy);
+    if (auto e = apply_edit(models_, intended, edit.get(), default_op))
+        return Outcome::error(from_model(*e));
+    settle(intended);
+
+    // The difference, through the module, into the native configuration:
+    // first what goes, then what comes.
+    Change change = difference(before.get(), intended.get());
+    if (change.removals.roots.empty() && change.additions.roots.empty())
+        return {}; // the configuration is as intended already
+    Datastore::Change native(running_);
+    for (const Document *part : {&change.removals, &change.additions}) {
+        if (part->roots.empty())
+            continue;
+        Walk walk(edit_kind, "config");
+        yfwhost::Request &req = walk.request();
+        req.add_input(part->tree.get());
+        const verrno rc = walk_to_native(*module_, req, part->roots);
+        if (rc != YFW_OK)
+            return Outcome::error(refusal(rc, req, models_));
+        if (auto e = unwritable(req))
+            return Outcome::error(*e);
+        Tree tree;
+        adopt(tree, req.answer());
+        try {
+            native.apply(tree, DefaultOperation::merge);
+        } catch (const EditError &err) {
+            // The native configuration does not hold what the module reads
+            // as OpenConfig: a configuration written by hand, say.
+            RpcError e;
+            e.tag = "operation-failed";
+            e.message = "the router's configuration could not take the change (" + err.tag +
+                        " at its node " + err.path + ": " + one_line(err.what()) +
+                        "); nothing was changed";
+            log_(e.message);
+            return Outcome::error(e);
+        }
+    }
+    // The promise of the answer: the configuration reads back as intended.
+    DataTree after;
+    if (auto e = configuration(names, after))
+        return Outcome::error(*e);
+    leave_out_by_design(intended);
+    leave_out_by_design(after);
+    if (auto e = first_difference(models_, intended.get(), after.get()))
+        return Outcome::error(from_model(*e));
+    if (test_only)
+        return {};
     try {
-        running_.edit(edit, op, test_only);
-    } catch (const EditError &err) {
-        RpcError e;
-        e.tag = err.tag;
-        e.path = err.path;
-        e.bad_element = err.element;
-        e.message = std::string(err.what()) + " in the native configuration";
-        return Outcome::error(e);
+        native.commit();
     } catch (const std::exception &err) {
         RpcError e;
         e.tag = "operation-failed";
@@ -246,6 +360,34 @@ Outcome Agent::edit_config(uint32_t session, std::string_view config, DefaultOpe
         return Outcome::error(e);
     }
     return {};
+}
+
+std::optional<RpcError> Agent::configuration(const std::optional<std::vector<std::string>> &names,
+                                             DataTree &config)
+{
+    Tree answer;
+    const Document filter = names ? interfaces_filter(*names) : Document{};
+    if (auto e = read_oc(YFW_MAP_REQ_GET_CONFIG, names ? &filter : nullptr, answer))
+        return e;
+    std::string text;
+    XmlSink sink(text);
+    write(answer.root(), sink, Prune::state);
+    lyd_node *tree = nullptr;
+    if (lyd_parse_data_mem(models_.context(), text.c_str(), LYD_XML,
+                           LYD_PARSE_ONLY | LYD_PARSE_STRICT | LYD_PARSE_NO_STATE, 0,
+                           &tree) != LY_SUCCESS) {
+        const ly_err_item *err = ly_err_last(models_.context());
+        RpcError e;
+        e.tag = "operation-failed";
+        e.message = "the running configuration does not read as OpenConfig the models take (" +
+                    one_line(err != nullptr && err->msg != nullptr ? err->msg : "") +
+                    "); it must be set right before it is edited";
+        log_(e.message);
+        return e;
+    }
+    config.reset(tree);
+    settle(config);
+    return std::nullopt;
 }
 
 Outcome Agent::read(uint32_t, bool config_only, const std::optional<std::string> &filter)
@@ -259,27 +401,54 @@ Outcome Agent::read(uint32_t, bool config_only, const std::optional<std::string>
 Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &filter)
 {
     const uint32_t kind = config_only ? YFW_MAP_REQ_GET_CONFIG : YFW_MAP_REQ_GET;
-    std::vector<const Node *> data{&running_.tree().root()};
-    if (!config_only)
-        for (const Node *holder : oper_.current())
-            data.push_back(holder);
-
-    // The client's filter, and the native one the module makes of it.  No
-    // filter, or <interfaces/> alone, reads everything: the module would
-    // make an empty native filter of it.
-    Tree oc_filter, native_filter;
-    bool whole = !filter.has_value();
+    Document doc;
+    Tree oc_filter;
     if (filter) {
         if (blank(*filter))
             return {}; // an empty filter selects nothing
-        Document doc;
         try {
             doc = read_xml(*filter, options_.max_content);
         } catch (const InputError &e) {
             return Outcome::error(unreadable(e, "the filter"));
         }
+        if (auto e = models_.check(doc, OpenConfigModels::Use::filter))
+            return Outcome::error(from_model(*e));
+        adopt(oc_filter, doc);
+    }
+    Tree answer;
+    if (auto e = read_oc(kind, filter ? &doc : nullptr, answer))
+        return Outcome::error(*e);
+
+    // The answer holds what the client's filter selects of it, and in a
+    // configuration nothing read-only; <get> has the server's own state
+    // beside it.
+    std::vector<const Node *> answers{&answer.root()};
+    if (!config_only && server_state_)
+        answers.push_back(&server_state_->root());
+    const uint64_t oc_pass = filter ? select(oc_filter.root(), answers) : 0;
+    Outcome out;
+    out.data = "\n"; // the answer's first element on a line of its own
+    XmlSink sink(out.data);
+    for (const Node *holder : answers)
+        write(*holder, sink, config_only ? Prune::state : Prune::nothing, oc_pass);
+    return out;
+}
+
+std::optional<RpcError> Agent::read_oc(uint32_t kind, const Document *filter, Tree &answer)
+{
+    std::vector<const Node *> data{&running_.tree().root()};
+    if (kind == YFW_MAP_REQ_GET)
+        for (const Node *holder : oper_.current())
+            data.push_back(holder);
+
+    // The native filter the module makes of the client's.  No filter, or
+    // <interfaces/> alone, reads everything: the module would make an empty
+    // native filter of it.
+    Tree native_filter;
+    bool whole = filter == nullptr;
+    if (filter != nullptr) {
         std::vector<vidl_yfw_datatree *> ours;
-        for (vidl_yfw_datatree *root : doc.roots) {
+        for (vidl_yfw_datatree *root : filter->roots) {
             if (!is_interfaces(*root))
                 continue; // selects nothing here
             if (yfwhost::tree_child_count(root) == 0 && (root->present & YFW_PRESENT_VALUE) == 0)
@@ -290,15 +459,14 @@ Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &f
         if (!whole && !ours.empty()) {
             Walk walk(kind, "filter");
             yfwhost::Request &req = walk.request();
-            req.add_input(doc.tree.get());
+            req.add_input(filter->tree.get());
             verrno rc = walk_to_native(*module_, req, ours);
             if (rc != YFW_OK)
-                return Outcome::error(refusal(rc, req));
+                return refusal(rc, req, models_);
             if (auto e = unwritable(req))
-                return Outcome::error(*e);
+                return e;
             adopt(native_filter, req.answer());
         }
-        adopt(oc_filter, doc);
     }
 
     // The native data that answers the native filter, as the module's
@@ -318,25 +486,11 @@ Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &f
     req.add_input(doc.tree.get());
     verrno rc = walk_to_oc(*module_, req, roots);
     if (rc != YFW_OK)
-        return Outcome::error(refusal(rc, req));
+        return refusal(rc, req, models_);
     if (auto e = unwritable(req))
-        return Outcome::error(*e);
-
-    // The answer holds what the client's filter selects of it, and in a
-    // configuration nothing read-only; <get> has the server's own state
-    // beside it.
-    Tree answer;
+        return e;
     adopt(answer, req.answer());
-    std::vector<const Node *> answers{&answer.root()};
-    if (!config_only && server_state_)
-        answers.push_back(&server_state_->root());
-    const uint64_t oc_pass = filter ? select(oc_filter.root(), answers) : 0;
-    Outcome out;
-    out.data = "\n"; // the answer's first element on a line of its own
-    XmlSink sink(out.data);
-    for (const Node *holder : answers)
-        write(*holder, sink, config_only ? Prune::state : Prune::nothing, oc_pass);
-    return out;
+    return std::nullopt;
 }
 
 Outcome Agent::lock(uint32_t session)

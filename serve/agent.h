@@ -7,11 +7,13 @@
 #pragma once
 
 #include "datastore.h"
+#include "oc_models.h"
 #include "oper.h"
 #include "translate.h"
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -31,7 +33,7 @@ struct RpcError {
     // declared where error-path is written so that the path reads as an
     // instance identifier.
     std::vector<std::pair<std::string, std::string>> path_namespaces;
-    std::string app_tag;              // error-app-tag
+    std::string app_tag; // error-app-tag
     // error-info
     std::string bad_element, bad_attribute, bad_namespace;
     uint32_t session_id = 0;
@@ -55,6 +57,9 @@ struct AgentOptions {
     std::string state_dir;
     std::string oper_dir;    // none: no operational data
     std::string module_path; // the mapping module
+    std::string yang_dir;    // the OpenConfig models requests are checked against
+    // Or the models themselves, loaded once for many agents (tests).
+    std::shared_ptr<const OpenConfigModels> models;
     uint32_t router_type = 0;
     bool resolve_names = false;
     // The largest <config> or <filter> taken, in bytes; beyond: too-big.
@@ -70,9 +75,17 @@ public:
     Agent(const AgentOptions &o, std::function<void(const std::string &)> log);
     ~Agent();
 
-    // <edit-config> on running: `config` is the text of its <config>.
+    // <edit-config> on running: `config` is the text of its <config>, the
+    // top-level elements each with the namespaces it uses declared.  The
+    // edit is checked against the OpenConfig models, applied by RFC 6241's
+    // rules to the configuration as <get-config> shows it, and carried to
+    // the native configuration as the difference; it is kept only when the
+    // configuration then reads back as intended.
     Outcome edit_config(uint32_t session, std::string_view config, DefaultOperation op,
                         bool test_only);
+    // <validate> of an inline configuration: whether it would be taken as
+    // the whole running configuration, by every check of an edit.
+    Outcome validate(uint32_t session, std::string_view config);
     // <get-config> on running (`config_only`) or <get>: `filter` is the text
     // of a subtree filter, or none for everything.
     Outcome read(uint32_t session, bool config_only, const std::optional<std::string> &filter);
@@ -89,12 +102,24 @@ public:
 
 private:
     Outcome read_locked(bool config_only, const std::optional<std::string> &filter);
+    Outcome edit_locked(uint32_t session, std::string_view config, DefaultOperation op,
+                        bool test_only);
+    // The OpenConfig answer of a read of `kind` through the module, into
+    // `answer`: of the native data the module's filter of `filter` selects,
+    // or of all of it when `filter` is null.
+    std::optional<RpcError> read_oc(uint32_t kind, const Document *filter, Tree &answer);
+    // The OpenConfig configuration of the interfaces `names` (all of them
+    // when none), as <get-config> shows it, settled.
+    std::optional<RpcError> configuration(const std::optional<std::vector<std::string>> &names,
+                                          DataTree &config);
 
     std::mutex mutex_; // one request at a time sees the datastore and the module
     AgentOptions options_;
     std::function<void(const std::string &)> log_;
     Translator translator_;
     const yfwhost::Module *module_;
+    std::shared_ptr<const OpenConfigModels> models_ptr_;
+    const OpenConfigModels &models_;
     Datastore running_;
     OperationalData oper_;
     std::unique_ptr<Tree> server_state_;

@@ -89,6 +89,8 @@ std::vector<Node *> entries_like(const Node &e, const Node &parent)
     return found;
 }
 
+} // namespace
+
 // Changes made to the tree, kept until the edit is whole so that every one
 // can be taken back, newest first.
 class Journal {
@@ -117,6 +119,13 @@ public:
         n.set_value(value);
     }
     bool empty() const { return changes_.empty(); }
+    // Takes the changes of `later` after its own, to be taken back with them.
+    void append(Journal &later)
+    {
+        for (Change &c : later.changes_)
+            changes_.push_back(std::move(c));
+        later.changes_.clear();
+    }
 
     void undo()
     {
@@ -162,6 +171,8 @@ private:
     };
     std::vector<Change> changes_;
 };
+
+namespace {
 
 class Editor {
 public:
@@ -454,23 +465,50 @@ Datastore::Datastore(std::string path) : path_(std::move(path))
     }
 }
 
-bool Datastore::edit(const Tree &edit, DefaultOperation default_operation, bool test_only)
+Datastore::Change::Change(Datastore &store) : store_(store), journal_(std::make_unique<Journal>())
 {
-    Journal journal;
+}
+
+Datastore::Change::~Change()
+{
+    if (!done_)
+        journal_->undo();
+}
+
+void Datastore::Change::apply(const Tree &edit, DefaultOperation default_operation)
+{
+    // An edit that fails takes back what it did, and only that.
+    Journal own;
     try {
-        Editor(tree_, journal).apply(edit, default_operation);
-        if (test_only || journal.empty()) {
-            const bool changed = !journal.empty();
-            journal.undo();
-            return changed;
-        }
-        save();
+        Editor(store_.tree_, own).apply(edit, default_operation);
     } catch (...) {
-        journal.undo();
+        own.undo();
         throw;
     }
-    journal.commit();
-    return true;
+    journal_->append(own);
+}
+
+bool Datastore::Change::changed() const
+{
+    return !journal_->empty();
+}
+
+void Datastore::Change::commit()
+{
+    if (!journal_->empty())
+        store_.save(); // throws, and the destructor takes the change back
+    journal_->commit();
+    done_ = true;
+}
+
+bool Datastore::edit(const Tree &edit, DefaultOperation default_operation, bool test_only)
+{
+    Change change(*this);
+    change.apply(edit, default_operation);
+    const bool changed = change.changed();
+    if (!test_only)
+        change.commit();
+    return changed;
 }
 
 void Datastore::save() const

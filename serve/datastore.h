@@ -5,6 +5,7 @@
 
 #include "tree.h"
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -27,8 +28,35 @@ struct EditError : std::runtime_error {
 // that has one, does (RFC 6241, 7.2, default-operation).
 enum class DefaultOperation { merge, replace, none };
 
+class Journal;
+
 class Datastore {
 public:
+    // A change under way: edits applied one after the other, kept by
+    // commit() or taken back, whole, when the change ends without it.
+    class Change {
+    public:
+        explicit Change(Datastore &store);
+        ~Change();
+        Change(const Change &) = delete;
+        Change &operator=(const Change &) = delete;
+
+        // Applies `edit` as Datastore::edit does; throws EditError, and
+        // then the change holds what it held before.
+        void apply(const Tree &edit, DefaultOperation default_operation);
+        // Whether the edits so far changed anything.
+        bool changed() const;
+        // Keeps the change: the file holds it when this returns.  Throws
+        // std::runtime_error, having taken the change back, when the file
+        // cannot be written.
+        void commit();
+
+    private:
+        Datastore &store_;
+        std::unique_ptr<Journal> journal_;
+        bool done_ = false;
+    };
+
     // The configuration kept in the file `path`, read when the file exists.
     // Throws InputError for a file that is not a document, and
     // std::runtime_error for one that cannot be read.

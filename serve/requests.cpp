@@ -12,8 +12,8 @@ namespace {
 // The OpenConfig modules served, types modules first: the others' defaults
 // name identities, which only an implemented module may hold.
 constexpr const char *served_modules[] = {
-    "openconfig-vlan-types", "openconfig-if-types", "openconfig-interfaces",
-    "openconfig-vlan",       "openconfig-if-ip",    "openconfig-if-tunnel",
+    "iana-if-type",    "openconfig-vlan-types", "openconfig-if-types",  "openconfig-interfaces",
+    "openconfig-vlan", "openconfig-if-ip",      "openconfig-if-tunnel",
 };
 
 // The XML text an anyxml parameter holds.  Its elements are printed
@@ -70,9 +70,9 @@ Reply edit_config(Agent &agent, const lyd_node *rpc, uint32_t sid)
 Reply validate(Agent &agent, const lyd_node *rpc, uint32_t sid)
 {
     // The running configuration is valid as it stands; an inline one is
-    // tried as an edit that is not kept.
+    // tried as the whole configuration, and not kept.
     if (const lyd_node *config = param(rpc, "source/config"); config != nullptr)
-        return {agent.edit_config(sid, content_of(config), DefaultOperation::merge, true)};
+        return {agent.validate(sid, content_of(config))};
     if (param(rpc, "source/running") != nullptr)
         return {};
     return {failure("operation-not-supported",

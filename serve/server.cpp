@@ -744,7 +744,9 @@ void Server::start()
         setrlimit(RLIMIT_NOFILE, &files);
     }
 
-    agent_ = std::make_unique<Agent>(o_.agent, [this](const std::string &l) { log(l); });
+    AgentOptions agent = o_.agent;
+    agent.yang_dir = o_.yang_dir;
+    agent_ = std::make_unique<Agent>(agent, [this](const std::string &l) { log(l); });
     if (!o_.listen.empty())
         ssh_ = std::make_unique<SshServer>(host_key(o_.agent.state_dir), users_, keys_);
 

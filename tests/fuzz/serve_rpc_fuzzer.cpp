@@ -356,6 +356,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
     o.state_dir = h.dir.string();
     o.module_path = OCTUNNEL_MODULE_PATH;
     o.max_content = max_message;
+    static const auto models = std::make_shared<const OpenConfigModels>(OCTUNNEL_YANG_DIR);
+    o.models = models;
     Agent agent(o, [](const std::string &) {});
     if (locked && !agent.lock(2).ok())
         std::abort();

@@ -5,7 +5,7 @@ import os
 import shutil
 import tempfile
 
-from harness import TUN, interfaces, leaves, read, seeded, source
+from harness import TUN, error_of, interfaces, leaves, read, seeded, source
 
 T12 = "/interfaces/interface[tunnel-ip12]"
 T13 = "/interfaces/interface[tunnel-ip13]"
@@ -49,8 +49,11 @@ def test_subtree_filters_select_exactly_what_they_name():
         for inner, words, others in FILTERS:
             got = leaves(m.get_config("running", filter=("subtree", interfaces(inner))))
             assert got == others | {leaf for leaf in mine if any(w in leaf for w in words)}, inner
-        assert leaves(m.get_config("running", filter=(
-            "subtree", '<system xmlns="urn:example:system"/>'))) == set()
+        # A filter is checked against the models served: a namespace none
+        # of them has is refused, not read as selecting nothing.
+        e = error_of(lambda: m.get_config("running", filter=(
+            "subtree", '<system xmlns="urn:example:system"/>')))
+        assert (e.tag, e.info.count("urn:example:system")) == ("unknown-namespace", 1), e.info
 
 
 def test_get_adds_operational_data_and_sees_it_change():
