@@ -92,6 +92,16 @@ private:
     ModelError &e_;
 };
 
+// A value as a message quotes it: on one line, and shortened when long.
+std::string brief(std::string_view value)
+{
+    constexpr std::size_t longest = 64;
+    if (value.size() <= longest)
+        return quoted(one_line(value));
+    return quoted(one_line(value.substr(0, longest))) + " (" + std::to_string(value.size()) +
+           " bytes)";
+}
+
 std::string describe(const lysc_node *schema)
 {
     switch (schema->nodetype) {
@@ -384,6 +394,23 @@ DataTree OpenConfigModels::parse_edit(std::string_view text, bool json,
                 const auto *opaq = reinterpret_cast<const lyd_node_opaq *>(n);
                 const std::string_view value = view(opaq->value);
                 ModelError m;
+                if (schema != nullptr && schema->nodetype == LYS_LIST) {
+                    // libyang keeps an entry opaque whose key does not fit.
+                    for (const lyd_node *k = lyd_child(n); k != nullptr; k = k->next) {
+                        const lysc_node *ks = schema_of(k);
+                        if (ks == nullptr || !lysc_is_key(ks))
+                            continue;
+                        const char *text = reinterpret_cast<const lyd_node_opaq *>(k)->value;
+                        if (auto why = invalid_value(ks, view(text))) {
+                            m.tag = "invalid-value";
+                            m.message = *why;
+                            m.bad_element = ks->name;
+                            locate(k, m);
+                            error = std::move(m);
+                            return nullptr;
+                        }
+                    }
+                }
                 if (schema == nullptr || (schema->nodetype & LYD_NODE_TERM) == 0) {
                     m.tag = schema == nullptr ? "unknown-element" : "missing-element";
                     m.message = element_name(view(opaq->name.name)) +
@@ -399,16 +426,10 @@ DataTree OpenConfigModels::parse_edit(std::string_view text, bool json,
                     op = own_operation(at);
                 const bool deletes = op == EditOp::del || op == EditOp::remove;
                 if (!(deletes && value.empty())) {
-                    ly_err_clean(ctx_, nullptr);
-                    lyd_value_validate(ctx_, schema, value.data(), value.size(), nullptr, nullptr,
-                                       nullptr);
-                    const ly_err_item *e = ly_err_last(ctx_);
                     m.tag = "invalid-value";
-                    m.message =
-                        "the value " + quoted(one_line(value)) + " does not fit the " +
-                        describe(schema) + " " + element_name(schema->name) +
-                        (e != nullptr && e->msg != nullptr ? ": " + one_line(e->msg)
-                                                           : std::string(": the models refuse it"));
+                    m.message = invalid_value(schema, value)
+                                    .value_or("The value " + brief(value) + " does not fit " +
+                                              element_name(schema->name) + ".");
                     m.bad_element = schema->name;
                     locate(n, m);
                     error = std::move(m);
@@ -419,6 +440,22 @@ DataTree OpenConfigModels::parse_edit(std::string_view text, bool json,
         }
     }
     return data;
+}
+
+std::optional<std::string> OpenConfigModels::invalid_value(const lysc_node *schema,
+                                                           std::string_view value) const
+{
+    ly_err_clean(ctx_, nullptr);
+    if (lyd_value_validate(ctx_, schema, value.data(), value.size(), nullptr, nullptr, nullptr) ==
+        LY_SUCCESS)
+        return std::nullopt;
+    const ly_err_item *e = ly_err_last(ctx_);
+    std::string why = e != nullptr && e->msg != nullptr ? one_line(e->msg) : "";
+    // libyang quotes the value: a long one is said once, shortened.
+    if (why.size() > 200)
+        why.clear();
+    return "The value " + brief(value) + " does not fit the " + describe(schema) + " " +
+           element_name(schema->name) + (why.empty() ? "." : ": " + why);
 }
 
 // ---------------------------------------------------------------- paths

@@ -93,6 +93,8 @@ public:
     void locate(std::string_view path, std::string_view last, ModelError &error) const;
 
 private:
+    // Why `value` does not fit the type of the leaf `schema`, or nothing.
+    std::optional<std::string> invalid_value(const lysc_node *schema, std::string_view value) const;
     const lys_module *module_of_ns(std::string_view ns) const;
     const lysc_node *child_of(const lysc_node *parent, const lys_module *module,
                               std::string_view name) const;

@@ -266,10 +266,13 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
         e.session_id = lock_owner_;
         return Outcome::error(e);
     }
-    // The edit as the models take it: its shape, then its values.
+    // The edit as the models take it: its shape, then its values.  An
+    // empty <config> is an edit of nothing (all there is, with a default
+    // operation of replace).
     Document doc;
     try {
-        doc = read_xml(config, options_.max_content);
+        if (!blank(config))
+            doc = read_xml(config, options_.max_content);
     } catch (const InputError &e) {
         return Outcome::error(unreadable(e, "the configuration"));
     }

@@ -426,29 +426,44 @@ public:
 
     bool only_from(const lyd_node *n) override
     {
-        found(n, element_name(n->schema->name) +
-                     " would not be kept: the router's configuration cannot hold it as the "
-                     "edit gives it, through the tunnel mapping; nothing was changed");
+        n = first_leaf(n);
+        found(n, "The router's configuration would not hold " + element_name(n->schema->name) +
+                     " as the edit gives it: the tunnel mapping does not carry it there; "
+                     "nothing was changed.");
         return false;
     }
     bool only_to(const lyd_node *n) override
     {
+        n = first_leaf(n);
         found(n, element_name(n->schema->name) +
                      " would come into the configuration although the edit does not ask for "
-                     "it; nothing was changed");
+                     "it; nothing was changed.");
         return false;
     }
     bool changed(const lyd_node *from, const lyd_node *to) override
     {
         found(to, element_name(from->schema->name) + " would read back as " +
                       quoted(one_line(value_of(to))) + ", not as the edit's " +
-                      quoted(one_line(value_of(from))) + "; nothing was changed");
+                      quoted(one_line(value_of(from))) + "; nothing was changed.");
         return false;
     }
 
     std::optional<ModelError> error;
 
 private:
+    // The first leaf `n` holds besides keys, or `n` when it holds none: the
+    // node a client set.
+    static const lyd_node *first_leaf(const lyd_node *n)
+    {
+        for (;;) {
+            const lyd_node *c = lyd_child(n);
+            while (c != nullptr && is_key(c))
+                c = c->next;
+            if (c == nullptr)
+                return n;
+            n = c;
+        }
+    }
     void found(const lyd_node *n, std::string message)
     {
         ModelError e;
