@@ -76,8 +76,8 @@ int main(int argc, char **argv)
                                " levels of objects and arrays); XML 1.0 in UTF-8 without\n"
                                "  DOCTYPE, or JSON in UTF-8; a leaf at most once in its element.\n";
     const std::string environment =
-        "Environment: OCTUNNEL_MODULE (the module), OCTUNNEL_YANG_DIR (to-oc: the\n"
-        "  OpenConfig models of a JSON answer).";
+        "Environment: OCTUNNEL_MODULE (the module), OCTUNNEL_YANG_DIR (the OpenConfig\n"
+        "  models of a JSON answer and of --validate).";
     app.footer(kinds + formats + exits + limits + environment +
                "\nSee 'octunnel SUBCOMMAND --help' for the options of each.");
 
@@ -111,6 +111,15 @@ int main(int argc, char **argv)
     native->add_flag("--resolve-names", on.resolve_names,
                      "Let the resolver look names up (by default it takes numeric addresses only, "
                      "so a translation never waits on the network)");
+    native->add_flag("--validate", on.validate,
+                     "Check the request against the OpenConfig models first, as octunnel serve "
+                     "does: unknown elements and namespaces, keys, state, and (of an edit) "
+                     "every value's type; a refusal exits 2 naming the node");
+    native
+        ->add_option("--yang-dir", on.yang_dir,
+                     "Directory of the OpenConfig YANG models of --validate (default: "
+                     "$OCTUNNEL_YANG_DIR, else the models installed with the tool)")
+        ->type_name("DIR");
     native->footer(kinds + formats + exits + limits + environment);
 
 #ifdef OCTUNNEL_SERVE

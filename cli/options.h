@@ -18,6 +18,7 @@ struct Options {
     std::string format_text = "xml";
     std::string yang_dir;
     bool resolve_names = false;
+    bool validate = false; // to-native: check the request against the OpenConfig models first
 
     uint32_t kind = 0;
     uint32_t read_view = 0;

@@ -3,6 +3,7 @@
 #include "document.h"
 #include "json_io.h"
 #include "json_schema.h"
+#include "oc_models.h"
 #include "xml_io.h"
 
 #include "octunnel/model_tables.h"
@@ -12,7 +13,10 @@
 #include <cerrno>
 #include <cstring>
 #include <initializer_list>
+#include <libyang/libyang.h>
 #include <optional>
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 #include <unistd.h>
 #include <utility>
@@ -237,6 +241,56 @@ Document read_input(const Options &o, Input &input)
     return o.json ? read_json_document(input) : read_document(input);
 }
 
+// The whole text of the input, for a second reading.
+std::string slurp(Input &input)
+{
+    std::string text;
+    for (std::string_view piece = input.next(); !piece.empty(); piece = input.next())
+        text.append(piece);
+    return text;
+}
+
+// The JSON of the top-level nodes of an RFC 7951 document, out of its
+// NETCONF envelope when it has one.
+std::string json_content(const std::string &text)
+{
+    rapidjson::Document doc;
+    doc.Parse(text.c_str(), text.size());
+    if (doc.HasParseError() || !doc.IsObject() || doc.MemberCount() != 1)
+        return text;
+    const auto &member = *doc.MemberBegin();
+    const std::string_view name(member.name.GetString(), member.name.GetStringLength());
+    if (!member.value.IsObject() || (name != "ietf-netconf:config" &&
+                                     name != "ietf-netconf:filter" && name != "ietf-netconf:data"))
+        return text;
+    rapidjson::StringBuffer out;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(out);
+    member.value.Accept(writer);
+    return std::string(out.GetString(), out.GetSize());
+}
+
+// The request against the OpenConfig models, as the agent checks it: its
+// shape (a filter's too), then an edit's values.  Throws InputError naming
+// the refused node, and its line where the reader knows it.
+void validate(const Options &o, const Document &doc, const std::string &text, bool read)
+{
+    ly_log_options(LY_LOSTORE_LAST); // libyang's words come in the refusal, not on stderr
+    const OpenConfigModels models(yang_dir(o));
+    auto refuse = [](const ModelError &e) {
+        throw InputError(static_cast<int>(e.line),
+                         e.tag + (e.path.empty() ? "" : " at " + e.path) + ": " + e.message);
+    };
+    if (auto e =
+            models.check(doc, read ? OpenConfigModels::Use::filter : OpenConfigModels::Use::edit))
+        refuse(*e);
+    if (read)
+        return;
+    std::optional<ModelError> invalid;
+    models.parse_edit(o.json ? json_content(text) : standalone_elements(text), o.json, invalid);
+    if (invalid)
+        refuse(*invalid);
+}
+
 } // namespace
 
 Translator::Translator() = default;
@@ -358,14 +412,25 @@ int Translator::translate(const Options &o, Direction d, Input &input, std::FILE
     }
 
     // An OpenConfig request to the native request tree: an edit's
-    // <config>, or a read's subtree <filter>.
-    Document doc = read_input(o, input);
-    for (const vidl_yfw_datatree *root : doc.roots)
-        check_oc_root(*root);
+    // <config>, or a read's subtree <filter>; with --validate, checked
+    // against the models first, as the agent checks it.
+    const bool read = o.kind == YFW_MAP_REQ_GET_CONFIG || o.kind == YFW_MAP_REQ_GET;
+    Document doc;
+    if (o.validate) {
+        const std::string text = slurp(input);
+        Input again(std::string_view(text), max_document_bytes);
+        doc = read_input(o, again);
+        for (const vidl_yfw_datatree *root : doc.roots)
+            check_oc_root(*root);
+        validate(o, doc, text, read);
+    } else {
+        doc = read_input(o, input);
+        for (const vidl_yfw_datatree *root : doc.roots)
+            check_oc_root(*root);
+    }
     yfwhost::set_router_type(static_cast<int>(o.router_type));
     yfwhost::set_resolve_names(o.resolve_names);
 
-    const bool read = o.kind == YFW_MAP_REQ_GET_CONFIG || o.kind == YFW_MAP_REQ_GET;
     static const ModelSchema schema;
     const yfwhost::Module &mod = module(module_path(o));
     Session session(o, read ? "filter" : "config", err);
