@@ -524,6 +524,15 @@ void OpenConfigModels::locate(std::string_view text, std::string_view last, Mode
     path.finish();
 }
 
+std::string as_sentence(std::string text)
+{
+    if (!text.empty() && text[0] >= 'a' && text[0] <= 'z')
+        text[0] = static_cast<char>(text[0] - 'a' + 'A');
+    if (!text.empty() && text.back() != '.')
+        text.push_back('.');
+    return text;
+}
+
 // ---------------------------------------------------------------- XML text
 
 std::string standalone_elements(std::string_view text)

@@ -103,6 +103,9 @@ private:
     const lys_module *netconf_ = nullptr;
 };
 
+// `text` as a sentence: its first letter capital, a full stop at its end.
+std::string as_sentence(std::string text);
+
 // The text of the top-level elements of the XML document `text`, inside a
 // NETCONF <config>, <filter> or <data> when it has one, each carrying every
 // namespace declaration in scope where it stands, so that a prefix in a

@@ -277,8 +277,8 @@ void validate(const Options &o, const Document &doc, const std::string &text, bo
     ly_log_options(LY_LOSTORE_LAST); // libyang's words come in the refusal, not on stderr
     const OpenConfigModels models(yang_dir(o));
     auto refuse = [](const ModelError &e) {
-        throw InputError(static_cast<int>(e.line),
-                         e.tag + (e.path.empty() ? "" : " at " + e.path) + ": " + e.message);
+        throw InputError(static_cast<int>(e.line), e.tag + (e.path.empty() ? "" : " at " + e.path) +
+                                                       ": " + as_sentence(e.message));
     };
     if (auto e =
             models.check(doc, read ? OpenConfigModels::Use::filter : OpenConfigModels::Use::edit))

@@ -99,7 +99,7 @@ RpcError from_model(const ModelError &m)
 {
     RpcError e;
     e.tag = m.tag;
-    e.message = m.message;
+    e.message = as_sentence(m.message);
     e.path = m.path;
     e.path_namespaces = m.path_namespaces;
     e.bad_element = m.bad_element;
