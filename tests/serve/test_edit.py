@@ -129,6 +129,15 @@ REFUSALS = [
     # Nodes of the models that the module does not carry.
     ("edit", config(tunnel("tunnel-ip12", "<ipv4><config><mtu>1400</mtu></config></ipv4>")),
      "operation-not-supported", T12_CONFIG, "<bad-element>mtu</bad-element>"),
+    # The models name the node by an identity whose prefix the client
+    # declared on <config>: it resolves, and the type is not carried.
+    ("edit", config("<interface><name>tunnel-ip12</name><config><type>ianaift:tunnel</type>"
+                    "</config></interface>").replace(
+                        "<config ", '<config xmlns:ianaift="urn:ietf:params:xml:ns:yang:iana-if-type" ',
+                        1),
+     "operation-not-supported",
+     "/oc-if:interfaces/oc-if:interface[oc-if:name='tunnel-ip12']/oc-if:config/oc-if:type",
+     "<bad-element>type</bad-element>"),
     ("get-config", interfaces("<interface><name>tunnel-ip12</name>"
                               + tun("<ipv4><config><mtu/></config></ipv4>") + "</interface>"),
      "operation-not-supported", T12_CONFIG, "<bad-element>mtu</bad-element>"),
