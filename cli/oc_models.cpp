@@ -123,24 +123,31 @@ void DataTreeDeleter::operator()(lyd_node *first) const
     lyd_free_siblings(first);
 }
 
-OpenConfigModels::OpenConfigModels(const std::string &yang_dir)
+ly_ctx *load_served_models(const std::string &yang_dir)
 {
-    if (ly_ctx_new(yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx_) != LY_SUCCESS)
+    ly_ctx *ctx = nullptr;
+    if (ly_ctx_new(yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx) != LY_SUCCESS)
         throw std::runtime_error("cannot set up libyang with the models of " + yang_dir);
     const char *netconf_features[] = {"writable-running", "rollback-on-error", "validate", nullptr};
     std::string missing;
-    netconf_ = ly_ctx_load_module(ctx_, "ietf-netconf", nullptr, netconf_features);
-    if (netconf_ == nullptr)
+    if (ly_ctx_load_module(ctx, "ietf-netconf", nullptr, netconf_features) == nullptr)
         missing = "ietf-netconf";
-    else if (ly_ctx_load_module(ctx_, "ietf-netconf-monitoring", nullptr, nullptr) == nullptr)
+    else if (ly_ctx_load_module(ctx, "ietf-netconf-monitoring", nullptr, nullptr) == nullptr)
         missing = "ietf-netconf-monitoring";
     for (const char *m : served_modules)
-        if (missing.empty() && ly_ctx_load_module(ctx_, m, nullptr, nullptr) == nullptr)
+        if (missing.empty() && ly_ctx_load_module(ctx, m, nullptr, nullptr) == nullptr)
             missing = m;
     if (!missing.empty()) {
-        ly_ctx_destroy(ctx_);
+        ly_ctx_destroy(ctx);
         throw std::runtime_error("cannot load the model " + missing + " from " + yang_dir);
     }
+    return ctx;
+}
+
+OpenConfigModels::OpenConfigModels(const std::string &yang_dir)
+    : ctx_(load_served_models(yang_dir)),
+      netconf_(ly_ctx_get_module_implemented(ctx_, "ietf-netconf"))
+{
 }
 
 OpenConfigModels::~OpenConfigModels()

@@ -46,13 +46,17 @@ using DataTree = std::unique_ptr<lyd_node, DataTreeDeleter>;
 // The NETCONF operation an edit gives a node (RFC 6241, 7.2), or none.
 enum class EditOp { none, merge, replace, create, remove, del };
 
+// A context of libyang with the models served: openconfig-interfaces, -if-ip,
+// -if-tunnel and -vlan with the modules whose identities their values name
+// (iana-if-type, openconfig-if-types, -vlan-types), ietf-netconf with its
+// writable-running, rollback-on-error and validate features (and so the
+// operation attribute), and ietf-netconf-monitoring.  Throws
+// std::runtime_error naming what cannot be loaded.
+ly_ctx *load_served_models(const std::string &yang_dir);
+
 class OpenConfigModels {
 public:
-    // The models served from `yang_dir`: openconfig-interfaces, -if-ip,
-    // -if-tunnel and -vlan with the modules whose identities their values
-    // name (iana-if-type, openconfig-if-types, -vlan-types), ietf-netconf
-    // (for the operation attribute) and ietf-netconf-monitoring.  Throws
-    // std::runtime_error naming what cannot be loaded.
+    // The models served from `yang_dir` (load_served_models).
     explicit OpenConfigModels(const std::string &yang_dir);
     ~OpenConfigModels();
     OpenConfigModels(const OpenConfigModels &) = delete;

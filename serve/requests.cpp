@@ -1,5 +1,7 @@
 #include "requests.h"
 
+#include "oc_models.h"
+
 #include <libyang/libyang.h>
 
 #include <cstdlib>
@@ -8,13 +10,6 @@
 
 namespace octunnel::serve {
 namespace {
-
-// The OpenConfig modules served, types modules first: the others' defaults
-// name identities, which only an implemented module may hold.
-constexpr const char *served_modules[] = {
-    "iana-if-type",    "openconfig-vlan-types", "openconfig-if-types",  "openconfig-interfaces",
-    "openconfig-vlan", "openconfig-if-ip",      "openconfig-if-tunnel",
-};
 
 // The XML text an anyxml parameter holds.  Its elements are printed
 // whatever they hold: an empty one (<interfaces/>) is a selection node of
@@ -105,22 +100,7 @@ Reply read(Agent &agent, const lyd_node *rpc, uint32_t sid, bool config_only)
 
 ly_ctx *served_context(const std::string &yang_dir)
 {
-    ly_ctx *ctx = nullptr;
-    if (ly_ctx_new(yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx) != LY_SUCCESS)
-        throw std::runtime_error("cannot set up libyang with " + yang_dir);
-    const char *netconf_features[] = {"writable-running", "rollback-on-error", "validate", nullptr};
-    std::string missing;
-    if (ly_ctx_load_module(ctx, "ietf-netconf", nullptr, netconf_features) == nullptr ||
-        ly_ctx_load_module(ctx, "ietf-netconf-monitoring", nullptr, nullptr) == nullptr)
-        missing = "ietf-netconf and ietf-netconf-monitoring";
-    for (const char *m : served_modules)
-        if (missing.empty() && ly_ctx_load_module(ctx, m, nullptr, nullptr) == nullptr)
-            missing = m;
-    if (!missing.empty()) {
-        ly_ctx_destroy(ctx);
-        throw std::runtime_error("cannot load " + missing + " from " + yang_dir);
-    }
-    return ctx;
+    return load_served_models(yang_dir);
 }
 
 std::string text_of(const lyd_node *node)

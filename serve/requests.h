@@ -13,10 +13,8 @@ struct lyd_node;
 
 namespace octunnel::serve {
 
-// A context of libyang with what the agent serves: ietf-netconf (its
-// writable-running, rollback-on-error and validate features),
-// ietf-netconf-monitoring and the OpenConfig interfaces, from `yang_dir`.
-// Throws std::runtime_error naming what cannot be loaded.
+// A context of libyang with the models the agent serves, for libnetconf2
+// (load_served_models).
 ly_ctx *served_context(const std::string &yang_dir);
 
 // What the agent answers to a request: errors, or <data> (`data`) or <ok/>.
