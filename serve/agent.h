@@ -31,7 +31,7 @@ struct RpcError {
     // declared where error-path is written so that the path reads as an
     // instance identifier.
     std::vector<std::pair<std::string, std::string>> path_namespaces;
-    std::string app_tag;              // error-app-tag
+    std::string app_tag; // error-app-tag
     // error-info
     std::string bad_element, bad_attribute, bad_namespace;
     uint32_t session_id = 0;
