@@ -14,7 +14,7 @@ from lxml import etree
 from ncclient.transport.errors import AuthenticationError
 
 import payloads as p
-from harness import NC, PASSWORD, USER, Agent, error_of, error_tag, read, source
+from harness import NC, PASSWORD, USER, Agent, error_of, error_tag, read, rpc_error, source
 
 YANGLIB = "urn:ietf:params:xml:ns:yang:ietf-yang-library"
 MONITORING = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
@@ -120,6 +120,7 @@ def test_what_no_request_should_be_is_answered_in_turn_and_the_session_goes_on()
                 want = tag if base11 or tag != "malformed-message" else "operation-failed"
                 assert error_tag(reply) == want, (base11, message[:200], reply)
                 assert said in reply, (message[:200], reply)
+                rpc_error(reply)
             reply = s.receive()
             assert 'message-id="last"' in reply and "<data" in reply, reply
             # An empty subtree filter selects nothing.
