@@ -349,6 +349,29 @@ TEST(SessionGuard, ItsAnswersWaitForLibnetconf2sToEarlierRequests)
     old.from_client(std::string(106, 'x'), o);
     EXPECT_NE(o.to_client.find("too-big"), std::string::npos);
     EXPECT_TRUE(old.ended());
+
+    // A request the screen answers is not handed on; its answer, too, waits
+    // for those before it.
+    std::vector<std::string> screened;
+    SessionGuard sg(1000, [&](const std::string &message, const std::string &id) {
+        screened.push_back(id);
+        return message.find("<frob/>") != std::string::npos
+                   ? std::optional<std::string>("<rpc-reply message-id=\"" + id + "\"/>")
+                   : std::nullopt;
+    });
+    SessionGuard::Out g;
+    sg.from_agent("<hello/>]]>]]>", g);
+    g.to_client.clear();
+    sg.from_client(
+        hello_of(true) + chunk(rpc("<get/>", "1")) + chunk(rpc("<frob/>", "2")) + chunk("<rpc"), g);
+    // The malformed message never reaches the screen.
+    EXPECT_EQ(screened, (std::vector<std::string>{"1", "2"}));
+    EXPECT_EQ(g.to_agent, hello_of(true, "") + chunk(rpc("<get/>", "1")));
+    EXPECT_TRUE(g.to_client.empty());
+    sg.from_agent(reply, g);
+    const std::string answer = reply + chunk("<rpc-reply message-id=\"2\"/>");
+    EXPECT_EQ(g.to_client.substr(0, answer.size()), answer);
+    EXPECT_NE(g.to_client.find("malformed-message", answer.size()), std::string::npos);
 }
 
 } // namespace
