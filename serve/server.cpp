@@ -3,6 +3,7 @@
 #include "access.h"
 #include "relay.h"
 #include "requests.h"
+#include "screen.h"
 #include "ssh.h"
 
 #include <algorithm>
@@ -194,6 +195,31 @@ nc_server_reply *reply_errors(const ly_ctx *ctx, const std::vector<RpcError> &er
     for (std::size_t i = 1; i < errors.size(); ++i)
         nc_server_reply_add_err(reply, error_node(ctx, errors[i]));
     return reply;
+}
+
+// The <rpc-reply> of `errors` to the <rpc> of `message_id`, as text: what
+// the relay answers in libnetconf2's stead.
+std::string reply_text(const ly_ctx *ctx, const std::vector<RpcError> &errors,
+                       const std::string &message_id)
+{
+    std::string out = "<rpc-reply xmlns=\"" + std::string(netconf_ns) + "\"";
+    if (!message_id.empty()) {
+        out += " message-id=\"";
+        escape_xml(out, message_id, true);
+        out += "\"";
+    }
+    out += ">";
+    for (const RpcError &e : errors) {
+        lyd_node *err = error_node(ctx, e);
+        char *text = nullptr;
+        const LY_ERR rc = lyd_print_mem(&text, err, LYD_XML, LYD_PRINT_SHRINK);
+        lyd_free_tree(err);
+        if (rc != LY_SUCCESS || text == nullptr)
+            throw std::bad_alloc();
+        out += text;
+        std::free(text);
+    }
+    return out + "</rpc-reply>";
 }
 
 nc_server_reply *error(const ly_ctx *ctx, const char *tag, const std::string &message,
@@ -565,8 +591,22 @@ void Server::serve_client(ClientSide &client, const std::string &user)
             close(fd);
     });
     // A message may hold the largest request taken and the rest of an <rpc>.
-    relay(client, pair[1], o_.agent.max_content + (std::size_t{1} << 20), stop_,
-          [this](const std::string &l) { log(l); });
+    // What libnetconf2 would refuse in terms of its own, the relay answers
+    // first (screen.h).
+    relay(
+        client, pair[1], o_.agent.max_content + (std::size_t{1} << 20), stop_,
+        [this](const std::string &l) { log(l); },
+        [this](const std::string &message,
+               const std::string &message_id) -> std::optional<std::string> {
+            // Out of memory, libnetconf2 has the request, and answers it
+            // as it can.
+            try {
+                if (auto e = screen_rpc(ctx_, message))
+                    return reply_text(ctx_, {*e}, message_id);
+            } catch (const std::bad_alloc &) {
+            }
+            return std::nullopt;
+        });
     hello.join();
 }
 
