@@ -379,6 +379,12 @@ void SessionGuard::message_done(Out &out)
         return;
     }
     MessageCheck c = check_message(text, false);
+    if (c.ok && screen_) {
+        if (auto reply = screen_(text, c.message_id)) {
+            answer(std::move(*reply), out);
+            return;
+        }
+    }
     if (c.ok) {
         out.to_agent += framed(text);
         ++handed_on_;

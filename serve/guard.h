@@ -16,6 +16,10 @@
 //   keeps malformed-message from clients of base:1.0 alone),
 //   missing-attribute, missing-element or too-big.
 //
+// An <rpc> that passes these checks may still be screened (Screen, below):
+// the guard then answers it with the screen's reply instead of handing it
+// on, in the same order.
+//
 // libnetconf2 gets each message whole and framed anew, so that it never
 // reads a frame of the client's; the client's hello reaches it rewritten to
 // the base capabilities the guard chose, so that both agree on the framing.
@@ -29,8 +33,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace octunnel::serve {
 
@@ -63,10 +70,19 @@ MessageCheck check_message(std::string_view text, bool hello);
 // and missing-*), XML text.
 std::string error_reply(const MessageCheck &c);
 
+// Looks at an <rpc> the guard would hand on (its text, and its message-id):
+// the text of the <rpc-reply> to answer it with instead, or none to hand it
+// on.
+using Screen = std::function<std::optional<std::string>(const std::string &message,
+                                                        const std::string &message_id)>;
+
 class SessionGuard {
 public:
     // `max_message`: the largest message taken from the client, in bytes.
-    explicit SessionGuard(std::size_t max_message) : max_(max_message) {}
+    explicit SessionGuard(std::size_t max_message, Screen screen = {})
+        : max_(max_message), screen_(std::move(screen))
+    {
+    }
 
     // Appended to by from_client and from_agent: what goes to libnetconf2
     // and what to the client.
@@ -101,6 +117,7 @@ private:
     std::string framed(std::string_view message) const;
 
     std::size_t max_;
+    Screen screen_;
     bool hello_done_ = false;
     bool chunked_ = false;
     bool ended_ = false;

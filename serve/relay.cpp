@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace octunnel::serve {
@@ -64,10 +65,10 @@ bool SocketSide::write(std::string_view data)
 }
 
 void relay(ClientSide &client, int agent, std::size_t max_message, const std::atomic<bool> &stop,
-           const std::function<void(const std::string &)> &log)
+           const std::function<void(const std::string &)> &log, Screen screen)
 {
     fcntl(agent, F_SETFL, fcntl(agent, F_GETFL) | O_NONBLOCK);
-    SessionGuard guard(max_message);
+    SessionGuard guard(max_message, std::move(screen));
     SessionGuard::Out out;
     std::string to_agent;
     std::size_t sent = 0; // of to_agent

@@ -47,8 +47,8 @@ private:
 // through a guard of messages up to `max_message` bytes, until either side
 // ends, the guard ends the session, or `stop` is set.  Shuts `agent` down,
 // so that libnetconf2 sees the session end; `log` hears why a client's
-// session was ended by the guard.
+// session was ended by the guard; `screen` is the guard's (guard.h).
 void relay(ClientSide &client, int agent, std::size_t max_message, const std::atomic<bool> &stop,
-           const std::function<void(const std::string &)> &log);
+           const std::function<void(const std::string &)> &log, Screen screen = {});
 
 } // namespace octunnel::serve

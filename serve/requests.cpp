@@ -4,7 +4,9 @@
 
 #include <libyang/libyang.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <new>
 #include <stdexcept>
 
@@ -121,6 +123,16 @@ Outcome failure(const char *tag, std::string message, const char *type)
     e.type = type;
     e.message = std::move(message);
     return Outcome::error(e);
+}
+
+bool performs(std::string_view module, std::string_view name)
+{
+    static constexpr std::string_view netconf[] = {"edit-config",   "get-config",  "get",
+                                                   "lock",          "unlock",      "validate",
+                                                   "close-session", "kill-session"};
+    if (module == "ietf-netconf")
+        return std::find(std::begin(netconf), std::end(netconf), name) != std::end(netconf);
+    return module == "ietf-netconf-monitoring" && name == "get-schema";
 }
 
 std::optional<Reply> handle_request(Agent &agent, const lyd_node *rpc, uint32_t session)

@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 struct ly_ctx;
 struct lyd_node;
@@ -26,6 +27,11 @@ struct Reply {
 // Answers <edit-config>, <get-config>, <get>, <lock>, <unlock> and
 // <validate> of `session`; nothing for any other operation.
 std::optional<Reply> handle_request(Agent &agent, const lyd_node *rpc, uint32_t session);
+
+// Whether the agent performs operation `name` of YANG module `module`:
+// those handle_request answers, and <close-session>, <kill-session> and
+// <get-schema>, which the server answers itself.
+bool performs(std::string_view module, std::string_view name);
 
 // An error of the protocol (or of `type`) with `tag` and `message`.
 Outcome failure(const char *tag, std::string message, const char *type = "protocol");

@@ -3,14 +3,17 @@
 #include "access.h"
 #include "relay.h"
 #include "requests.h"
+#include "screen.h"
 #include "ssh.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <mutex>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -20,6 +23,7 @@
 #include <poll.h>
 #include <pwd.h>
 #include <sstream>
+#include <string_view>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -76,6 +80,57 @@ NC_ERR_TYPE type_of(const std::string &type)
     return NC_ERR_TYPE_APP;
 }
 
+// The fields of an <rpc-error> in the order RFC 6241 gives them.
+int rank(const lyd_node *field)
+{
+    static constexpr std::string_view order[] = {"error-type",    "error-tag",  "error-severity",
+                                                 "error-app-tag", "error-path", "error-message",
+                                                 "error-info"};
+    const std::string_view name = LYD_NAME(field);
+    return static_cast<int>(std::find(std::begin(order), std::end(order), name) -
+                            std::begin(order));
+}
+
+// libnetconf2 adds each field after those there are, error-info before
+// the message it is given later: they are put in order again.
+void in_order(lyd_node *err)
+{
+    std::vector<lyd_node *> fields;
+    for (lyd_node *f = lyd_child(err); f != nullptr; f = f->next)
+        fields.push_back(f);
+    std::stable_sort(fields.begin(), fields.end(),
+                     [](const lyd_node *a, const lyd_node *b) { return rank(a) < rank(b); });
+    for (lyd_node *f : fields) {
+        lyd_unlink_tree(f);
+        lyd_insert_child(err, f);
+    }
+}
+
+// An <error-path> whose prefixes are bound where it is written.
+// nc_err_set_path() makes a node of the text alone; libyang keeps the
+// namespaces of the prefixes an opaque node's value uses when it parses
+// the node, and declares them when it prints it.
+lyd_node *error_path(const ly_ctx *ctx, const RpcError &e)
+{
+    std::string xml = "<error-path xmlns=\"" + std::string(netconf_ns) + "\"";
+    for (const auto &[prefix, ns] : e.path_namespaces) {
+        xml += " xmlns:" + prefix + "=\"";
+        escape_xml(xml, ns, true);
+        xml += "\"";
+    }
+    xml += ">";
+    escape_xml(xml, e.path);
+    xml += "</error-path>";
+    lyd_node *node = nullptr;
+    if (lyd_parse_data_mem(ctx, xml.c_str(), LYD_XML, LYD_PARSE_OPAQ | LYD_PARSE_ONLY, 0, &node) !=
+            LY_SUCCESS ||
+        node == nullptr || node->next != nullptr) {
+        lyd_free_all(node);
+        return nullptr;
+    }
+    return node;
+}
+
 lyd_node *error_node(const ly_ctx *ctx, const RpcError &e)
 {
     const NC_ERR tag = tag_of(e.tag);
@@ -115,14 +170,22 @@ lyd_node *error_node(const ly_ctx *ctx, const RpcError &e)
         throw std::bad_alloc();
     if (!e.message.empty())
         nc_err_set_msg(err, e.message.c_str(), "en");
-    if (!e.path.empty())
-        nc_err_set_path(err, e.path.c_str());
+    if (!e.path.empty()) {
+        // A prefix that is not an XML name cannot be declared: the path
+        // then goes as text alone.
+        lyd_node *path = e.path_namespaces.empty() ? nullptr : error_path(ctx, e);
+        if (path != nullptr)
+            lyd_insert_child(err, path);
+        else
+            nc_err_set_path(err, e.path.c_str());
+    }
     if (!e.app_tag.empty())
         nc_err_set_app_tag(err, e.app_tag.c_str());
     if (!element_given && !e.bad_element.empty())
         nc_err_add_bad_elem(err, element);
     if (tag != NC_ERR_LOCK_DENIED && e.session_id != 0)
         nc_err_set_sid(err, e.session_id);
+    in_order(err);
     return err;
 }
 
@@ -132,6 +195,31 @@ nc_server_reply *reply_errors(const ly_ctx *ctx, const std::vector<RpcError> &er
     for (std::size_t i = 1; i < errors.size(); ++i)
         nc_server_reply_add_err(reply, error_node(ctx, errors[i]));
     return reply;
+}
+
+// The <rpc-reply> of `errors` to the <rpc> of `message_id`, as text: what
+// the relay answers in libnetconf2's stead.
+std::string reply_text(const ly_ctx *ctx, const std::vector<RpcError> &errors,
+                       const std::string &message_id)
+{
+    std::string out = "<rpc-reply xmlns=\"" + std::string(netconf_ns) + "\"";
+    if (!message_id.empty()) {
+        out += " message-id=\"";
+        escape_xml(out, message_id, true);
+        out += "\"";
+    }
+    out += ">";
+    for (const RpcError &e : errors) {
+        lyd_node *err = error_node(ctx, e);
+        char *text = nullptr;
+        const LY_ERR rc = lyd_print_mem(&text, err, LYD_XML, LYD_PRINT_SHRINK);
+        lyd_free_tree(err);
+        if (rc != LY_SUCCESS || text == nullptr)
+            throw std::bad_alloc();
+        out += text;
+        std::free(text);
+    }
+    return out + "</rpc-reply>";
 }
 
 nc_server_reply *error(const ly_ctx *ctx, const char *tag, const std::string &message,
@@ -503,8 +591,22 @@ void Server::serve_client(ClientSide &client, const std::string &user)
             close(fd);
     });
     // A message may hold the largest request taken and the rest of an <rpc>.
-    relay(client, pair[1], o_.agent.max_content + (std::size_t{1} << 20), stop_,
-          [this](const std::string &l) { log(l); });
+    // What libnetconf2 would refuse in terms of its own, the relay answers
+    // first (screen.h).
+    relay(
+        client, pair[1], o_.agent.max_content + (std::size_t{1} << 20), stop_,
+        [this](const std::string &l) { log(l); },
+        [this](const std::string &message,
+               const std::string &message_id) -> std::optional<std::string> {
+            // Out of memory, libnetconf2 has the request, and answers it
+            // as it can.
+            try {
+                if (auto e = screen_rpc(ctx_, message))
+                    return reply_text(ctx_, {*e}, message_id);
+            } catch (const std::bad_alloc &) {
+            }
+            return std::nullopt;
+        });
     hello.join();
 }
 

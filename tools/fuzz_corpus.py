@@ -102,6 +102,8 @@ def serve_seeds():
         yield f"malformed-{i}-base11", bytes([1]) + p.chunked(message) if message else \
             bytes([1]) + b"\n#1\n \n##\n"
         yield f"malformed-{i}-base10", bytes([0]) + p.end_marked(message)
+    for i, (body, _, _) in enumerate(p.BAD_OPERATIONS):
+        yield f"bad-operation-{i}", bytes([1]) + p.chunked(p.rpc(body, str(i)))
     for i, frames in enumerate(p.BAD_FRAMES):
         yield f"bad-frames-{i}", bytes([1 | 2 << 3]) + frames.encode()
     yield "too-big", bytes([1]) + b"\n#5000\n" + b"<" * 5000

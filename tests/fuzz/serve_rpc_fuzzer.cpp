@@ -1,12 +1,14 @@
 // A session of `octunnel serve`, driven by a fuzzer in process: what a
-// client sends goes through the relay's guard (serve/guard.h), and each
-// message the guard hands on is parsed by libyang as libnetconf2 parses it
-// and answered by the agent's own handlers (serve/requests.h) against a
-// small native running configuration in a directory of its own.  Held to:
+// client sends goes through the relay's guard (serve/guard.h) and its
+// screen (serve/screen.h), and each message the guard hands on is parsed
+// by libyang as libnetconf2 parses it and answered by the agent's own
+// handlers (serve/requests.h) against a small native running configuration
+// in a directory of its own.  Held to:
 //
-// - libyang either parses each message handed on into an operation, or
-//   fails having read its <rpc> envelope: libnetconf2 answers both, and
-//   would die on an operation of nothing or pass a message over unanswered;
+// - libyang parses each message handed on into an operation: the screen
+//   answers every other itself, as libnetconf2 would answer it in terms of
+//   its own, die on an operation of nothing or pass a message over
+//   unanswered;
 // - the guard hands on each message of the client byte for byte, framed
 //   anew, and its own answers and libnetconf2's reach the client in the
 //   order of the requests: one well-formed <rpc-reply> for each message,
@@ -33,6 +35,7 @@
 #include "datastore.h"
 #include "guard.h"
 #include "requests.h"
+#include "screen.h"
 
 #include <libxml/parser.h>
 #include <libyang/libyang.h>
@@ -240,10 +243,11 @@ Harness &harness()
     return h;
 }
 
-// libnetconf2's answer, marked with the number of the request handed on.
-std::string reply_text(std::size_t seq, const Reply &r)
+// libnetconf2's answer, marked with the number of the request handed on,
+// or the screen's (no number).
+std::string reply_text(std::optional<std::size_t> seq, const Reply &r)
 {
-    std::string out = "<rpc-reply seq=\"" + std::to_string(seq) + "\">";
+    std::string out = seq ? "<rpc-reply seq=\"" + std::to_string(*seq) + "\">" : "<rpc-reply>";
     if (!r.outcome.ok()) {
         for (const RpcError &e : r.outcome.errors) {
             if (e.tag.empty() || e.tag.find(' ') != std::string::npos ||
@@ -253,6 +257,15 @@ std::string reply_text(std::size_t seq, const Reply &r)
                  {&e.message, &e.path, &e.app_tag, &e.bad_element, &e.bad_attribute})
                 if (!xml_text(*text))
                     broken("an error's text XML cannot hold", *text);
+            // The namespaces of the path's prefixes, declared on an element.
+            std::string declared = "<t";
+            for (const auto &[prefix, ns] : e.path_namespaces) {
+                declared += " xmlns:" + prefix + "=\"";
+                escape_xml(declared, ns, true);
+                declared += "\"";
+            }
+            if (!well_formed(declared + "/>"))
+                broken("an error-path whose namespaces cannot be declared", declared);
             out += "<rpc-error><error-tag>" + e.tag + "</error-tag></rpc-error>";
         }
     } else if (r.data) {
@@ -282,16 +295,10 @@ std::string answer(Agent &agent, const std::string &message, std::size_t seq)
     const LY_ERR rc =
         lyd_parse_op(h.ctx, nullptr, in, LYD_XML, LYD_TYPE_RPC_NETCONF, &envelope, &op);
     ly_in_free(in, 0);
-    if (rc == LY_SUCCESS && op == nullptr)
-        broken("libyang parsed a message handed on into no operation", message);
-    if (rc != LY_SUCCESS && envelope == nullptr)
-        broken("libyang read no <rpc> of a message handed on, which libnetconf2 would not "
-               "answer on base:1.0",
-               message);
+    if (rc != LY_SUCCESS || op == nullptr)
+        broken("libyang refused a message the screen handed on", message);
     Reply r;
-    if (rc != LY_SUCCESS) {
-        r.outcome = failure("operation-failed", "libyang refused the message");
-    } else {
+    {
         const std::string before = h.running();
         const bool test_only = text_of(param(op, "test-option")) == "test-only";
         const bool edit = std::string_view(LYD_NAME(op)) == "edit-config";
@@ -364,7 +371,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
 
     // The session: the agent's hello first, then what the client sends,
     // each message handed on answered at once.
-    SessionGuard guard(max_message);
+    SessionGuard guard(max_message, [&](const std::string &message, const std::string &) {
+        std::optional<std::string> reply;
+        if (auto e = screen_rpc(h.ctx, message)) {
+            Reply r;
+            r.outcome = Outcome::error(*e);
+            reply = reply_text(std::nullopt, r);
+        }
+        return reply;
+    });
     SessionGuard::Out out;
     std::vector<std::string> handed_on;
     bool hello_seen = false;

@@ -214,6 +214,28 @@ def error_tag(reply):
     return etree.fromstring(reply.encode()).findtext(f".//{{{NC}}}error-tag")
 
 
+# The fields of an <rpc-error>, in the order RFC 6241 gives them.
+ERROR_FIELDS = ["error-type", "error-tag", "error-severity", "error-app-tag", "error-path",
+                "error-message", "error-info"]
+
+
+def rpc_error(reply):
+    """The one <rpc-error> of a reply (its text), or an <rpc-error> element,
+    checked: its fields in RFC 6241's order, and each prefix of its
+    error-path bound where the path stands."""
+    root = etree.fromstring(reply.encode()) if isinstance(reply, str) else reply
+    errors = root.findall(f"{{{NC}}}rpc-error") if etree.QName(root).localname == "rpc-reply" \
+        else [root]
+    assert len(errors) == 1, etree.tostring(root)
+    fields = [etree.QName(c).localname for c in errors[0]]
+    assert fields == sorted(fields, key=ERROR_FIELDS.index), fields
+    path = errors[0].find(f"{{{NC}}}error-path")
+    if path is not None:
+        for prefix in re.findall(r"(?:^|/|\[)\s*([A-Za-z_][\w.-]*):", path.text or ""):
+            assert prefix in path.nsmap, (prefix, path.text, path.nsmap)
+    return errors[0]
+
+
 @contextlib.contextmanager
 def seeded(*args):
     """An agent holding the round-trip configuration, and a session to it."""

@@ -111,6 +111,35 @@ BAD_MESSAGES = [
 ]
 MALFORMED = [message for message, _, _ in BAD_MESSAGES]
 
+# Operations that libnetconf2 would refuse in terms of its own, or that the
+# agent does not perform, each answered in RFC 6241's: the error-tag, and
+# the error-info the RFC gives that tag.
+BAD_OPERATIONS = [
+    ("<frobnicate/>", "operation-not-supported", {}),
+    ('<frobnicate xmlns="urn:example:x"/>', "operation-not-supported", {}),
+    ("<commit/>", "operation-not-supported", {}),
+    ("<discard-changes/>", "operation-not-supported", {}),
+    ("<cancel-commit/>", "operation-not-supported", {}),
+    ("<copy-config><target><startup/></target><source><running/></source></copy-config>",
+     "operation-not-supported", {}),
+    ("<delete-config><target><startup/></target></delete-config>", "operation-not-supported", {}),
+    ("<get-config/>", "missing-element", {"bad-element": "source"}),
+    ("<edit-config><target><running/></target></edit-config>", "missing-element",
+     {"bad-element": "config"}),
+    (f"<edit-config>{config(TTL)}</edit-config>", "missing-element", {"bad-element": "target"}),
+    ("<lock/>", "missing-element", {"bad-element": "target"}),
+    ("<get-config><source><running/></source><frob/></get-config>", "unknown-element",
+     {"bad-element": "frob"}),
+    ('<get><frob xmlns="urn:example:x"/></get>', "unknown-namespace",
+     {"bad-element": "frob", "bad-namespace": "urn:example:x"}),
+    (edit(config(tunnel("tunnel-ip12", "<config><ttl>3</ttl></config>", "frobnicate"))),
+     "bad-attribute", {"bad-attribute": "operation", "bad-element": "interface"}),
+    ('<get-config frob="1"><source><running/></source></get-config>', "unknown-attribute",
+     {"bad-attribute": "frob", "bad-element": "get-config"}),
+    ("<kill-session><session-id>abc</session-id></kill-session>", "bad-element",
+     {"bad-element": "session-id"}),
+]
+
 # Frames that break the framing of base:1.1, and why, as the agent logs it.
 BROKEN_FRAMES = [("\n#0\n\n##\n", "chunk size"), ("\n##\n", "no chunk"),
                  ("\n#abc\n", "chunk size"), ("\n#01\n", "chunk size"),

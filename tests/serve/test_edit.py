@@ -148,10 +148,11 @@ REFUSALS = [
     ("edit", f'<config xmlns="{NC}"><system xmlns="urn:example:system"><hostname>r1</hostname>'
      "</system></config>", "unknown-namespace", None,
      "<bad-namespace>urn:example:system</bad-namespace>"),
-    # An operation NETCONF does not have: libyang refuses the request
-    # before the agent sees it.
+    # An operation NETCONF does not have: the agent refuses the request
+    # before libnetconf2 reads it.
     ("edit", config('<interface><name>x</name><config><mtu nc:operation="frobnicate">1</mtu>'
-                    "</config></interface>"), "operation-failed", None, "frobnicate"),
+                    "</config></interface>"), "bad-attribute",
+     "/oc-if:interfaces/oc-if:interface[oc-if:name='x']/oc-if:config/oc-if:mtu", "frobnicate"),
 ]
 
 

@@ -14,7 +14,7 @@ from lxml import etree
 from ncclient.transport.errors import AuthenticationError
 
 import payloads as p
-from harness import NC, PASSWORD, USER, Agent, error_of, error_tag, read, source
+from harness import NC, PASSWORD, USER, Agent, error_of, error_tag, read, rpc_error, source
 
 YANGLIB = "urn:ietf:params:xml:ns:yang:ietf-yang-library"
 MONITORING = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
@@ -93,13 +93,13 @@ def test_what_no_request_should_be_is_answered_in_turn_and_the_session_goes_on()
     # (message, error-tag on base:1.1, a word of the answer): the messages
     # the guard answers, then requests libnetconf2 or the agent refuses.
     rows = p.BAD_MESSAGES + [(p.rpc(body, "r"), tag, said) for body, tag, said in (
-        ('<frobnicate xmlns="urn:example:x"/>', "operation-failed", "urn:example:x"),
+        ('<frobnicate xmlns="urn:example:x"/>', "operation-not-supported", "urn:example:x"),
         ("<copy-config><target><running/></target><source><running/></source></copy-config>",
          "operation-not-supported", "copy-config"),
-        ("<get-config><source><candidate/></source></get-config>", "operation-failed",
+        ("<get-config><source><candidate/></source></get-config>", "operation-not-supported",
          "candidate"),
-        ("<edit-config><target><running/></target></edit-config>", "operation-not-supported",
-         "inline"),
+        ("<edit-config><target><running/></target></edit-config>", "missing-element",
+         "<bad-element>config</bad-element>"),
         ('<get-config><source><running/></source><filter type="xpath" select="/a"/></get-config>',
          "bad-attribute", "subtree"),
         (p.edit(p.config("<a>" * 5000 + "</a>" * 5000)), "too-big", "deeper than 200"),
@@ -120,6 +120,7 @@ def test_what_no_request_should_be_is_answered_in_turn_and_the_session_goes_on()
                 want = tag if base11 or tag != "malformed-message" else "operation-failed"
                 assert error_tag(reply) == want, (base11, message[:200], reply)
                 assert said in reply, (message[:200], reply)
+                rpc_error(reply)
             reply = s.receive()
             assert 'message-id="last"' in reply and "<data" in reply, reply
             # An empty subtree filter selects nothing.
@@ -128,6 +129,33 @@ def test_what_no_request_should_be_is_answered_in_turn_and_the_session_goes_on()
             # <close-session> is answered, then the session ends.
             assert "<ok/>" in s.rpc("<close-session/>")
             s.ended()
+
+
+def test_operations_it_cannot_take_are_answered_in_rfc_6241s_terms():
+    with Agent() as agent:
+        s = agent.raw()
+        for i, (body, tag, info) in enumerate(p.BAD_OPERATIONS):
+            reply = etree.fromstring(s.rpc(body, f"op-{i}").encode())
+            assert reply.get("message-id") == f"op-{i}", body
+            e = rpc_error(reply)
+            assert e.findtext(f"{{{NC}}}error-tag") == tag, (body, etree.tostring(e))
+            got = {etree.QName(c).localname: c.text for c in e.iterfind(f"{{{NC}}}error-info/*")}
+            assert got == info, (body, got)
+        assert "<data" in s.rpc(GET_CONFIG), "the session did not go on"
+
+        # As ncclient has them: an error-path in the terms of the models,
+        # its prefixes bound.
+        m = agent.connect()
+        operation = lambda body: etree.fromstring(p.rpc(body))[0]  # noqa: E731
+        e = error_of(lambda: m.dispatch(operation(p.edit(p.config(p.tunnel(
+            "tunnel-ip12", "<config><ttl>3</ttl></config>", "frobnicate"))))))
+        assert (e.tag, e.path) == ("bad-attribute",
+                                   "/oc-if:interfaces/oc-if:interface[oc-if:name='tunnel-ip12']")
+        assert rpc_error(e.xml).find(f"{{{NC}}}error-path").nsmap["oc-if"] == p.OC
+        e = error_of(lambda: m.dispatch(operation("<lock/>")))
+        assert (e.tag, e.path) == ("missing-element", "/nc:rpc/nc:lock")
+        assert "<bad-element>target</bad-element>" in e.info
+        assert "<data" in m.get_config("running").xml
 
 
 def test_broken_frames_bad_hellos_and_messages_too_large_end_the_session():

@@ -1,12 +1,15 @@
 // The agent's parts without a network: subtree filtering of native data, the
-// datastore's edits and its file, and the relay's guard.  What the agent does
-// through the module is driven end to end by tests/serve/.
+// datastore's edits and its file, the relay's guard and its screen.  What the
+// agent does through the module is driven end to end by tests/serve/.
 #include "datastore.h"
 #include "filter.h"
 #include "guard.h"
+#include "requests.h"
+#include "screen.h"
 #include "tree.h"
 
 #include <gtest/gtest.h>
+#include <libyang/libyang.h>
 
 #include <filesystem>
 #include <fstream>
@@ -349,6 +352,145 @@ TEST(SessionGuard, ItsAnswersWaitForLibnetconf2sToEarlierRequests)
     old.from_client(std::string(106, 'x'), o);
     EXPECT_NE(o.to_client.find("too-big"), std::string::npos);
     EXPECT_TRUE(old.ended());
+
+    // A request the screen answers is not handed on; its answer, too, waits
+    // for those before it.
+    std::vector<std::string> screened;
+    SessionGuard sg(1000, [&](const std::string &message, const std::string &id) {
+        screened.push_back(id);
+        return message.find("<frob/>") != std::string::npos
+                   ? std::optional<std::string>("<rpc-reply message-id=\"" + id + "\"/>")
+                   : std::nullopt;
+    });
+    SessionGuard::Out g;
+    sg.from_agent("<hello/>]]>]]>", g);
+    g.to_client.clear();
+    sg.from_client(
+        hello_of(true) + chunk(rpc("<get/>", "1")) + chunk(rpc("<frob/>", "2")) + chunk("<rpc"), g);
+    // The malformed message never reaches the screen.
+    EXPECT_EQ(screened, (std::vector<std::string>{"1", "2"}));
+    EXPECT_EQ(g.to_agent, hello_of(true, "") + chunk(rpc("<get/>", "1")));
+    EXPECT_TRUE(g.to_client.empty());
+    sg.from_agent(reply, g);
+    const std::string answer = reply + chunk("<rpc-reply message-id=\"2\"/>");
+    EXPECT_EQ(g.to_client.substr(0, answer.size()), answer);
+    EXPECT_NE(g.to_client.find("malformed-message", answer.size()), std::string::npos);
+}
+
+// ---------------------------------------------------------------- screen
+
+ly_ctx *served()
+{
+    static ly_ctx *const ctx = [] {
+        ly_log_options(LY_LOSTORE_LAST); // what libyang says is the screen's to read
+        return served_context(OCTUNNEL_YANG_DIR);
+    }();
+    return ctx;
+}
+
+TEST(Screen, AnswersWhatLibnetconf2WouldRefuseInNetconfsTerms)
+{
+    const std::string OC = "http://openconfig.net/yang/interfaces";
+    const std::string NCM = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring";
+    const auto edit = [&](const std::string &entry) {
+        return "<edit-config><target><running/></target><config xmlns:nc=\"" + NC +
+               "\"><interfaces xmlns=\"" + OC + "\"><interface" + entry +
+               "</interface></interfaces></config></edit-config>";
+    };
+    struct Row {
+        std::string body;
+        std::string tag; // none: handed on
+        std::string bad_element = {}, bad_attribute = {}, path = {};
+    };
+    for (const Row &r : std::vector<Row>{
+             // What libyang takes and the agent performs goes on as it is;
+             // so does an operation libyang leaves be in data no model has,
+             // which the agent's own reader answers.
+             {"<get-config><source><running/></source>"
+              "<filter type=\"subtree\" select=\"/a\"/></get-config>",
+              ""},
+             {edit(" nc:operation=\"merge\"><name>t1</name>"), ""},
+             {"<edit-config><target><running/></target><config><a "
+              "xmlns=\"urn:x\" xmlns:nc=\"" +
+                  NC + "\" nc:operation=\"frobnicate\"/></config></edit-config>",
+              ""},
+             {"<kill-session><session-id>4</session-id></kill-session>", ""},
+             // Operations the agent does not perform, whatever they hold.
+             {"<frobnicate/>", "operation-not-supported"},
+             {"<get xmlns=\"urn:example:x\"/>", "operation-not-supported"},
+             {"<commit/>", "operation-not-supported"},
+             {"<copy-config><target><startup/></target><source><running/></"
+              "source></copy-config>",
+              "operation-not-supported"},
+             {"<delete-config><target><running/></target></delete-config>",
+              "operation-not-supported"},
+             // Parameters missing, an operation's or a container's; a choice
+             // named by its element.
+             {"<get-config/>", "missing-element", "source", "", "/nc:rpc/nc:get-config"},
+             {"<get-config><source/></get-config>", "missing-element", "running", "",
+              "/nc:rpc/nc:get-config/nc:source"},
+             {"<edit-config><target><running/></target></edit-config>", "missing-element", "config",
+              "", "/nc:rpc/nc:edit-config"},
+             {"<edit-config><config/></edit-config>", "missing-element", "target", "",
+              "/nc:rpc/nc:edit-config"},
+             {"<lock/>", "missing-element", "target", "", "/nc:rpc/nc:lock"},
+             {"<get-schema xmlns=\"" + NCM + "\"/>", "missing-element", "identifier", "",
+              "/nc:rpc/ncm:get-schema"},
+             // Elements the operation does not have, or the agent does not
+             // serve.
+             {"<get-config><source><running/></source><frob/></get-config>", "unknown-element",
+              "frob", "", "/nc:rpc/nc:get-config/nc:frob"},
+             {"<get-config><source><running/><frob/></source></get-config>", "unknown-element",
+              "frob", "", "/nc:rpc/nc:get-config/nc:source/nc:frob"},
+             {"<get><frob xmlns=\"urn:x\"/></get>", "unknown-namespace", "frob", "",
+              "/nc:rpc/nc:get"},
+             {"<get-config><source><candidate/></source></get-config>", "operation-not-supported",
+              "", "", "/nc:rpc/nc:get-config/nc:source"},
+             // Values that are not of their element's type.
+             {"<kill-session><session-id>abc</session-id></kill-session>", "bad-element",
+              "session-id", "", "/nc:rpc/nc:kill-session/nc:session-id"},
+             {"<lock><target><running>x</running></target></lock>", "bad-element", "running", "",
+              "/nc:rpc/nc:lock/nc:target/nc:running"},
+             {"<lock><target>x<running/></target></lock>", "bad-element", "target", "",
+              "/nc:rpc/nc:lock/nc:target"},
+             {"<get-schema xmlns=\"" + NCM + "\"><identifier>m</identifier><format>frob</format>" +
+                  "</get-schema>",
+              "bad-element", "format", "", "/nc:rpc/ncm:get-schema/ncm:format"},
+             // An identity named by a prefix of the document's is one.
+             {"<get-schema xmlns=\"" + NCM + "\" xmlns:m=\"" + NCM +
+                  "\"><identifier>m</identifier><format>m:yin</format><frob/></"
+                  "get-schema>",
+              "unknown-element", "frob", "", "/nc:rpc/ncm:get-schema/ncm:frob"},
+             {"<kill-session><session-id><a/></session-id></kill-session>", "bad-element",
+              "session-id", "", "/nc:rpc/nc:kill-session/nc:session-id"},
+             // Attributes: of no annotation, or with a value it does not take.
+             {"<get-config frob=\"1\"><source><running/></source></get-config>",
+              "unknown-attribute", "get-config", "frob", "/nc:rpc/nc:get-config"},
+             {"<get><filter type=\"frob\"/></get>", "bad-attribute", "filter", "type",
+              "/nc:rpc/nc:get/nc:filter"},
+             {edit(" nc:operation=\"frobnicate\"><name>t1</name>"), "bad-attribute", "interface",
+              "operation", "/oc-if:interfaces/oc-if:interface[oc-if:name='t1']"},
+             {edit("><name>it's</name><config nc:frob=\"1\"/>"), "unknown-attribute", "config",
+              "frob",
+              "/oc-if:interfaces/oc-if:interface[oc-if:name=\"it's\"]/"
+              "oc-if:config"},
+         }) {
+        const auto e = screen_rpc(served(), rpc(r.body));
+        ASSERT_EQ(e.has_value(), !r.tag.empty()) << r.body << ": " << (e ? e->message : "");
+        if (!e)
+            continue;
+        EXPECT_EQ(e->tag, r.tag) << r.body << ": " << e->message;
+        EXPECT_EQ(e->bad_element, r.bad_element) << r.body;
+        EXPECT_EQ(e->bad_attribute, r.bad_attribute) << r.body;
+        EXPECT_EQ(e->path, r.path) << r.body;
+        // Each prefix of the path bound, and no other.
+        std::string prefixes;
+        for (const auto &[prefix, ns] : e->path_namespaces) {
+            EXPECT_EQ(ns, prefix == "oc-if" ? OC : prefix == "nc" ? NC : NCM) << r.body;
+            EXPECT_NE(r.path.find("/" + prefix + ":"), std::string::npos) << r.body;
+        }
+        EXPECT_EQ(e->path_namespaces.empty(), r.path.empty()) << r.body;
+    }
 }
 
 } // namespace
