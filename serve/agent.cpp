@@ -308,6 +308,8 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
     DataTree intended(copy);
     if (auto e = apply_edit(models_, intended, edit.get(), default_op))
         return Outcome::error(from_model(*e));
+    if (auto e = hold_by_design(models_, intended))
+        return Outcome::error(from_model(*e));
     settle(intended);
 
     // The difference, through the module, into the native configuration:
@@ -333,13 +335,14 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
             native.apply(tree, DefaultOperation::merge);
         } catch (const EditError &err) {
             // The native configuration does not hold what the module reads
-            // as OpenConfig: a configuration written by hand, say.
+            // as OpenConfig (a configuration written by hand, say): the
+            // client hears that, the log where.
             RpcError e;
             e.tag = "operation-failed";
-            e.message = "the router's configuration could not take the change (" + err.tag +
-                        " at its node " + err.path + ": " + one_line(err.what()) +
-                        "); nothing was changed";
-            log_(e.message);
+            e.message = "The router's configuration could not take the change; nothing was "
+                        "changed.";
+            log_("an edit refused by the native configuration: " + err.tag + " at " + err.path +
+                 ": " + one_line(err.what()));
             return Outcome::error(e);
         }
     }

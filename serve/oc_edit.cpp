@@ -47,6 +47,9 @@ bool only_keys(const lyd_node *entry)
     return true;
 }
 
+// The schema path of a tunnel, below which its addresses are.
+#define tunnel_addresses "/openconfig-interfaces:interfaces/interface/openconfig-if-tunnel:tunnel"
+
 // A top-level node out of the siblings headed by `*first`, freed.
 void free_node(lyd_node *n, lyd_node *&first)
 {
@@ -182,7 +185,7 @@ private:
                     descend(e, d, op);
                 return std::nullopt;
             }
-            if (only_removes(e))
+            if (removes_only(e) > 0)
                 return std::nullopt;
             return fail("data-missing", e,
                         "the configuration holds no " + element_name(view(schema->name)) +
@@ -235,31 +238,29 @@ private:
         std::reverse(work_.begin() + static_cast<std::ptrdiff_t>(at), work_.end());
     }
 
-    // Whether `e` and what it holds only remove (operation remove, or none
-    // below one that does): what a missing level may hold when the default
-    // operation is none, as there is nothing to remove.
-    bool only_removes(const lyd_node *e) const
+    // What a level missing under the default operation none may hold: only
+    // removes (of what is not there) and the containers and entries that
+    // lead to them.  The number of removes in `e`, or -1 for anything else:
+    // a leaf, an entry named for nothing below it, another operation.  The
+    // recursion goes as deep as the models.
+    int removes_only(const lyd_node *e) const
     {
-        struct Step {
-            const lyd_node *node;
-            EditOp op;
-        };
-        bool removes = false;
-        std::vector<Step> stack{{e, EditOp::none}};
-        while (!stack.empty()) {
-            Step s = stack.back();
-            stack.pop_back();
-            const EditOp own = models_.own_operation(s.node);
-            const EditOp op = own != EditOp::none ? own : s.op;
-            if (op == EditOp::remove)
-                removes = true;
-            else if (op != EditOp::none)
-                return false;
-            for (const lyd_node *c = lyd_child(s.node); c != nullptr; c = c->next)
-                if (!is_key(c))
-                    stack.push_back({c, op});
+        const EditOp op = models_.own_operation(e);
+        if (op == EditOp::remove)
+            return 1;
+        const lysc_node *schema = models_.schema_of(e);
+        if (op != EditOp::none || is_term(schema))
+            return -1;
+        int n = 0;
+        for (const lyd_node *c = lyd_child(e); c != nullptr; c = c->next) {
+            if (is_key(c))
+                continue;
+            const int k = removes_only(c);
+            if (k < 0)
+                return -1;
+            n += k;
         }
-        return removes;
+        return schema != nullptr && schema->nodetype == LYS_LIST && n == 0 ? -1 : n;
     }
 
     ModelError fail(const char *tag, const lyd_node *e, std::string message) const
@@ -427,9 +428,9 @@ public:
     bool only_from(const lyd_node *n) override
     {
         n = first_leaf(n);
-        found(n, "The router's configuration would not hold " + element_name(n->schema->name) +
-                     " as the edit gives it: the tunnel mapping does not carry it there; "
-                     "nothing was changed.");
+        found(n, element_name(n->schema->name) +
+                     " would not read back after this edit: through the tunnel mapping, the "
+                     "router's configuration does not hold it so; nothing was changed.");
         return false;
     }
     bool only_to(const lyd_node *n) override
@@ -542,36 +543,60 @@ void settle(DataTree &config)
     config.reset(first);
 }
 
+std::optional<ModelError> hold_by_design(const OpenConfigModels &models, DataTree &config)
+{
+    lyd_node *first = config.get();
+    if (first == nullptr)
+        return std::nullopt;
+    const ly_ctx *ctx = LYD_CTX(first);
+    const lysc_node *lists[] = {
+        lys_find_path(ctx, nullptr, tunnel_addresses "/ipv4/addresses/address", 0),
+        lys_find_path(ctx, nullptr, tunnel_addresses "/ipv6/addresses/address", 0),
+    };
+    for (lyd_node *entry : preorder(first)) {
+        if (entry->schema == nullptr || (entry->schema != lists[0] && entry->schema != lists[1]))
+            continue;
+        const lyd_node *key = lyd_child(entry);
+        lyd_node *holder = nullptr, *ip = nullptr;
+        for (lyd_node *c = lyd_child(entry); c != nullptr; c = c->next)
+            if (view(c->schema->name) == "config")
+                holder = c;
+        if (holder == nullptr &&
+            lyd_new_inner(entry, entry->schema->module, "config", 0, &holder) != LY_SUCCESS)
+            throw std::bad_alloc();
+        for (lyd_node *c = lyd_child(holder); c != nullptr; c = c->next)
+            if (view(c->schema->name) == "ip")
+                ip = c;
+        if (ip == nullptr) {
+            if (lyd_new_term(holder, entry->schema->module, "ip", lyd_get_value(key), 0, nullptr) !=
+                LY_SUCCESS)
+                throw std::bad_alloc();
+        } else if (value_of(ip) != value_of(key)) {
+            ModelError e;
+            e.tag = "invalid-value";
+            e.message = "The address's config/ip " + quoted(one_line(value_of(ip))) +
+                        " is not its key " + quoted(one_line(value_of(key))) +
+                        ": the key refers to it, and both name one address.";
+            e.bad_element = "ip";
+            models.locate(ip, e);
+            return e;
+        }
+    }
+    return std::nullopt;
+}
+
 void leave_out_by_design(DataTree &config)
 {
     lyd_node *first = config.release();
     const lysc_node *ipv4_prefix_length =
         first == nullptr
             ? nullptr
-            : lys_find_path(
-                  LYD_CTX(first), nullptr,
-                  "/openconfig-interfaces:interfaces/interface/openconfig-if-tunnel:tunnel/"
-                  "ipv4/addresses/address/config/prefix-length",
-                  0);
+            : lys_find_path(LYD_CTX(first), nullptr,
+                            tunnel_addresses "/ipv4/addresses/address/config/prefix-length", 0);
     std::vector<lyd_node *> gone;
-    for (lyd_node *n : preorder(first)) {
-        if (n->schema == ipv4_prefix_length && n->schema != nullptr) {
+    for (lyd_node *n : preorder(first))
+        if (n->schema != nullptr && n->schema == ipv4_prefix_length)
             gone.push_back(n);
-            continue;
-        }
-        if (n->schema == nullptr || n->schema->nodetype != LYS_LIST)
-            continue;
-        // The config leaf that repeats a key of the entry.
-        for (lyd_node *c = lyd_child(n); c != nullptr; c = c->next) {
-            if (is_key(c) || view(c->schema->name) != "config")
-                continue;
-            for (const lyd_node *k = lyd_child(n); k != nullptr && is_key(k); k = k->next)
-                for (lyd_node *leaf = lyd_child(c); leaf != nullptr; leaf = leaf->next)
-                    if (leaf->schema != nullptr && view(leaf->schema->name) == k->schema->name &&
-                        leaf->schema->module == k->schema->module && value_of(leaf) == value_of(k))
-                        gone.push_back(leaf);
-        }
-    }
     for (lyd_node *n : gone)
         lyd_free_tree(n);
     config.reset(first);

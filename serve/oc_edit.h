@@ -42,11 +42,16 @@ std::optional<ModelError> apply_edit(const OpenConfigModels &models, DataTree &c
 // configuration holds an interface through what is configured in it).
 void settle(DataTree &config);
 
-// Takes out what the module reads back elsewhere by design: an IPv4
-// address's config/prefix-length (the native netmask gives no prefix length
-// back; the operational one comes under state), and a list entry's config
-// leaf that repeats its key (the native entry is named by it, and the key
-// comes back in both places).  Then settles.
+// What the router's configuration holds by design of an intended one: a
+// tunnel's address is named by its address, so its config/ip is its key,
+// given or not (the native entry is the address itself, and both come back
+// from it).  A config/ip other than the key is refused (invalid-value).
+std::optional<ModelError> hold_by_design(const OpenConfigModels &models, DataTree &config);
+
+// Takes out what the module reads back elsewhere by design, for comparing
+// an intended configuration with what reads back: an IPv4 address's
+// config/prefix-length (the native netmask gives no prefix length back; the
+// operational one comes under state).  Then settles.
 void leave_out_by_design(DataTree &config);
 
 // The change from `from` to `to` as two OpenConfig requests for the module:

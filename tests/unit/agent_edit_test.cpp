@@ -296,7 +296,8 @@ TEST_F(AgentEdit, WhatTheMappingDoesNotCarryIsRefusedNotDropped)
          interfaces(interface("tunnel-ip12", tunnel("<ipv4><addresses><address><ip>10.12.0.2</ip>"
                                                     "<config><ip>10.12.0.2</ip></config></address>"
                                                     "</addresses></ipv4>"))),
-         T12 + "/oc-tun:tunnel/oc-tun:ipv4/oc-tun:addresses/oc-tun:address[oc-tun:ip='10.12.0.1']"},
+         T12 + "/oc-tun:tunnel/oc-tun:ipv4/oc-tun:addresses/oc-tun:address[oc-tun:ip='10.12.0.1']/"
+               "oc-tun:config/oc-tun:ip"},
         {"the tunnel's IPv4 mtu",
          interfaces(
              interface("tunnel-ip12", tunnel("<ipv4><config><mtu>1400</mtu></config></ipv4>"))),
