@@ -503,8 +503,9 @@ void Server::serve_client(ClientSide &client, const std::string &user)
             close(fd);
     });
     // A message may hold the largest request taken and the rest of an <rpc>.
-    relay(client, pair[1], o_.agent.max_content + (std::size_t{1} << 20), stop_,
-          [this](const std::string &l) { log(l); });
+    RelayEvents events;
+    events.log = [this](const std::string &l) { log(l); };
+    relay(client, pair[1], o_.agent.max_content + (std::size_t{1} << 20), stop_, events);
     hello.join();
 }
 
