@@ -7,10 +7,12 @@
 #pragma once
 
 #include "datastore.h"
+#include "monitor.h"
 #include "oper.h"
 #include "translate.h"
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -31,7 +33,7 @@ struct RpcError {
     // declared where error-path is written so that the path reads as an
     // instance identifier.
     std::vector<std::pair<std::string, std::string>> path_namespaces;
-    std::string app_tag;              // error-app-tag
+    std::string app_tag; // error-app-tag
     // error-info
     std::string bad_element, bad_attribute, bad_namespace;
     uint32_t session_id = 0;
@@ -81,9 +83,13 @@ public:
     // The session is gone: its lock goes with it.
     void session_ended(uint32_t session);
     // State data of the server itself (the YANG library, NETCONF
-    // monitoring) that <get> answers beside the OpenConfig interfaces: XML
-    // elements.  Throws InputError when they are not a document.
-    void set_server_state(std::string_view xml);
+    // monitoring) that <get> answers beside the OpenConfig interfaces, as
+    // XML elements: written by `state` each time a <get> may select some of
+    // it, given the lock of running as it stands, so that it is current.
+    // Its identities of modules other than their leaf's are named with
+    // `value_prefixes`.  A text that is no document is an operation-failed.
+    using ServerState = std::function<std::string(const RunningLock &)>;
+    void set_server_state(ServerState state, std::vector<PrefixNs> value_prefixes = {});
 
     const std::string &running_path() const;
 
@@ -97,8 +103,10 @@ private:
     const yfwhost::Module *module_;
     Datastore running_;
     OperationalData oper_;
-    std::unique_ptr<Tree> server_state_;
+    ServerState server_state_;
+    std::vector<PrefixNs> value_prefixes_;
     uint32_t lock_owner_ = 0;
+    std::time_t lock_time_ = 0;
 };
 
 // The request kind of an edit, as the module knows it.

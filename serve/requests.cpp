@@ -1,5 +1,7 @@
 #include "requests.h"
 
+#include "monitor.h"
+
 #include <libyang/libyang.h>
 
 #include <cstdlib>
@@ -113,6 +115,9 @@ ly_ctx *served_context(const std::string &yang_dir)
     if (ly_ctx_load_module(ctx, "ietf-netconf", nullptr, netconf_features) == nullptr ||
         ly_ctx_load_module(ctx, "ietf-netconf-monitoring", nullptr, nullptr) == nullptr)
         missing = "ietf-netconf and ietf-netconf-monitoring";
+    // The agent's own identities of monitoring, built in.
+    else if (lys_parse_mem(ctx, octunnel_monitoring_yang, LYS_IN_YANG, nullptr) != LY_SUCCESS)
+        missing = octunnel_monitoring_module;
     for (const char *m : served_modules)
         if (missing.empty() && ly_ctx_load_module(ctx, m, nullptr, nullptr) == nullptr)
             missing = m;
