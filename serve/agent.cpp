@@ -409,6 +409,8 @@ Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &f
     const uint32_t kind = config_only ? YFW_MAP_REQ_GET_CONFIG : YFW_MAP_REQ_GET;
     Document doc;
     Tree oc_filter;
+    // Whether the filter may select some of the server's own state.
+    bool server_state = !config_only && server_state_ && !filter;
     if (filter) {
         if (blank(*filter))
             return {}; // an empty filter selects nothing
@@ -420,6 +422,8 @@ Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &f
         if (auto e = models_.check(doc, OpenConfigModels::Use::filter))
             return Outcome::error(from_model(*e));
         adopt(oc_filter, doc);
+        for (const vidl_yfw_datatree *root : doc.roots)
+            server_state = server_state || (!config_only && server_state_ && !is_interfaces(*root));
     }
     Tree answer;
     if (auto e = read_oc(kind, filter ? &doc : nullptr, answer))
@@ -428,15 +432,30 @@ Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &f
     // The answer holds what the client's filter selects of it, and in a
     // configuration nothing read-only; <get> has the server's own state
     // beside it.
+    Tree state;
     std::vector<const Node *> answers{&answer.root()};
-    if (!config_only && server_state_)
-        answers.push_back(&server_state_->root());
+    if (server_state) {
+        try {
+            adopt(state, read_xml(server_state_(RunningLock{lock_owner_, lock_time_}),
+                                  max_document_bytes));
+        } catch (const InputError &e) {
+            RpcError err;
+            err.tag = "operation-failed";
+            err.message = "the server's own state is not a document: " + one_line(e.what());
+            log_(err.message);
+            return Outcome::error(err);
+        }
+        answers.push_back(&state.root());
+    }
     const uint64_t oc_pass = filter ? select(oc_filter.root(), answers) : 0;
     Outcome out;
     out.data = "\n"; // the answer's first element on a line of its own
     XmlSink sink(out.data);
-    for (const Node *holder : answers)
-        write(*holder, sink, config_only ? Prune::state : Prune::nothing, oc_pass);
+    write(answer.root(), sink, config_only ? Prune::state : Prune::nothing, oc_pass);
+    if (server_state) {
+        XmlSink state_sink(out.data, 0, {}, value_prefixes_);
+        write(state.root(), state_sink, Prune::nothing, oc_pass);
+    }
     return out;
 }
 
@@ -504,6 +523,7 @@ Outcome Agent::lock(uint32_t session)
     std::lock_guard guard(mutex_);
     if (lock_owner_ == 0) {
         lock_owner_ = session;
+        lock_time_ = std::time(nullptr);
         return {};
     }
     RpcError e;
@@ -535,12 +555,11 @@ Outcome Agent::unlock(uint32_t session)
     return Outcome::error(e);
 }
 
-void Agent::set_server_state(std::string_view xml)
+void Agent::set_server_state(ServerState state, std::vector<PrefixNs> value_prefixes)
 {
-    auto tree = std::make_unique<Tree>();
-    adopt(*tree, read_xml(xml, max_document_bytes));
     std::lock_guard guard(mutex_);
-    server_state_ = std::move(tree);
+    server_state_ = std::move(state);
+    value_prefixes_ = std::move(value_prefixes);
 }
 
 void Agent::session_ended(uint32_t session)

@@ -7,11 +7,13 @@
 #pragma once
 
 #include "datastore.h"
+#include "monitor.h"
 #include "oc_models.h"
 #include "oper.h"
 #include "translate.h"
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -94,9 +96,13 @@ public:
     // The session is gone: its lock goes with it.
     void session_ended(uint32_t session);
     // State data of the server itself (the YANG library, NETCONF
-    // monitoring) that <get> answers beside the OpenConfig interfaces: XML
-    // elements.  Throws InputError when they are not a document.
-    void set_server_state(std::string_view xml);
+    // monitoring) that <get> answers beside the OpenConfig interfaces, as
+    // XML elements: written by `state` each time a <get> may select some of
+    // it, given the lock of running as it stands, so that it is current.
+    // Its identities of modules other than their leaf's are named with
+    // `value_prefixes`.  A text that is no document is an operation-failed.
+    using ServerState = std::function<std::string(const RunningLock &)>;
+    void set_server_state(ServerState state, std::vector<PrefixNs> value_prefixes = {});
 
     const std::string &running_path() const;
 
@@ -122,8 +128,10 @@ private:
     const OpenConfigModels &models_;
     Datastore running_;
     OperationalData oper_;
-    std::unique_ptr<Tree> server_state_;
+    ServerState server_state_;
+    std::vector<PrefixNs> value_prefixes_;
     uint32_t lock_owner_ = 0;
+    std::time_t lock_time_ = 0;
 };
 
 // The request kind of an edit, as the module knows it.

@@ -1,5 +1,7 @@
 #include "filter.h"
 
+#include "monitor.h"
+
 #include <atomic>
 #include <deque>
 #include <unordered_map>
@@ -51,14 +53,34 @@ void mark(const Node &d, uint64_t pass, uint8_t level)
     }
 }
 
+// The keys of a list entry: as the models give them, and for the lists of
+// NETCONF monitoring that the server's own state holds, which the models
+// do not describe, as ietf-netconf-monitoring does.
+std::span<const std::string_view> keys_of(const Node &d)
+{
+    if (d.place() != nullptr)
+        return models().keys(d.place());
+    static constexpr std::string_view session[] = {"session-id"};
+    static constexpr std::string_view datastore[] = {"name"};
+    static constexpr std::string_view schema[] = {"identifier", "version", "format"};
+    if (d.ns() != monitoring_ns)
+        return {};
+    const std::string_view tag = d.tag();
+    if (tag == "session")
+        return session;
+    if (tag == "datastore")
+        return datastore;
+    if (tag == "schema")
+        return schema;
+    return {};
+}
+
 // A list entry in an answer holds its keys, whatever the filter selected
 // in it: data has no entry without them.
 void mark_partly(const Node &d, uint64_t pass)
 {
     mark(d, pass, 1);
-    if (d.kind() != NodeKind::list)
-        return;
-    for (std::string_view key : models().keys(d.place()))
+    for (std::string_view key : keys_of(d))
         if (const Node *k = d.child(key); k != nullptr)
             mark(*k, pass, 2);
 }

@@ -343,6 +343,7 @@ std::string SessionGuard::framed(std::string_view message) const
 
 void SessionGuard::answer(std::string reply, Out &out)
 {
+    ++refused_;
     waiting_.push_back({handed_on_, framed(reply), false});
     release(out);
 }
@@ -407,6 +408,7 @@ void SessionGuard::from_client(std::string_view bytes, Out &out)
         message_.shrink_to_fit();
         closing_ = true;
         reason_ = "a message larger than " + std::to_string(max_) + " bytes";
+        ++refused_;
         waiting_.push_back({handed_on_, framed(error_reply(c)), true});
         release(out);
     };

@@ -108,6 +108,12 @@ public:
     bool chunked() const { return chunked_; }
     // Requests handed on that libnetconf2 has not answered yet.
     uint64_t unanswered() const { return handed_on_ - answered_; }
+    // The messages the guard answered with an <rpc-error> itself, each one
+    // that was no correct <rpc>: counted once the answer is due.
+    uint64_t refused() const { return refused_; }
+    // Whether the session ended on its hello: one that is no hello, or
+    // larger than max_hello.  Nothing else ends a session before it.
+    bool bad_hello() const { return ended_ && !hello_done_; }
 
 private:
     void end(std::string why);
@@ -143,6 +149,7 @@ private:
 
     uint64_t handed_on_ = 0;
     uint64_t answered_ = 0;
+    uint64_t refused_ = 0;
     // The guard's own answers, each due once libnetconf2 has answered
     // `after` requests.
     struct Waiting {

@@ -17,12 +17,25 @@ namespace octunnel::serve {
 
 class OperationalData {
 public:
-    // No directory: no operational data.  `warn` hears of a document that
-    // cannot be read, once for each version of it.
+    // No directory: no operational data.  `warn` hears, once for each
+    // version of it, of a document that cannot be read, and of one whose
+    // top-level elements are passed over, in part or all of them:
+    //
+    // - native configuration (of a Valmora-*-cfg model): <get> answers the
+    //   configuration from the running configuration alone, so it is left
+    //   out;
+    // - an element that is no native root the module walks;
+    // - a native root that holds no leaf the model descriptions describe:
+    //   the walk would make nothing of it.
+    //
+    // This looks at the documents as they are read, never translating
+    // them: a document the module makes nothing of for another reason is
+    // not told of.
     OperationalData(std::string dir, std::function<void(const std::string &)> warn);
 
     // The documents as they stand now: their trees' holders of the
-    // top-level nodes, in the order of their names.
+    // top-level nodes, in the order of their names; without the elements
+    // passed over.
     std::vector<const Node *> current();
 
 private:

@@ -65,7 +65,7 @@ bool SocketSide::write(std::string_view data)
 }
 
 void relay(ClientSide &client, int agent, std::size_t max_message, const std::atomic<bool> &stop,
-           const std::function<void(const std::string &)> &log, Screen screen)
+           const RelayEvents &events, Screen screen)
 {
     fcntl(agent, F_SETFL, fcntl(agent, F_GETFL) | O_NONBLOCK);
     SessionGuard guard(max_message, std::move(screen));
@@ -74,7 +74,13 @@ void relay(ClientSide &client, int agent, std::size_t max_message, const std::at
     std::size_t sent = 0; // of to_agent
     std::vector<char> buffer(65536);
     bool open = true;
+    uint64_t refused = 0; // of the guard's answers, those told of
     const auto to_client = [&] {
+        // Told before the answer goes, so that the client never reads a
+        // count that lacks it.
+        for (; refused < guard.refused(); ++refused)
+            if (events.refused)
+                events.refused();
         if (!out.to_client.empty() && !client.write(out.to_client))
             open = false;
         out.to_client.clear();
@@ -109,7 +115,10 @@ void relay(ClientSide &client, int agent, std::size_t max_message, const std::at
             to_client();
         }
         if (guard.ended()) {
-            log("a session ends: its client sent " + guard.reason());
+            if (guard.bad_hello() && events.bad_hello)
+                events.bad_hello();
+            if (events.log)
+                events.log("a session ends: its client sent " + guard.reason());
             break;
         }
         // What libnetconf2 is to read.

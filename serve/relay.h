@@ -43,12 +43,23 @@ private:
     int fd_;
 };
 
+// What a relay tells of its session as it goes; each may be left empty.
+struct RelayEvents {
+    // Why the guard ended the client's session, for the log.
+    std::function<void(const std::string &)> log;
+    // The guard answered a message with an <rpc-error> itself: one that
+    // was no correct <rpc>.
+    std::function<void()> refused;
+    // The session ends on a hello that is not one.
+    std::function<void()> bad_hello;
+};
+
 // Relays between `client` and `agent` (libnetconf2's end of a socket pair)
 // through a guard of messages up to `max_message` bytes, until either side
 // ends, the guard ends the session, or `stop` is set.  Shuts `agent` down,
-// so that libnetconf2 sees the session end; `log` hears why a client's
-// session was ended by the guard; `screen` is the guard's (guard.h).
+// so that libnetconf2 sees the session end; `screen` is the guard's
+// (guard.h).
 void relay(ClientSide &client, int agent, std::size_t max_message, const std::atomic<bool> &stop,
-           const std::function<void(const std::string &)> &log, Screen screen = {});
+           const RelayEvents &events, Screen screen = {});
 
 } // namespace octunnel::serve

@@ -1,5 +1,6 @@
 #include "requests.h"
 
+#include "monitor.h"
 #include "oc_models.h"
 
 #include <libyang/libyang.h>
@@ -102,7 +103,14 @@ Reply read(Agent &agent, const lyd_node *rpc, uint32_t sid, bool config_only)
 
 ly_ctx *served_context(const std::string &yang_dir)
 {
-    return load_served_models(yang_dir);
+    ly_ctx *ctx = load_served_models(yang_dir);
+    // The agent's own identities of monitoring, built in.
+    if (lys_parse_mem(ctx, octunnel_monitoring_yang, LYS_IN_YANG, nullptr) != LY_SUCCESS) {
+        ly_ctx_destroy(ctx);
+        throw std::runtime_error("cannot load the model " +
+                                 std::string(octunnel_monitoring_module));
+    }
+    return ctx;
 }
 
 std::string text_of(const lyd_node *node)

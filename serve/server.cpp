@@ -189,8 +189,13 @@ lyd_node *error_node(const ly_ctx *ctx, const RpcError &e)
     return err;
 }
 
+// Whether the reply the rpc callback of this thread is building is an
+// <rpc-error>: libnetconf2 does not tell of a reply it has not sent.
+thread_local bool replied_error = false;
+
 nc_server_reply *reply_errors(const ly_ctx *ctx, const std::vector<RpcError> &errors)
 {
+    replied_error = true;
     nc_server_reply *reply = nc_server_reply_err(error_node(ctx, errors.front()));
     for (std::size_t i = 1; i < errors.size(); ++i)
         nc_server_reply_add_err(reply, error_node(ctx, errors[i]));
@@ -257,10 +262,9 @@ nc_server_reply *answer(const lyd_node *rpc, const Outcome &o, bool data)
     return reply_data(rpc, o.data);
 }
 
-// The server's own state that <get> answers: the YANG library of the
-// modules served (both revisions libyang writes), and NETCONF monitoring's
-// capabilities, datastores and schemas.
-std::string server_state(ly_ctx *ctx)
+// The YANG library of the modules served (both revisions libyang writes),
+// which <get> answers beside NETCONF monitoring.
+std::string yang_library(ly_ctx *ctx)
 {
     std::string xml;
     lyd_node *library = nullptr;
@@ -272,19 +276,24 @@ std::string server_state(ly_ctx *ctx)
         std::free(text);
         lyd_free_all(library);
     }
-    xml += "<netconf-state xmlns=\"urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring\">"
-           "<capabilities>";
+    return xml;
+}
+
+// What NETCONF monitoring says of the agent that does not change while it
+// serves: its capabilities and the schemas of the modules served.
+void set_served(Monitor &monitor, ly_ctx *ctx)
+{
+    std::string caps_xml;
     if (const char **caps = nc_server_get_cpblts(ctx); caps != nullptr) {
         for (const char **c = caps; *c != nullptr; ++c) {
-            xml += "<capability>";
-            escape_xml(xml, *c);
-            xml += "</capability>";
+            caps_xml += "<capability>";
+            escape_xml(caps_xml, *c);
+            caps_xml += "</capability>";
             lydict_remove(ctx, *c);
         }
         std::free(caps);
     }
-    xml += "</capabilities><datastores><datastore><name>running</name></datastore>"
-           "</datastores><schemas>";
+    std::string xml;
     uint32_t index = 0;
     while (const lys_module *m = ly_ctx_get_module_iter(ctx, &index)) {
         xml += "<schema><identifier>";
@@ -295,7 +304,13 @@ std::string server_state(ly_ctx *ctx)
         escape_xml(xml, m->ns);
         xml += "</namespace><location>NETCONF</location></schema>";
     }
-    return xml + "</schemas></netconf-state>";
+    monitor.set_served(std::move(caps_xml), std::move(xml));
+}
+
+// A user as the log names it.
+std::string user_name(std::string_view user)
+{
+    return octunnel::quoted(one_line(user));
 }
 
 // How long a client has to log in over SSH, and how many may be at it at
@@ -320,11 +335,21 @@ public:
     bool verbose() const { return o_.verbose; }
 
     nc_server_reply *rpc(lyd_node *rpc, nc_session *session);
+    Monitor &monitor() { return monitor_; }
 
 private:
+    // Where a client comes from, and what it has received and answered
+    // from its first byte on.
+    struct Client {
+        std::string user;
+        Transport transport;
+        std::string host, port; // none on the UNIX socket
+        std::shared_ptr<SessionCounters> counters = std::make_shared<SessionCounters>();
+    };
+
     void start();
     void poll_loop();
-    void add(nc_session *session, int fd);
+    void add(nc_session *session, int fd, const Client &from);
     void end(nc_session *session);
     int listen_tcp();
     void listen_unix();
@@ -336,9 +361,11 @@ private:
     // stops or, given a time, when a login outlasts it; none once stopping.
     std::optional<uint64_t> watch(int fd, std::chrono::seconds login);
     void unwatch(uint64_t id);
-    void ssh_connection(int fd, std::string peer);
+    void ssh_connection(int fd, std::string host, std::string port);
     void unix_connection(int client);
-    void serve_client(ClientSide &client, const std::string &user);
+    void serve_client(ClientSide &client, const Client &from);
+    // The user of a session, quoted; with sessions_mutex_ held.
+    std::string user_of(uint32_t id) const;
     nc_server_reply *kill_session(const lyd_node *rpc, uint32_t sid);
     nc_server_reply *get_schema(const lyd_node *rpc);
 
@@ -346,6 +373,8 @@ private:
     std::ostream &err_;
     std::mutex log_mutex_;
     std::unique_ptr<Agent> agent_;
+    Monitor monitor_;
+    std::string yang_library_;
     Users users_;
     AuthorizedKeys keys_;
     std::unique_ptr<SshServer> ssh_;
@@ -357,8 +386,9 @@ private:
     std::mutex sessions_mutex_;
     std::condition_variable sessions_cv_;
     std::unordered_map<uint32_t, nc_session *> sessions_;
-    // libnetconf2's end of the socket pair of each session.
+    // libnetconf2's end of the socket pair of each session, and its user.
     std::unordered_map<uint32_t, int> session_fds_;
+    std::unordered_map<uint32_t, std::string> session_users_;
 
     int tcp_fd_ = -1;
     int unix_fd_ = -1;
@@ -383,9 +413,20 @@ private:
 
 // ---------------------------------------------------------------- callbacks
 
+// Every <rpc> that libnetconf2 could read comes here, <close-session> and
+// <get-schema> too: it is counted before it is answered, so that a <get>
+// counts itself, and so is its answer when it is an error, before the
+// client can hear it.
 nc_server_reply *rpc_callback(lyd_node *rpc, nc_session *session)
 {
-    return the_server->rpc(rpc, session);
+    auto *counters = static_cast<SessionCounters *>(nc_session_get_data(session));
+    if (counters != nullptr)
+        the_server->monitor().rpc(*counters);
+    replied_error = false;
+    nc_server_reply *reply = the_server->rpc(rpc, session);
+    if (counters != nullptr && replied_error)
+        the_server->monitor().rpc_error(*counters);
+    return reply;
 }
 
 void nc_print(NC_VERB_LEVEL level, const char *message)
@@ -443,6 +484,7 @@ nc_server_reply *Server::kill_session(const lyd_node *rpc, uint32_t sid)
     if (target == sid)
         return error(ctx, "invalid-value",
                      "a session does not kill itself: it sends <close-session>", "protocol");
+    std::string killed;
     {
         std::lock_guard guard(sessions_mutex_);
         auto it = sessions_.find(target);
@@ -451,9 +493,11 @@ nc_server_reply *Server::kill_session(const lyd_node *rpc, uint32_t sid)
         nc_session_set_term_reason(it->second, NC_SESSION_TERM_KILLED);
         nc_session_set_killed_by(it->second, sid);
         nc_session_set_status(it->second, NC_STATUS_INVALID);
+        killed = "session " + std::to_string(target) + " of " + user_of(target) +
+                 " killed by session " + std::to_string(sid) + " of " + user_of(sid);
     }
     agent_->session_ended(target);
-    log("session " + std::to_string(target) + " killed by session " + std::to_string(sid));
+    log(killed);
     return nc_server_reply_ok();
 }
 
@@ -490,29 +534,63 @@ nc_server_reply *Server::get_schema(const lyd_node *rpc)
 
 // ---------------------------------------------------------------- sessions
 
-void Server::add(nc_session *session, int fd)
+// Sessions are logged as they begin and end, always, each with its user,
+// so that an operator finds whose session to kill.
+void Server::add(nc_session *session, int fd, const Client &from)
 {
     const uint32_t id = nc_session_get_id(session);
+    // The counters go with the session before libnetconf2 reads a request
+    // of it.
+    nc_session_set_data(session, from.counters.get());
+    const std::time_t login = nc_session_get_start_time(session);
+    monitor_.started({id, from.user, from.transport, from.host,
+                      login != 0 ? login : std::time(nullptr), from.counters});
+    log("session " + std::to_string(id) + " of " + user_name(from.user) + " began, " +
+        (from.transport == Transport::ssh ? "over SSH from " + from.host + " port " + from.port
+                                          : std::string("on the UNIX socket")));
     {
         std::lock_guard guard(sessions_mutex_);
         sessions_.emplace(id, session);
         session_fds_.emplace(id, fd);
+        session_users_.emplace(id, from.user);
         nc_ps_add_session(ps_, session);
     }
     sessions_cv_.notify_all();
-    if (o_.verbose)
-        log("session " + std::to_string(id) + " of '" +
-            one_line(nc_session_get_username(session) ? nc_session_get_username(session) : "") +
-            "'");
 }
 
 void Server::end(nc_session *session)
 {
     const uint32_t id = nc_session_get_id(session);
+    // Closed and killed sessions ended as asked; any other was dropped.
+    std::string how;
+    bool dropped = false;
+    switch (nc_session_get_term_reason(session)) {
+    case NC_SESSION_TERM_CLOSED:
+        how = "closed";
+        break;
+    case NC_SESSION_TERM_KILLED:
+        how = "killed by session " + std::to_string(nc_session_get_killed_by(session));
+        break;
+    case NC_SESSION_TERM_TIMEOUT:
+        how = "dropped: it timed out";
+        dropped = true;
+        break;
+    case NC_SESSION_TERM_DROPPED:
+        how = "dropped: its connection ended";
+        dropped = true;
+        break;
+    default:
+        how = "dropped";
+        dropped = true;
+    }
+    monitor_.ended(id, dropped);
+    std::string line = "session " + std::to_string(id);
     int fd = -1;
     {
         std::lock_guard guard(sessions_mutex_);
+        line += " of " + user_of(id) + " ended: " + how;
         sessions_.erase(id);
+        session_users_.erase(id);
         if (auto it = session_fds_.find(id); it != session_fds_.end()) {
             fd = it->second;
             session_fds_.erase(it);
@@ -525,8 +603,7 @@ void Server::end(nc_session *session)
     // closing this one ends the relay of the session.
     if (fd >= 0)
         close(fd);
-    if (o_.verbose)
-        log("session " + std::to_string(id) + " ended");
+    log(line);
 }
 
 void Server::poll_loop()
@@ -541,9 +618,20 @@ void Server::poll_loop()
         }
         nc_session *session = nullptr;
         const int r = nc_ps_poll(ps_, 200, &session);
+        // A request libnetconf2 could not read, and answered itself: the
+        // only one counted once its answer is out.
+        if ((r & NC_PSPOLL_BAD_RPC) && session != nullptr)
+            if (auto *c = static_cast<SessionCounters *>(nc_session_get_data(session)))
+                monitor_.bad_rpc(*c);
         if ((r & (NC_PSPOLL_SESSION_TERM | NC_PSPOLL_SESSION_ERROR)) && session != nullptr)
             end(session);
     }
+}
+
+std::string Server::user_of(uint32_t id) const
+{
+    auto it = session_users_.find(id);
+    return user_name(it != session_users_.end() ? it->second : std::string_view("?"));
 }
 
 // ---------------------------------------------------------------- clients
@@ -576,37 +664,40 @@ void Server::spawn(std::function<void()> work)
                             done});
 }
 
-void Server::serve_client(ClientSide &client, const std::string &user)
+void Server::serve_client(ClientSide &client, const Client &from)
 {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
         return;
     // The hello goes through the relay: libnetconf2 takes the session on a
     // thread of its own while this one relays, for as long as it lasts.
-    std::thread hello([this, fd = pair[0], user] {
+    std::thread hello([this, fd = pair[0], &from] {
         nc_session *session = nullptr;
-        if (nc_accept_inout(fd, fd, user.c_str(), &session) == NC_MSG_HELLO && session != nullptr)
-            add(session, fd);
+        if (nc_accept_inout(fd, fd, from.user.c_str(), &session) == NC_MSG_HELLO &&
+            session != nullptr)
+            add(session, fd, from);
         else
             close(fd);
     });
     // A message may hold the largest request taken and the rest of an <rpc>.
+    RelayEvents events;
+    events.log = [this](const std::string &l) { log(l); };
+    events.refused = [this, &from] { monitor_.bad_rpc(*from.counters); };
+    events.bad_hello = [this] { monitor_.bad_hello(); };
     // What libnetconf2 would refuse in terms of its own, the relay answers
     // first (screen.h).
-    relay(
-        client, pair[1], o_.agent.max_content + (std::size_t{1} << 20), stop_,
-        [this](const std::string &l) { log(l); },
-        [this](const std::string &message,
-               const std::string &message_id) -> std::optional<std::string> {
-            // Out of memory, libnetconf2 has the request, and answers it
-            // as it can.
-            try {
-                if (auto e = screen_rpc(ctx_, message))
-                    return reply_text(ctx_, {*e}, message_id);
-            } catch (const std::bad_alloc &) {
-            }
-            return std::nullopt;
-        });
+    relay(client, pair[1], o_.agent.max_content + (std::size_t{1} << 20), stop_, events,
+          [this](const std::string &message,
+                 const std::string &message_id) -> std::optional<std::string> {
+              // Out of memory, libnetconf2 has the request, and answers it
+              // as it can.
+              try {
+                  if (auto e = screen_rpc(ctx_, message))
+                      return reply_text(ctx_, {*e}, message_id);
+              } catch (const std::bad_alloc &) {
+              }
+              return std::nullopt;
+          });
     hello.join();
 }
 
@@ -663,7 +754,9 @@ void Server::accept_loop()
                 }
                 ++logging_in_;
             }
-            spawn([this, client, peer] { ssh_connection(client, peer); });
+            spawn([this, client, host = std::string(host), port = std::string(port)] {
+                ssh_connection(client, host, port);
+            });
         }
     }
     // The connections see the stop within their waits, or their sockets
@@ -706,8 +799,9 @@ void Server::unwatch(uint64_t id)
     sockets_.erase(id);
 }
 
-void Server::ssh_connection(int fd, std::string peer)
+void Server::ssh_connection(int fd, std::string host, std::string port)
 {
+    const std::string peer = host + " port " + port;
     const auto id = watch(fd, std::chrono::seconds(login_timeout_s));
     SshConnection connection(*ssh_, fd);
     bool in = false;
@@ -724,7 +818,7 @@ void Server::ssh_connection(int fd, std::string peer)
     if (in) {
         if (o_.verbose)
             log("'" + one_line(connection.user()) + "' logged in from " + peer);
-        serve_client(connection, connection.user());
+        serve_client(connection, Client{connection.user(), Transport::ssh, host, port});
     } else if (!stop_) {
         log("a connection from " + peer + " ended without a login");
     }
@@ -775,7 +869,7 @@ void Server::unix_connection(int client)
             user = found->pw_name;
         else
             user = "uid" + std::to_string(peer.uid);
-        serve_client(side, user);
+        serve_client(side, Client{user, Transport::unix_socket, {}, {}});
     }
     // Forgotten before the socket closes, when its number may go to another.
     unwatch(*id);
@@ -871,7 +965,11 @@ void Server::start()
     if (nc_server_init(ctx_) != 0)
         throw std::runtime_error("cannot start libnetconf2");
     nc_started_ = true;
-    agent_->set_server_state(server_state(ctx_));
+    yang_library_ = yang_library(ctx_);
+    set_served(monitor_, ctx_);
+    agent_->set_server_state(
+        [this](const RunningLock &lock) { return yang_library_ + monitor_.netconf_state(lock); },
+        {PrefixNs(octunnel_monitoring_prefix, octunnel_monitoring_ns)});
     nc_server_set_hello_timeout(60);
     nc_server_set_idle_timeout(0);
     nc_set_global_rpc_clb(rpc_callback);

@@ -397,6 +397,14 @@ void XmlSink::close(const Node &n)
         out_ += n.tag();
         out_ += ">\n";
     } else if (n.has_value()) {
+        for (const auto &[prefix, ns] : value_prefixes_)
+            if (n.value().size() > prefix.size() && n.value().starts_with(prefix) &&
+                n.value()[prefix.size()] == ':') {
+                out_ += " xmlns:" + prefix + "=\"";
+                escape_xml(out_, ns, true);
+                out_.push_back('"');
+                break;
+            }
         out_.push_back('>');
         escape_xml(out_, n.value());
         out_ += "</";

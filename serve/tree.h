@@ -14,10 +14,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace octunnel::serve {
@@ -174,13 +176,19 @@ private:
     yfwhost::TreeBuilder builder_;
 };
 
+// A prefix and the namespace it stands for.
+using PrefixNs = std::pair<std::string, std::string>;
+
 // XML text, two spaces a level, a namespace declared where it changes.
 class XmlSink final : public Sink {
 public:
     // Elements nested `depth` levels in, inside an element of namespace
-    // `outer_ns`.
-    explicit XmlSink(std::string &out, int depth = 0, std::string_view outer_ns = {})
-        : out_(out), depth_(depth), outer_(outer_ns)
+    // `outer_ns`.  A value that starts with one of `value_prefixes` and a
+    // colon names an identity of that prefix's module: the prefix is
+    // declared on the value's element.
+    explicit XmlSink(std::string &out, int depth = 0, std::string_view outer_ns = {},
+                     std::span<const PrefixNs> value_prefixes = {})
+        : out_(out), depth_(depth), outer_(outer_ns), value_prefixes_(value_prefixes)
     {
     }
     void open(const Node &n) override;
@@ -191,6 +199,7 @@ private:
     std::string &out_;
     int depth_;
     std::string outer_;
+    std::span<const PrefixNs> value_prefixes_;
     std::vector<const char *> ns_; // of the open elements
     std::vector<bool> has_kids_;   // whether each has had a child yet
 };

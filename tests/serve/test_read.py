@@ -86,3 +86,54 @@ def test_get_adds_operational_data_and_sees_it_change():
             agent.wait_log("broken.xml")
     finally:
         shutil.rmtree(oper)
+
+
+def test_operational_documents_that_give_nothing_are_named_and_change_nothing():
+    oper = tempfile.mkdtemp(prefix="octunnel-oper-")
+    state, cfg = read(source("examples", "tunnel-state.xml")), read(source("examples",
+                                                                           "tunnel-config.xml"))
+    # A configuration of tunnel-ip12 unlike the running one (ttl 99), and a
+    # tunnel's state under a namespace no model has.
+    other_cfg = cfg.replace("<value>64</value>", "<value>99</value>")
+    not_native = state.replace("Valmora-tunnel-ip-ma-oper", "Valmora-tunnel-ip-ma-opr")
+
+    def put(name, text):
+        with open(os.path.join(oper, name), "w", encoding="utf-8") as f:
+            f.write(text)
+
+    try:
+        put("tunnels.xml", state)
+        with seeded("--oper-dir", oper) as (agent, m):
+            want = leaves(m.get())
+            assert f"{T12}/tunnel/config/ttl=64" in want
+            put("config.xml", other_cfg)
+            put("unknown.xml", not_native)
+            put("hollow.xml", '<tunnel-ip-ma xmlns="http://valmora.com/ns/yang/Valmora-tunnel-'
+                              'ip-ma-oper"><base><tid>12</tid></base></tunnel-ip-ma>')
+            for _ in range(2):
+                assert leaves(m.get()) == want
+            # Each named once, with why, for as long as it does not change.
+            for name, why in (
+                    ("config.xml", "nothing of it is read: its root <interface-configurations> "
+                     "in namespace 'http://valmora.com/ns/yang/Valmora-ifmgr-cfg' is native "
+                     "configuration, which <get> answers from the running configuration alone"),
+                    ("unknown.xml", "nothing of it is read: its root <tunnel-ip-ma> in namespace "
+                     "'http://valmora.com/ns/yang/Valmora-tunnel-ip-ma-opr' is no operational "
+                     "model the module reads"),
+                    ("hollow.xml", "holds no leaf of the model the module reads")):
+                agent.wait_log(f"{os.path.join(oper, name)}: ")
+                assert "".join(agent.log).count(os.path.join(oper, name)) == 1, agent.log
+                assert why in "".join(agent.log), (why, agent.log)
+
+            # Operational data beside a configuration in one document: the
+            # first is read, the second left out.
+            os.remove(os.path.join(oper, "config.xml"))
+            put("tunnels.xml", state.replace("</data>", other_cfg.split("<data", 1)[1]
+                                             .split(">", 1)[1]).replace("<ttl>255</ttl>",
+                                                                         "<ttl>17</ttl>"))
+            got = leaves(m.get())
+            assert got == {leaf.replace("state/ttl=255", "state/ttl=17") for leaf in want}, \
+                got ^ want
+            agent.wait_log("tunnels.xml: partly read: its root <interface-configurations>")
+    finally:
+        shutil.rmtree(oper)

@@ -2,7 +2,10 @@
 editing together, and an agent killed in the middle of a stream of edits."""
 
 import os
+import pwd
+import re
 import socket
+import subprocess
 import threading
 import time
 
@@ -11,7 +14,14 @@ from ncclient.operations.errors import TimeoutExpiredError
 from ncclient.operations.rpc import RPCError
 from ncclient.transport.errors import SessionCloseError, TransportError
 
-from harness import Agent, config, error_of, leaves, tool_leaves, tunnel
+from harness import (NC, PASSWORD, USER, Agent, config, error_of, error_tag, leaves, source,
+                     tool_leaves, tunnel)
+
+MONITORING = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
+M = f"{{{MONITORING}}}"
+OCTNM = "urn:octunnel:yang:octunnel-netconf-monitoring"
+COUNTERS = ("in-rpcs", "in-bad-rpcs", "out-rpc-errors", "out-notifications")
+RFC3339 = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
 
 
 def address(i, n):
@@ -62,6 +72,114 @@ def test_locks_keep_others_out_until_released():
             pass
         a.lock("running")
         a.edit_config(target="running", config=edit)
+
+
+def netconf_state(m, inner=""):
+    """netconf-state as a <get> filtered on it answers it: all of it, or
+    what `inner` selects."""
+    reply = m.get(filter=("subtree", f'<netconf-state xmlns="{MONITORING}">{inner}</netconf-state>'))
+    return etree.fromstring(reply.xml.encode()).find(f".//{M}netconf-state")
+
+
+def sessions_of(state):
+    return {s.findtext(f"{M}session-id"): s for s in state.iterfind(f"{M}sessions/{M}session")}
+
+
+def counted(e, *names):
+    return tuple(int(e.findtext(M + n)) for n in names or COUNTERS)
+
+
+def yanglint_accepts(state, m, work):
+    """yanglint validates netconf-state with ietf-netconf-monitoring and the
+    agent's own module of identities, as <get-schema> gives it."""
+    own = os.path.join(work, "octunnel-netconf-monitoring.yang")
+    with open(own, "w", encoding="utf-8") as f:
+        f.write(etree.fromstring(m.get_schema("octunnel-netconf-monitoring").xml.encode())[0].text)
+    data = os.path.join(work, "netconf-state.xml")
+    with open(data, "wb") as f:
+        f.write(etree.tostring(state))
+    yang = source("third_party", "openconfig-yang")
+    done = subprocess.run(["yanglint", "-p", yang, "-p", work, "-t", "data",
+                           os.path.join(yang, "ietf-netconf-monitoring.yang"), own, data],
+                          capture_output=True, text=True)
+    assert done.returncode == 0, done.stderr
+
+
+def test_monitoring_tells_each_session_its_user_the_lock_and_the_counters_as_they_stand():
+    with Agent(users={USER: PASSWORD, "bob": "builder"}, unix=True) as agent:
+        # Before: a hello that is none, a session closed, one dropped once
+        # it had begun (its request answered).
+        agent.raw(first=f'<hello xmlns="{NC}"/>').ended()
+        agent.connect().close_session()
+        dropped = agent.raw()
+        dropped.rpc("<get-config><source><running/></source></get-config>")
+        dropped.close()
+        agent.wait_log("ended: dropped: its connection ended")
+
+        a, b, u = agent.connect(), agent.connect("bob", "builder"), agent.raw(unix=True)
+        uid = re.search(r"<session-id>(\d+)<", u.hello).group(1)
+        me = pwd.getpwuid(os.getuid()).pw_name
+        for sid, who, how in ((a.session_id, USER, "over SSH from 127.0.0.1 port"),
+                              (b.session_id, "bob", "over SSH from 127.0.0.1 port"),
+                              (uid, me, "on the UNIX socket")):
+            agent.wait_log(f"session {sid} of '{who}' began, {how}")
+        before = sessions_of(netconf_state(b))
+
+        # The lock, a request refused by the agent and a message refused by
+        # the guard, in three sessions.
+        a.lock("running")
+        assert error_of(lambda: b.lock("running")).tag == "lock-denied"
+        assert error_tag(u.rpc("<get")) == "malformed-message"
+        state = netconf_state(b)
+        yanglint_accepts(state, b, agent.work)
+
+        sessions = sessions_of(state)
+        assert set(sessions) == {a.session_id, b.session_id, uid}, sessions.keys()
+        for sid, who, host in ((a.session_id, USER, "127.0.0.1"), (b.session_id, "bob", "127.0.0.1"),
+                               (uid, me, None)):
+            s = sessions[sid]
+            assert s.findtext(f"{M}username") == who
+            assert s.findtext(f"{M}source-host") == host
+            assert RFC3339.match(s.findtext(f"{M}login-time")), s.findtext(f"{M}login-time")
+        ssh, unix = sessions[a.session_id].find(f"{M}transport"), sessions[uid].find(f"{M}transport")
+        assert ssh.text == "netconf-ssh"
+        prefix, name = unix.text.split(":")
+        assert (unix.nsmap[prefix], name) == (OCTNM, "netconf-unix")
+        # Each <get> counts itself.  The counters moved with what each
+        # session did since the first <get>, and no further.
+        assert counted(before[b.session_id]) == (1, 0, 0, 0)
+        assert counted(before[uid]) == (0, 0, 0, 0)
+        assert counted(sessions[a.session_id]) == (1, 0, 0, 0)
+        assert counted(sessions[b.session_id]) == (3, 0, 1, 0)
+        assert counted(sessions[uid]) == (0, 1, 1, 0)
+        lock = state.find(f"{M}datastores/{M}datastore[{M}name='running']/{M}locks/{M}global-lock")
+        assert lock.findtext(f"{M}locked-by-session") == a.session_id
+        assert RFC3339.match(lock.findtext(f"{M}locked-time"))
+        # The agent's totals hold the sessions gone too: the bad hello, the
+        # drop, and the requests of both.
+        stats = state.find(f"{M}statistics")
+        assert RFC3339.match(stats.findtext(f"{M}netconf-start-time"))
+        assert counted(stats, "in-bad-hellos", "in-sessions", "dropped-sessions") == (1, 5, 1)
+        assert counted(stats) == (6, 1, 2, 0)
+
+        # A session entry selected in part holds its key.
+        for s in sessions_of(netconf_state(b, "<sessions><session><username/></session>"
+                                                    "</sessions>")).values():
+            assert [etree.QName(c).localname for c in s] == ["session-id", "username"]
+
+        # A killed session is named with its user, and by whom; its lock
+        # and its entry go with it.
+        b.kill_session(a.session_id)
+        agent.wait_log(f"session {a.session_id} of '{USER}' killed by session {b.session_id} "
+                       "of 'bob'")
+        agent.wait_log(f"session {a.session_id} of '{USER}' ended: killed by session "
+                       f"{b.session_id}")
+        state = netconf_state(b)
+        assert set(sessions_of(state)) == {b.session_id, uid}
+        assert state.find(f".//{M}locks") is None
+        assert counted(state.find(f"{M}statistics"), "dropped-sessions") == (1,)
+        assert "<ok/>" in u.rpc("<close-session/>")
+        agent.wait_log(f"session {uid} of '{me}' ended: closed")
 
 
 def test_connections_beyond_256_are_turned_away_and_the_agent_serves_on():

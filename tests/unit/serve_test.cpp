@@ -493,4 +493,33 @@ TEST(Screen, AnswersWhatLibnetconf2WouldRefuseInNetconfsTerms)
     }
 }
 
+// NETCONF monitoring counts what the guard refuses as the relay sees the
+// counts move: each refusal once, as soon as it is due, even while its
+// answer waits; and a session that ends on its hello is a bad hello, one
+// that ends on broken framing later is not.
+TEST(SessionGuard, CountsItsRefusalsAndTellsASessionEndedOnItsHello)
+{
+    SessionGuard s = started(true, 100);
+    SessionGuard::Out out;
+    s.from_client(chunk(rpc("<get/>", "1")) + chunk("<rpc") + chunk(rpc("")), out);
+    EXPECT_EQ(s.refused(), 2u);
+    EXPECT_TRUE(out.to_client.empty());
+    s.from_client("\n#101\n", out);
+    EXPECT_EQ(s.refused(), 3u);
+    EXPECT_FALSE(s.bad_hello());
+
+    for (const std::string &first :
+         {"<hello xmlns=\"" + NC + "\"/>]]>]]>", std::string("<rpc/>]]>]]>"),
+          std::string(max_hello + 6, ' ')}) {
+        SessionGuard g(100);
+        g.from_client(first, out);
+        EXPECT_TRUE(g.ended() && g.bad_hello()) << first.substr(0, 40);
+        EXPECT_EQ(g.refused(), 0u);
+    }
+    SessionGuard framing = started(true, 100);
+    framing.from_client("\n#abc\n", out);
+    EXPECT_TRUE(framing.ended());
+    EXPECT_FALSE(framing.bad_hello());
+}
+
 } // namespace
