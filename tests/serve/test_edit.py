@@ -5,6 +5,8 @@ operations, the default operation and test option, and refusals."""
 import glob
 import os
 
+from lxml import etree
+
 from harness import (BASE, NC, TUN, Agent, as_config, config, error_of, interfaces, leaves, read,
                      seeded, source, tool_leaves, tunnel)
 
@@ -129,6 +131,14 @@ REFUSALS = [
     # Nodes of the models that the module does not carry.
     ("edit", config(tunnel("tunnel-ip12", "<ipv4><config><mtu>1400</mtu></config></ipv4>")),
      "operation-not-supported", T12_CONFIG, "<bad-element>mtu</bad-element>"),
+    # <validate> runs every check of an edit, as the whole configuration.
+    ("validate", config(tunnel("tunnel-ip12", "<config><ttl>300</ttl></config>")), "invalid-value",
+     "/oc-if:interfaces/oc-if:interface[oc-if:name='tunnel-ip12']/oc-tun:tunnel/oc-tun:config/"
+     "oc-tun:ttl", "300"),
+    ("validate", config("<interface><name>tunnel-ip12</name><config><description>d</description>"
+                        "</config></interface>"), "operation-not-supported",
+     "/oc-if:interfaces/oc-if:interface[oc-if:name='tunnel-ip12']/oc-if:config/oc-if:description",
+     "<bad-element>description</bad-element>"),
     # The models name the node by an identity whose prefix the client
     # declared on <config>: it resolves, and the type is not carried.
     ("edit", config("<interface><name>tunnel-ip12</name><config><type>ianaift:tunnel</type>"
@@ -162,6 +172,7 @@ def test_refusals_are_rpc_errors_with_their_path():
         for op, payload, tag, path, said in REFUSALS:
             e = error_of(lambda: {
                 "edit": lambda: m.edit_config(target="running", config=payload),
+                "validate": lambda: m.validate(source=etree.fromstring(payload)),
                 "get-config": lambda: m.get_config("running", filter=("subtree", payload)),
                 "get": lambda: m.get(filter=("subtree", payload))}[op]())
             assert (e.tag, e.path) == (tag, path), (payload, e.tag, e.path)
