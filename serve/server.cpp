@@ -940,16 +940,18 @@ void Server::start()
         setrlimit(RLIMIT_NOFILE, &files);
     }
 
+    // libyang speaks through the log from the first model loaded: the
+    // agent's own checks load the models too.
+    nc_set_print_clb(nc_print);
+    nc_verbosity(o_.verbose ? NC_VERB_VERBOSE : NC_VERB_WARNING);
+    ly_set_log_clb(ly_print, 1);
+    ly_log_level(LY_LLERR);
+
     AgentOptions agent = o_.agent;
     agent.yang_dir = o_.yang_dir;
     agent_ = std::make_unique<Agent>(agent, [this](const std::string &l) { log(l); });
     if (!o_.listen.empty())
         ssh_ = std::make_unique<SshServer>(host_key(o_.agent.state_dir), users_, keys_);
-
-    nc_set_print_clb(nc_print);
-    nc_verbosity(o_.verbose ? NC_VERB_VERBOSE : NC_VERB_WARNING);
-    ly_set_log_clb(ly_print, 1);
-    ly_log_level(LY_LLERR);
     ctx_ = served_context(o_.yang_dir);
     // <get-schema> and <close-session> are answered here: libnetconf2 2.0's
     // own answer to the first prints from memory it has freed, and the
