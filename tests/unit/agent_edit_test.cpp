@@ -309,44 +309,4 @@ TEST_F(AgentEdit, WhatTheMappingDoesNotCarryIsRefusedNotDropped)
     }
 }
 
-TEST_F(AgentEdit, OperationsMeanWhatTheySayOnEveryLevel)
-{
-    const std::string seeded = running();
-    auto holds = [&](const std::string &text) { return running().find(text) != std::string::npos; };
-
-    // A replace of an entry: what it held and the edit does not give goes.
-    ok(interfaces("<interface nc:operation=\"replace\"><name>tunnel-ip12</name>" +
-                  tunnel("<config><ttl>5</ttl></config>") + "</interface>"));
-    EXPECT_TRUE(holds("<ttl>5</ttl>"));
-    EXPECT_FALSE(holds("<gre-key>") || holds("10.12.0.1") || holds("<src>"));
-    EXPECT_TRUE(holds("<name>tunnel-ip13</name>"));
-
-    // A replace of a container, a leaf by the same value written otherwise.
-    ok(interfaces(interface("tunnel-ip12", "<tunnel xmlns=\"" + TUN +
-                                               "\" nc:operation=\"replace\"><config><ttl>006</ttl>"
-                                               "<gre-key>9</gre-key></config></tunnel>")));
-    EXPECT_TRUE(holds("<ttl>6</ttl>") && holds("<gre-key>9</gre-key>"));
-
-    // A delete of an interface that is not there, then of one that is.
-    refused(interfaces("<interface nc:operation=\"delete\"><name>tunnel-ip99</name></interface>"),
-            "data-missing", "/oc-if:interfaces/oc-if:interface[oc-if:name='tunnel-ip99']");
-    ok(interfaces("<interface nc:operation=\"delete\"><name>tunnel-ip13</name></interface>"));
-    EXPECT_FALSE(holds("tunnel-ip13"));
-
-    // A delete of /interfaces takes every interface; a second finds none.
-    ok(interfaces("", "delete"));
-    EXPECT_FALSE(holds("<interface>"));
-    refused(interfaces("", "delete"), "data-missing", "/oc-if:interfaces");
-
-    // default-operation replace: the configuration is the edit's.
-    ok(interfaces(interface("tunnel-ip20", tunnel("<config><ttl>20</ttl></config>"))),
-       DefaultOperation::replace);
-    ok(interfaces(interface("tunnel-ip21", tunnel("<config><ttl>21</ttl></config>"))),
-       DefaultOperation::replace);
-    EXPECT_TRUE(holds("tunnel-ip21") && !holds("tunnel-ip20"));
-    ok("", DefaultOperation::replace);
-    EXPECT_FALSE(holds("<interface>"));
-    EXPECT_NE(seeded, running());
-}
-
 } // namespace

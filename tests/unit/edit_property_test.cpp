@@ -36,6 +36,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -784,9 +785,30 @@ const char *name_of(DefaultOperation d)
                                             : "none";
 }
 
+// `text` as a JSON string.
+std::string json_string(const std::string &text)
+{
+    std::string out = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char code[8];
+            std::snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned>(c));
+            out += code;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
 // `steps` random edits from `seed`; false at the first that the agent and
-// the model do not agree on.
-bool run(uint64_t seed, int steps, Coverage &seen)
+// the model do not agree on.  With `script`, each step goes to it as a line
+// of JSON, the edit with the model's answer and configuration, for the same
+// edits to be sent over SSH (tests/serve/test_property.py).
+bool run(uint64_t seed, int steps, Coverage &seen, std::ostream *script = nullptr)
 {
     Dir dir;
     AgentOptions o;
@@ -811,6 +833,18 @@ bool run(uint64_t seed, int steps, Coverage &seen)
         const std::set<std::string> model_before = model.leaves();
         seen.busy += model_before.size() >= 5 ? 1 : 0;
         const std::set<std::string> want = model.edit(edit, d, test_only);
+        if (script != nullptr) {
+            *script << "{\"edit\": " << json_string(text) << ", \"default\": \"" << name_of(d)
+                    << "\", \"test_only\": " << (test_only ? "true" : "false")
+                    << ", \"answers\": [";
+            for (const std::string &tag : want)
+                *script << (&tag == &*want.begin() ? "" : ", ") << json_string(tag);
+            *script << "], \"leaves\": [";
+            const std::set<std::string> now = model.leaves();
+            for (const std::string &leaf : now)
+                *script << (&leaf == &*now.begin() ? "" : ", ") << json_string(leaf);
+            *script << "]}\n";
+        }
         for (const auto &[path, ops] : gen.ops)
             seen.ops[path].insert(ops.begin(), ops.end());
         seen.options[std::string(name_of(d)) + (test_only ? ", test-only" : "")]++;
@@ -848,6 +882,15 @@ bool run(uint64_t seed, int steps, Coverage &seen)
 
 TEST(EditProperty, RandomEditsAnswerAndLeaveWhatTheModelDoes)
 {
+    // OCTUNNEL_EDIT_SCRIPT=FILE: one seed's edits, checked here and written
+    // to FILE for the agent's test over SSH (OCTUNNEL_EDIT_STEPS of them).
+    if (const char *path = std::getenv("OCTUNNEL_EDIT_SCRIPT")) {
+        const char *n = std::getenv("OCTUNNEL_EDIT_STEPS");
+        std::ofstream script(path);
+        Coverage seen;
+        EXPECT_TRUE(run(7, n != nullptr ? std::max(1, std::atoi(n)) : 150, seen, &script));
+        return;
+    }
     // More seeds for a longer hunt: OCTUNNEL_EDIT_SEEDS=N.
     const char *more = std::getenv("OCTUNNEL_EDIT_SEEDS");
     const int seeds = more != nullptr ? std::max(1, std::atoi(more)) : 6;
