@@ -1,8 +1,8 @@
 // Edits through the agent in process, with the module loaded: what the
-// OpenConfig models refuse, what the router's configuration cannot hold, and
-// what RFC 6241's operations do where the module's node-by-node translation
-// alone would lose their meaning.  Each refusal names its error-tag and the
-// OpenConfig node, and leaves the configuration and its file as they were.
+// OpenConfig models refuse, and what the router's configuration cannot hold
+// (RFC 6241's operations are held by edit_property_test.cpp).  Each refusal
+// names its error-tag and the OpenConfig node, and leaves the configuration
+// and its file as they were.
 #include "agent.h"
 
 #include <gtest/gtest.h>
