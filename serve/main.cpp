@@ -80,9 +80,11 @@ int main(int argc, char **argv)
         ->type_name("BYTES");
     server->add_flag("--verbose", so.verbose, "Log sessions and what libnetconf2 says");
     server->footer(
-        "The agent serves the running configuration alone (no candidate or startup); an edit\n"
-        "applies whole or not at all and is on disk before it is answered. It stops on\n"
-        "SIGINT or SIGTERM.\n"
+        "The agent serves the running configuration alone (no candidate or startup). An edit\n"
+        "is checked against the OpenConfig models, applied by RFC 6241's rules to what\n"
+        "<get-config> shows, and kept only when the configuration then reads back as the\n"
+        "edit says; it applies whole or not at all and is on disk before it is answered.\n"
+        "It stops on SIGINT or SIGTERM.\n"
         "Every message a client sends is checked before libnetconf2 reads it: one that is not\n"
         "well-formed XML in UTF-8, holds no element or is no <rpc> is answered\n"
         "malformed-message (operation-failed on a base:1.0 session); broken framing ends the\n"
