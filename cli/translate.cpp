@@ -4,6 +4,7 @@
 #include "json_io.h"
 #include "json_schema.h"
 #include "oc_models.h"
+#include "output_file.h"
 #include "xml_io.h"
 
 #include "octunnel/model_tables.h"
@@ -58,58 +59,6 @@ std::string source_name(const std::string &file)
 {
     return file == "-" ? "<stdin>" : file;
 }
-
-// A file the tool writes: whole, or not at all.  It is written under a name
-// of its own beside the one asked for and takes that name once complete, so
-// that a reader never sees it half-written, and a run that fails leaves
-// nothing behind.
-class OutputFile {
-public:
-    explicit OutputFile(const std::string &path) : path_(path), temp_(path + ".XXXXXX")
-    {
-        int fd = mkstemp(temp_.data());
-        if (fd < 0 || (file_ = fdopen(fd, "w")) == nullptr) {
-            const int error = errno;
-            if (fd >= 0)
-                close(fd);
-            throw UsageError("cannot write " + path_ + ": " + std::strerror(error));
-        }
-        out_.emplace(file_);
-    }
-    ~OutputFile()
-    {
-        out_.reset();
-        if (file_ != nullptr) {
-            std::fclose(file_);
-            std::remove(temp_.c_str());
-        }
-    }
-    OutputFile(const OutputFile &) = delete;
-    OutputFile &operator=(const OutputFile &) = delete;
-
-    Output &out() { return *out_; }
-    void commit()
-    {
-        try {
-            out_->flush();
-        } catch (const std::exception &) {
-            throw UsageError("cannot write " + path_ + ": " + std::strerror(errno));
-        }
-        out_.reset();
-        std::FILE *f = std::exchange(file_, nullptr);
-        if (std::fclose(f) != 0 || std::rename(temp_.c_str(), path_.c_str()) != 0) {
-            const int error = errno;
-            std::remove(temp_.c_str());
-            throw UsageError("cannot write " + path_ + ": " + std::strerror(error));
-        }
-    }
-
-private:
-    std::string path_;
-    std::string temp_;
-    std::FILE *file_ = nullptr;
-    std::optional<Output> out_;
-};
 
 // One line of JSON for each path the module added.
 void write_emission(const yfwhost::Emission &e, Output &out)
@@ -216,8 +165,9 @@ public:
             json.emplace(req_.answer(), *schema, out);
         for (std::optional<OutputFile> *file : {&emissions_, &log_, &ring_})
             if (*file)
-                (*file)->commit();
+                (*file)->prepare();
         if (rc != YFW_OK) {
+            publish();
             report_failure(rc, req_, err_);
             return exit_refused;
         }
@@ -226,10 +176,20 @@ public:
         else
             write_document(req_.answer(), out);
         out.flush();
+        // Only once the answer is out do the files take their places: an
+        // answer that cannot be written leaves none of them.
+        publish();
         return exit_translated;
     }
 
 private:
+    void publish()
+    {
+        for (std::optional<OutputFile> *file : {&emissions_, &log_, &ring_})
+            if (*file)
+                (*file)->publish();
+    }
+
     const Options &o_;
     yfwhost::Request req_;
     std::ostream &err_;
@@ -394,6 +354,8 @@ int Translator::run(const Options &o, Direction d, Input &input, std::FILE *answ
 int Translator::translate(const Options &o, Direction d, Input &input, std::FILE *answer,
                           std::ostream &err)
 {
+    check_output_paths(o.input,
+                       {{"--emissions", o.emissions}, {"--log", o.log}, {"--ring", o.ring}});
     if (d == Direction::to_oc) {
         // The models that type a JSON answer load on the other core while
         // the document is read and translated.
