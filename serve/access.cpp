@@ -1,6 +1,10 @@
 #include "access.h"
 
+#include "datastore.h"
+
+#include <cerrno>
 #include <crypt.h>
+#include <cstring>
 #include <fstream>
 #include <libssh/libssh.h>
 #include <stdexcept>
@@ -144,20 +148,30 @@ bool AuthorizedKeys::check(std::string_view name, const ssh_key_struct *key) con
 std::string host_key(const std::string &state_dir)
 {
     const std::string path = state_dir + "/ssh_host_ed25519_key";
-    if (access(path.c_str(), R_OK) == 0)
+    // A key file is written whole or not at all (below); an empty one can
+    // only be left by an older agent on a full disk, and holds no identity
+    // a client could know: it is made again.
+    struct stat st {};
+    if (stat(path.c_str(), &st) == 0 && st.st_size > 0) {
+        if (access(path.c_str(), R_OK) != 0)
+            throw std::runtime_error("cannot read the SSH host key " + path + ": " +
+                                     std::strerror(errno));
         return path;
+    }
     ssh_key key = nullptr;
     if (ssh_pki_generate(SSH_KEYTYPE_ED25519, 0, &key) != SSH_OK)
         throw std::runtime_error("cannot make an SSH host key");
-    const std::string temp = path + ".new";
-    unlink(temp.c_str());
-    const mode_t mask = umask(077);
-    const int rc = ssh_pki_export_privkey_file(key, nullptr, nullptr, nullptr, temp.c_str());
-    umask(mask);
+    char *text = nullptr;
+    const int rc = ssh_pki_export_privkey_base64(key, nullptr, nullptr, nullptr, &text);
     ssh_key_free(key);
-    if (rc != SSH_OK || rename(temp.c_str(), path.c_str()) != 0) {
-        unlink(temp.c_str());
-        throw std::runtime_error("cannot write the SSH host key " + path);
+    if (rc != SSH_OK || text == nullptr)
+        throw std::runtime_error("cannot make an SSH host key");
+    std::string pem(text);
+    ssh_string_free_char(text);
+    try {
+        write_durably(path, pem, 0600);
+    } catch (const std::exception &e) {
+        throw std::runtime_error("cannot write the SSH host key: " + std::string(e.what()));
     }
     return path;
 }

@@ -72,8 +72,8 @@ class Agent {
 public:
     // Loads the module and reads the running configuration of the state
     // directory (creating the directory if need be).  Throws
-    // std::runtime_error (InputError for a configuration file that is not a
-    // document) naming what is wrong.
+    // std::runtime_error naming what is wrong (the file and line of a
+    // configuration that is not a document).
     Agent(const AgentOptions &o, std::function<void(const std::string &)> log);
     ~Agent();
 

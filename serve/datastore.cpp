@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -399,7 +401,7 @@ std::string native_document(const Node &holder)
     return text;
 }
 
-void write_durably(const std::string &path, std::string_view text)
+void write_durably(const std::string &path, std::string_view text, unsigned mode)
 {
     const std::size_t cut = path.find_last_of('/');
     const std::string dir = cut == std::string::npos ? "." : path.substr(0, cut + 1);
@@ -422,7 +424,7 @@ void write_durably(const std::string &path, std::string_view text)
         }
         done += static_cast<std::size_t>(n);
     }
-    if (fchmod(fd, 0644) != 0 || fsync(fd) != 0)
+    if (fchmod(fd, static_cast<mode_t>(mode)) != 0 || fsync(fd) != 0)
         fail("flush");
     if (close(fd) != 0) {
         std::string message = system_error("write", temp);
@@ -443,6 +445,42 @@ void write_durably(const std::string &path, std::string_view text)
         throw std::runtime_error(system_error("flush", dir));
 }
 
+StateLock::StateLock(const std::string &dir)
+{
+    std::error_code made;
+    std::filesystem::create_directories(dir, made);
+    const std::string path = dir + "/lock";
+    fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd_ < 0)
+        throw std::runtime_error(system_error("open", path));
+    if (flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+        const int error = errno;
+        char pid[32] = {};
+        const ssize_t n = pread(fd_, pid, sizeof pid - 1, 0);
+        close(fd_);
+        fd_ = -1;
+        if (error != EWOULDBLOCK)
+            throw std::runtime_error("cannot lock " + path + ": " + std::strerror(error));
+        std::string holder(pid, n > 0 ? static_cast<std::size_t>(n) : 0);
+        while (!holder.empty() && (holder.back() == '\n' || holder.back() == ' '))
+            holder.pop_back();
+        throw std::runtime_error("the state directory " + dir + " is served by another agent" +
+                                 (holder.empty() ? "" : " (process " + holder + ")") +
+                                 ": one agent a directory");
+    }
+    // Whose the lock is, for the next agent's refusal; the lock holds
+    // without it.
+    const std::string pid = std::to_string(getpid()) + "\n";
+    if (ftruncate(fd_, 0) == 0 && pwrite(fd_, pid.data(), pid.size(), 0) < 0)
+        return;
+}
+
+StateLock::~StateLock()
+{
+    if (fd_ >= 0)
+        close(fd_);
+}
+
 Datastore::Datastore(std::string path) : path_(std::move(path))
 {
     struct stat st {};
@@ -451,8 +489,16 @@ Datastore::Datastore(std::string path) : path_(std::move(path))
             return;
         throw std::runtime_error(system_error("read", path_));
     }
-    Input input(path_);
-    Document doc = read_document(input);
+    // A file that is no document is refused with its name and line, as an
+    // operator would look for it.
+    Document doc;
+    try {
+        Input input(path_);
+        doc = read_document(input);
+    } catch (const InputError &e) {
+        throw std::runtime_error(path_ + (e.line > 0 ? ":" + std::to_string(e.line) : "") + ": " +
+                                 e.what());
+    }
     adopt(tree_, doc);
     // Operations have no place in a configuration.
     std::vector<Node *> stack{&tree_.root()};

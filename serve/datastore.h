@@ -58,8 +58,8 @@ public:
     };
 
     // The configuration kept in the file `path`, read when the file exists.
-    // Throws InputError for a file that is not a document, and
-    // std::runtime_error for one that cannot be read.
+    // Throws std::runtime_error for a file that cannot be read, or is not a
+    // document (naming its line).
     explicit Datastore(std::string path);
 
     const Tree &tree() const { return tree_; }
@@ -87,10 +87,27 @@ private:
 // as the running configuration file holds them.
 std::string native_document(const Node &holder);
 
+// The state directory's lock, held for the life of the agent that serves
+// it: two agents writing one running configuration would each lose what the
+// other acknowledged.  The lock is the kernel's (flock), so it goes with the
+// process however that ends; the file says whose it is.
+class StateLock {
+public:
+    // Makes the directory if need be.  Throws std::runtime_error naming the
+    // directory, and the process id of the agent that holds it.
+    explicit StateLock(const std::string &dir);
+    ~StateLock();
+    StateLock(const StateLock &) = delete;
+    StateLock &operator=(const StateLock &) = delete;
+
+private:
+    int fd_ = -1;
+};
+
 // Writes `text` to `path` whole or not at all: to a new file beside it,
 // flushed to the disk, renamed, and the directory flushed.  Throws
-// std::runtime_error naming the file.
-void write_durably(const std::string &path, std::string_view text);
+// std::runtime_error naming the file.  The file is readable by `mode`.
+void write_durably(const std::string &path, std::string_view text, unsigned mode = 0644);
 
 // The path of a node, as /a/b[k='v']/c: list entries by their keys.
 std::string path_of(const Node &n);

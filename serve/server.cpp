@@ -372,6 +372,7 @@ private:
     const ServerOptions &o_;
     std::ostream &err_;
     std::mutex log_mutex_;
+    std::unique_ptr<StateLock> state_lock_;
     std::unique_ptr<Agent> agent_;
     Monitor monitor_;
     std::string yang_library_;
@@ -837,11 +838,22 @@ void Server::listen_unix()
         throw std::invalid_argument("--unix " + o_.unix_path +
                                     ": the path is too long for a socket");
     std::memcpy(address.sun_path, o_.unix_path.c_str(), o_.unix_path.size() + 1);
-    // A socket left by an earlier run is taken over; anything else at that
-    // path is left alone.
+    // A socket left by an earlier run is taken over, one that is still
+    // answered never; anything else at that path is left alone.
     struct stat st {};
-    if (lstat(o_.unix_path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode))
+    if (lstat(o_.unix_path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
+        const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        const bool live =
+            probe >= 0 &&
+            (connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
+             errno == EAGAIN || errno == EINPROGRESS);
+        if (probe >= 0)
+            close(probe);
+        if (live)
+            throw std::runtime_error("--unix " + o_.unix_path +
+                                     ": another process listens on this socket");
         unlink(o_.unix_path.c_str());
+    }
     unix_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const mode_t mask = umask(0177);
     const bool bound = unix_fd_ >= 0 && bind(unix_fd_, reinterpret_cast<const sockaddr *>(&address),
@@ -947,6 +959,7 @@ void Server::start()
     ly_set_log_clb(ly_print, 1);
     ly_log_level(LY_LLERR);
 
+    state_lock_ = std::make_unique<StateLock>(o_.agent.state_dir);
     AgentOptions agent = o_.agent;
     agent.yang_dir = o_.yang_dir;
     agent_ = std::make_unique<Agent>(agent, [this](const std::string &l) { log(l); });
