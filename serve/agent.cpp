@@ -228,9 +228,55 @@ Agent::Agent(const AgentOptions &o, std::function<void(const std::string &)> log
 {
     yfwhost::set_router_type(static_cast<int>(o.router_type));
     yfwhost::set_resolve_names(o.resolve_names);
+    if (!running_.note().empty())
+        log_(running_.note());
+    folder_ = std::thread([this] { fold_loop(); });
 }
 
-Agent::~Agent() = default;
+Agent::~Agent()
+{
+    {
+        std::lock_guard guard(mutex_);
+        stopping_ = true;
+    }
+    fold_cv_.notify_all();
+    folder_.join();
+    // Stopped cleanly, the agent leaves the document whole and current.
+    try {
+        if (running_.behind())
+            running_.fold();
+    } catch (const std::exception &e) {
+        log_("the running configuration's document was not written again (" + one_line(e.what()) +
+             "); " + running_.log_path() + " holds the commits it lacks");
+    }
+}
+
+void Agent::fold_loop()
+{
+    std::unique_lock guard(mutex_);
+    while (!stopping_) {
+        if (!running_.behind()) {
+            fold_cv_.wait(guard);
+            continue;
+        }
+        const auto due = last_commit_ + fold_delay;
+        if (std::chrono::steady_clock::now() < due) {
+            fold_cv_.wait_until(guard, due);
+            continue;
+        }
+        try {
+            running_.fold();
+            fold_failure_.clear();
+        } catch (const std::exception &e) {
+            // Tried again after as long again; the commits stand in the log.
+            if (fold_failure_ != e.what())
+                log_("the running configuration's document was not written again: " +
+                     one_line(e.what()));
+            fold_failure_ = e.what();
+            last_commit_ = std::chrono::steady_clock::now();
+        }
+    }
+}
 
 const std::string &Agent::running_path() const
 {
@@ -358,6 +404,8 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
         return {};
     try {
         native.commit();
+        last_commit_ = std::chrono::steady_clock::now();
+        fold_cv_.notify_all();
     } catch (const std::exception &err) {
         RpcError e;
         e.tag = "operation-failed";

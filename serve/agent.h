@@ -12,6 +12,8 @@
 #include "oper.h"
 #include "translate.h"
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <ctime>
 #include <functional>
@@ -20,6 +22,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -119,6 +122,11 @@ private:
     std::optional<RpcError> configuration(const std::optional<std::vector<std::string>> &names,
                                           DataTree &config);
 
+    // Writes the running configuration's document again once edits pause
+    // (Datastore::fold), so that the file a person reads is current within
+    // `fold_delay` of the last commit.
+    void fold_loop();
+
     std::mutex mutex_; // one request at a time sees the datastore and the module
     AgentOptions options_;
     std::function<void(const std::string &)> log_;
@@ -132,7 +140,17 @@ private:
     std::vector<PrefixNs> value_prefixes_;
     uint32_t lock_owner_ = 0;
     std::time_t lock_time_ = 0;
+    std::chrono::steady_clock::time_point last_commit_{};
+    std::string fold_failure_; // the last one logged, to log each once
+    bool stopping_ = false;
+    std::condition_variable fold_cv_;
+    std::thread folder_;
 };
+
+// How long after the last commit the running configuration's document is
+// written again: long enough that a burst of edits pays for it once, short
+// enough that the file an operator opens is all but current.
+inline constexpr std::chrono::milliseconds fold_delay{1000};
 
 // The request kind of an edit, as the module knows it.
 inline constexpr uint32_t edit_kind = 1;

@@ -390,10 +390,12 @@ std::string path_of(const Node &n)
     return path.empty() ? "/" : path;
 }
 
-std::string native_document(const Node &holder)
+std::string native_document(const Node &holder, uint64_t through)
 {
-    std::string text = "<!-- The native running configuration of octunnel serve, written whole "
-                       "after every\n     committed edit. -->\n";
+    std::string text = "<!-- The native running configuration of octunnel serve, through commit " +
+                       std::to_string(through) +
+                       ".\n     Later commits are in running.commits until it is written again. "
+                       "-->\n";
     text += "<data xmlns=\"" NS_NETCONF_BASE "\">\n";
     XmlSink sink(text, 1, NS_NETCONF_BASE);
     write(holder, sink);
@@ -481,34 +483,142 @@ StateLock::~StateLock()
         close(fd_);
 }
 
-Datastore::Datastore(std::string path) : path_(std::move(path))
+namespace {
+
+// The commit a document says it holds the configuration through; 0 for one
+// that says none (written by hand, or before there was a log).
+uint64_t folded_through(const std::string &path)
 {
+    char start[256] = {};
+    FILE *f = std::fopen(path.c_str(), "r");
+    if (f == nullptr)
+        return 0;
+    const std::size_t n = std::fread(start, 1, sizeof start - 1, f);
+    std::fclose(f);
+    const std::string_view text(start, n);
+    constexpr std::string_view mark = "octunnel serve, through commit ";
+    const std::size_t at = text.find(mark);
+    if (at == std::string_view::npos || !text.starts_with("<!--"))
+        return 0;
+    uint64_t number = 0;
+    for (std::size_t i = at + mark.size(); i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i)
+        number = number * 10 + static_cast<uint64_t>(text[i] - '0');
+    return number;
+}
+
+std::string log_file(const std::string &document)
+{
+    std::string path = document;
+    if (path.ends_with(".xml"))
+        path.resize(path.size() - 4);
+    return path + ".commits";
+}
+
+const char *default_operation_name(DefaultOperation d)
+{
+    switch (d) {
+    case DefaultOperation::merge:
+        return "merge";
+    case DefaultOperation::replace:
+        return "replace";
+    case DefaultOperation::none:
+        break;
+    }
+    return "none";
+}
+
+} // namespace
+
+Datastore::Datastore(std::string path, bool read_only) : path_(std::move(path))
+{
+    // The log before the document: should an agent write the document
+    // again in between, the document read holds every commit of the log
+    // read (and the commits are passed over by their numbers), and an agent
+    // starts the log again only once it has.
+    log_ = std::make_unique<CommitLog>(log_file(path_), read_only);
     struct stat st {};
-    if (stat(path_.c_str(), &st) != 0) {
-        if (errno == ENOENT)
-            return;
+    const bool exists = stat(path_.c_str(), &st) == 0;
+    if (!exists && errno != ENOENT)
         throw std::runtime_error(system_error("read", path_));
+    if (exists) {
+        // A file that is no document is refused with its name and line, as
+        // an operator would look for it.
+        Document doc;
+        try {
+            Input input(path_);
+            doc = read_document(input);
+        } catch (const InputError &e) {
+            throw std::runtime_error(path_ + (e.line > 0 ? ":" + std::to_string(e.line) : "") +
+                                     ": " + e.what());
+        }
+        adopt(tree_, doc);
+        // Operations have no place in a configuration.
+        std::vector<Node *> stack{&tree_.root()};
+        while (!stack.empty()) {
+            Node *n = stack.back();
+            stack.pop_back();
+            n->set_op(-1);
+            for (const auto &k : n->slots())
+                stack.push_back(k.get());
+        }
+        number_ = folded_through(path_);
     }
-    // A file that is no document is refused with its name and line, as an
-    // operator would look for it.
-    Document doc;
+
+    // The commits the document does not hold yet, applied again as they
+    // were first.
+    for (const CommitLog::Commit &c : log_->commits()) {
+        if (c.number <= number_)
+            continue; // folded already, the log not yet started again
+        for (const CommitLog::Edit &e : c.edits) {
+            const DefaultOperation d = e.default_operation == "replace" ? DefaultOperation::replace
+                                       : e.default_operation == "none"  ? DefaultOperation::none
+                                                                        : DefaultOperation::merge;
+            try {
+                Tree edit;
+                adopt(edit, read_xml(e.text, e.text.size() + 1));
+                Journal own;
+                Editor(tree_, own).apply(edit, d);
+                own.commit();
+            } catch (const std::exception &err) {
+                throw std::runtime_error(log_->path() + ": commit " + std::to_string(c.number) +
+                                         " does not apply to " + path_ + ": " + err.what());
+            }
+        }
+        number_ = c.number;
+    }
+    log_->forget_commits();
+    if (exists && st.st_size > 0)
+        fold_at_ = std::max<uint64_t>(fold_at_, static_cast<uint64_t>(st.st_size));
+}
+
+Datastore::~Datastore() = default;
+
+void Datastore::commit(std::vector<CommitLog::Edit> edits)
+{
+    log_->append({number_ + 1, std::move(edits)});
+    ++number_;
+    if (log_->size() < fold_at_)
+        return;
+    // The commit stands; the document is written again another time if it
+    // cannot be now, once the log has grown as much again.
     try {
-        Input input(path_);
-        doc = read_document(input);
-    } catch (const InputError &e) {
-        throw std::runtime_error(path_ + (e.line > 0 ? ":" + std::to_string(e.line) : "") + ": " +
-                                 e.what());
+        fold();
+    } catch (const std::exception &) {
+        fold_at_ = 2 * log_->size();
     }
-    adopt(tree_, doc);
-    // Operations have no place in a configuration.
-    std::vector<Node *> stack{&tree_.root()};
-    while (!stack.empty()) {
-        Node *n = stack.back();
-        stack.pop_back();
-        n->set_op(-1);
-        for (const auto &k : n->slots())
-            stack.push_back(k.get());
-    }
+}
+
+std::string Datastore::document() const
+{
+    return native_document(tree_.root(), number_);
+}
+
+void Datastore::fold()
+{
+    const std::string text = document();
+    write_durably(path_, text);
+    log_->clear();
+    fold_at_ = std::max<uint64_t>(1u << 20, text.size());
 }
 
 Datastore::Change::Change(Datastore &store) : store_(store), journal_(std::make_unique<Journal>())
@@ -531,7 +641,15 @@ void Datastore::Change::apply(const Tree &edit, DefaultOperation default_operati
         own.undo();
         throw;
     }
+    if (own.empty())
+        return;
     journal_->append(own);
+    // Logged as it was given, to be applied again at start as it was now.
+    std::string text;
+    XmlSink sink(text);
+    sink.with_operations();
+    write(edit.root(), sink);
+    edits_.push_back({default_operation_name(default_operation), std::move(text)});
 }
 
 bool Datastore::Change::changed() const
@@ -542,7 +660,7 @@ bool Datastore::Change::changed() const
 void Datastore::Change::commit()
 {
     if (!journal_->empty())
-        store_.save(); // throws, and the destructor takes the change back
+        store_.commit(std::move(edits_)); // throws, and the destructor takes the change back
     journal_->commit();
     done_ = true;
 }
@@ -555,11 +673,6 @@ bool Datastore::edit(const Tree &edit, DefaultOperation default_operation, bool 
     if (!test_only)
         change.commit();
     return changed;
-}
-
-void Datastore::save() const
-{
-    write_durably(path_, native_document(tree_.root()));
 }
 
 } // namespace octunnel::serve

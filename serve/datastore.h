@@ -1,8 +1,10 @@
 // The router's native running configuration as the agent keeps it: a tree
-// in memory and a native document in a file, which always holds the last
-// committed configuration whole.
+// in memory, and on disk a native document with the log of the commits made
+// since it was last written (commit_log.h): together they always hold the
+// last committed configuration whole.
 #pragma once
 
+#include "commit_log.h"
 #include "tree.h"
 
 #include <memory>
@@ -46,24 +48,33 @@ public:
         void apply(const Tree &edit, DefaultOperation default_operation);
         // Whether the edits so far changed anything.
         bool changed() const;
-        // Keeps the change: the file holds it when this returns.  Throws
-        // std::runtime_error, having taken the change back, when the file
-        // cannot be written.
+        // Keeps the change: the disk holds it when this returns.  Throws
+        // std::runtime_error, having taken the change back, when it cannot
+        // be written.
         void commit();
 
     private:
         Datastore &store_;
         std::unique_ptr<Journal> journal_;
+        std::vector<CommitLog::Edit> edits_; // as the log keeps them
         bool done_ = false;
     };
 
-    // The configuration kept in the file `path`, read when the file exists.
-    // Throws std::runtime_error for a file that cannot be read, or is not a
-    // document (naming its line).
-    explicit Datastore(std::string path);
+    // The configuration kept in the document `path` (read when the file
+    // exists) and the commits of the log beside it that the document does
+    // not hold yet.  `read_only` changes neither file: it reads what an
+    // agent serving them has committed so far.  Throws std::runtime_error
+    // for a file that cannot be read, or is not a document (naming its
+    // line).
+    explicit Datastore(std::string path, bool read_only = false);
+    ~Datastore();
 
     const Tree &tree() const { return tree_; }
     const std::string &path() const { return path_; }
+    const std::string &log_path() const { return log_->path(); }
+    // What was found on reading the files that an operator should hear
+    // of (a commit half-written by a crash, dropped); empty when nothing.
+    const std::string &note() const { return log_->dropped(); }
 
     // Applies `edit`, whose top-level nodes are native roots carrying the
     // operations of RFC 6241 (merge, replace, create, delete, remove), all or
@@ -74,18 +85,31 @@ public:
     // cannot be written.
     bool edit(const Tree &edit, DefaultOperation default_operation, bool test_only);
 
-    // Writes the configuration to the file: to a new file first, flushed to
-    // the disk, then renamed over the old one.
-    void save() const;
+    // Whether the document lacks commits that the log holds.
+    bool behind() const { return log_->size() > 0; }
+    // Writes the document whole (to a new file first, flushed to the disk,
+    // then renamed over the old one) and starts the log again.  A commit
+    // does so itself once the log outgrows the document, so that the disk
+    // holds at most about twice the configuration.
+    void fold();
+    // The document as fold() writes it.
+    std::string document() const;
 
 private:
+    friend class Change;
+    // Logs a change of `edits` as the next commit.
+    void commit(std::vector<CommitLog::Edit> edits);
+
     Tree tree_;
     std::string path_;
+    std::unique_ptr<CommitLog> log_;
+    uint64_t number_ = 0;         // of the last commit
+    uint64_t fold_at_ = 1u << 20; // the log's size that makes a commit fold
 };
 
 // The text of a native document holding the top-level nodes of `holder`,
-// as the running configuration file holds them.
-std::string native_document(const Node &holder);
+// as the running configuration file holds them, through commit `through`.
+std::string native_document(const Node &holder, uint64_t through = 0);
 
 // The state directory's lock, held for the life of the agent that serves
 // it: two agents writing one running configuration would each lose what the

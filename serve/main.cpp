@@ -5,6 +5,7 @@
 // `octunnel serve` hands it, in OCTUNNEL_MODULE and OCTUNNEL_YANG_DIR, the
 // module and models the tool itself would use; --module and --yang-dir
 // override them as they do for the tool.
+#include "datastore.h"
 #include "options.h"
 #include "server.h"
 #include "translate.h"
@@ -62,6 +63,11 @@ int main(int argc, char **argv)
         ->default_str("0");
     server->add_flag("--resolve-names", so.agent.resolve_names,
                      "Let the resolver look names up in tunnel endpoints");
+    bool print_running = false;
+    server->add_flag("--print-running", print_running,
+                     "Print the native running configuration of --state-dir as committed (its "
+                     "document with the commits logged since) and exit; an agent serving it goes "
+                     "on undisturbed");
     server->add_option("--module", serve_options.module, "The mapping module to load")
         ->type_name("PATH");
     server
@@ -106,6 +112,16 @@ int main(int argc, char **argv)
     } catch (const std::exception &e) {
         std::cerr << "octunnel: " << e.what() << '\n';
         return exit_unusable;
+    }
+    if (print_running) {
+        try {
+            const serve::Datastore running(so.agent.state_dir + "/running.xml", true);
+            std::cout << running.document() << std::flush;
+            return std::cout ? 0 : exit_unusable;
+        } catch (const std::exception &e) {
+            std::cerr << "octunnel: " << e.what() << '\n';
+            return exit_unusable;
+        }
     }
     so.agent.module_path = Translator::module_path(serve_options);
     so.yang_dir = yang_dir(serve_options);

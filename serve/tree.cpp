@@ -1,6 +1,8 @@
 #include "tree.h"
 
+#include "octunnel/yfw_namespaces.h"
 #include "xml_io.h"
+#include "yang_names.h"
 
 #include <algorithm>
 
@@ -380,6 +382,11 @@ void XmlSink::open(const Node &n)
     if (outer != n.ns()) {
         out_ += " xmlns=\"";
         escape_xml(out_, n.ns(), true);
+        out_.push_back('"');
+    }
+    if (operations_ && n.op() >= 0 && static_cast<std::size_t>(n.op()) < operation_names.size()) {
+        out_ += " xmlns:nc=\"" NS_NETCONF_BASE "\" nc:operation=\"";
+        out_ += operation_names[static_cast<std::size_t>(n.op())];
         out_.push_back('"');
     }
     ns_.push_back(n.ns());

@@ -193,9 +193,13 @@ public:
     }
     void open(const Node &n) override;
     void close(const Node &n) override;
+    // Writes each node's operation as an nc:operation attribute, as an
+    // edit is written.
+    void with_operations() { operations_ = true; }
 
 private:
     void indent(int depth);
+    bool operations_ = false;
     std::string &out_;
     int depth_;
     std::string outer_;

@@ -148,11 +148,33 @@ LEAF_FILTER = (f'<interfaces xmlns="{OC}"><interface><name>tunnel-ip1</name>'
                f'<tunnel xmlns="{TUN}"><config><ttl/></config></tunnel></interface></interfaces>')
 
 
+def native_running(octunnel, n, path):
+    """A native running configuration of `n` interfaces (tools/gendoc.py's
+    edit through the tool) at `path`, as the agent keeps it."""
+    edit = subprocess.run([sys.executable, os.path.join(TOOLS, "gendoc.py"), "edit", str(n), "xml"],
+                          check=True, capture_output=True, text=True).stdout
+    native = subprocess.run([octunnel, "to-native", "-"], input=edit, check=True,
+                            capture_output=True, text=True).stdout
+    with open(path, "w", encoding="utf-8") as f:
+        f.write(native.replace("<config ", "<data ", 1).replace("</config>", "</data>"))
+
+
+def rss_mib(proc):
+    """The resident memory of `proc` now."""
+    with open(f"/proc/{proc.pid}/status", encoding="utf-8") as f:
+        for line in f:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1]) / 1024
+    return 0.0
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("octunnel")
     ap.add_argument("--requests", type=int, default=1000)
     ap.add_argument("--interfaces", type=int, default=10000)
+    ap.add_argument("--sizes", default="100,10000,100000",
+                    help="configuration sizes (interfaces) for single-leaf edits, comma-separated")
     a = ap.parse_args()
     work = tempfile.mkdtemp(prefix="octunnel-serve-bench-")
     try:
@@ -171,6 +193,28 @@ def main():
         print("| edit-config, one leaf | %d | %.2f | %.2f |" % ((a.requests,) + percentiles(edits)))
         print("| get-config, one leaf | %d | %.2f | %.2f |" % ((a.requests,) + percentiles(reads)))
 
+        # Single-leaf edits on configurations of each size: the cost of a
+        # commit follows the edit, not the configuration.  The configuration
+        # is put in place as the native file the agent reads at start.
+        print()
+        print("| interfaces | edits | median ms | p99 ms | agent RSS at rest MiB |")
+        print("| ---: | ---: | ---: | ---: | ---: |")
+        for size in [int(x) for x in a.sizes.split(",") if x]:
+            state = os.path.join(work, "state")
+            shutil.rmtree(state, ignore_errors=True)
+            os.makedirs(state)
+            native_running(a.octunnel, size, os.path.join(state, "running.xml"))
+            proc, port = start(a.octunnel, work, client=False)
+            raw = Raw(port)
+            raw.rpc(leaf_edit(1, envelope=False))
+            rest = rss_mib(proc)
+            edits = [timed(lambda i=i: raw.rpc(leaf_edit(i % 255 + 1, envelope=False)))
+                     for i in range(a.requests)]
+            raw.close()
+            stop(proc)
+            print("| %d | %d | %.2f | %.2f | %.0f |" % ((size, a.requests) + percentiles(edits)
+                                                        + (rest,)))
+
         n = a.interfaces
         edit = subprocess.run([sys.executable, os.path.join(TOOLS, "gendoc.py"), "edit", str(n),
                                "xml"], check=True, capture_output=True, text=True).stdout
@@ -185,9 +229,10 @@ def main():
         reply = []
         t_get_config = timed(lambda: reply.append(m.get_config("running")))
         t_get = timed(lambda: reply.append(m.get()))
-        size = os.path.getsize(os.path.join(work, "state", "running.xml"))
         m.close_session()
         peak = stop(proc)
+        # Stopped, the agent has written the whole document.
+        size = os.path.getsize(os.path.join(work, "state", "running.xml"))
         print()
         print("| %d interfaces | s | bytes |" % n)
         print("| --- | ---: | ---: |")

@@ -274,10 +274,17 @@ def leaves(xml):
     return found
 
 
-def tool_leaves(path):
-    """The leaves of a native configuration file as `octunnel to-oc` reads
-    it, the agent's running configuration file as it stands."""
-    return leaves(subprocess.run([OCTUNNEL, "to-oc", "--kind", "get-config", path],
+def committed(agent):
+    """The agent's native running configuration as committed: its document
+    with the commits logged since, as `--print-running` prints it."""
+    return subprocess.run([OCTUNNEL, "serve", "--state-dir", agent.state, "--print-running"],
+                          check=True, capture_output=True, text=True).stdout
+
+
+def tool_leaves(native):
+    """The leaves of a native configuration document as `octunnel to-oc`
+    reads it."""
+    return leaves(subprocess.run([OCTUNNEL, "to-oc", "--kind", "get-config", "-"], input=native,
                                  check=True, capture_output=True, text=True).stdout)
 
 

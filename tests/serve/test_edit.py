@@ -8,7 +8,7 @@ import os
 from lxml import etree
 
 from harness import (BASE, NC, TUN, Agent, as_config, config, error_of, interfaces, leaves, read,
-                     seeded, source, tool_leaves, tunnel)
+                     seeded, source, tool_leaves, tunnel, committed)
 
 T12 = "/interfaces/interface[tunnel-ip12]"
 
@@ -36,11 +36,14 @@ def test_every_bundled_edit_comes_back_from_get_config_and_the_native_file():
             # netmask does not give back.
             assert got == {leaf for leaf in leaves(as_config(doc)) if not (
                 "/ipv4/addresses/address[" in leaf and "/config/prefix-length=" in leaf)}, doc
-            # The file is a native document the tool reads as it stands, and
-            # it says what the agent answers, which leaves out what is
-            # read-only.
-            assert {leaf for leaf in tool_leaves(agent.running) if "/state/" not in leaf} == got
-            assert "<interface-configurations xmlns=" in read(agent.running)
+            # What is committed is a native document the tool reads as it
+            # stands, and it says what the agent answers, which leaves out
+            # what is read-only; so does the file, once the agent stops.
+            native = committed(agent)
+            assert {leaf for leaf in tool_leaves(native) if "/state/" not in leaf} == got
+            assert "<interface-configurations xmlns=" in native
+            agent.stop()
+            assert read(agent.running) == native
 
 
 def gre_key(name, op, value=1001):
@@ -94,7 +97,7 @@ EDITS = [
 def test_operations_reach_the_native_configuration_whole_or_not_at_all():
     with seeded() as (agent, m):
         for inner, options, want in EDITS:
-            before, file_before = leaves(m.get_config("running")), read(agent.running)
+            before, file_before = leaves(m.get_config("running")), committed(agent)
             edit = (lambda: m.edit_config(target="running", config=config(inner), **options))
             if isinstance(want, str):
                 # Refused: nothing changes, not even the file.
@@ -102,7 +105,7 @@ def test_operations_reach_the_native_configuration_whole_or_not_at_all():
                 assert e.tag == want, inner
                 assert e.path.startswith("/oc-if:interfaces/oc-if:interface[oc-if:name="), e.path
                 assert leaves(m.get_config("running")) == before, inner
-                assert read(agent.running) == file_before, inner
+                assert committed(agent) == file_before, inner
             else:
                 edit()
                 gone, added = want

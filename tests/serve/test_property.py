@@ -13,7 +13,7 @@ import tempfile
 
 from ncclient.operations.rpc import RPCError
 
-from harness import Agent, leaves, read
+from harness import Agent, committed, leaves, read
 
 STEPS = 150
 
@@ -31,8 +31,8 @@ def script():
 
 
 def running(agent):
-    """The running configuration file, None before there is one."""
-    return read(agent.running) if os.path.exists(agent.running) else None
+    """The running configuration as committed."""
+    return committed(agent)
 
 
 def test_random_edits_answer_and_leave_what_the_model_does():

@@ -142,6 +142,9 @@ struct DatastoreTest : ::testing::Test {
         std::ifstream in(path);
         return {std::istreambuf_iterator<char>(in), {}};
     }
+    // What the disk holds: the document and the commits logged since, as
+    // an agent starting now would read them.
+    std::string disk() const { return Datastore(path, true).document(); }
     const fs::path dir =
         fs::temp_directory_path() / ("octunnel-datastore-" + std::to_string(getpid()));
     const std::string path = (dir / "running.xml").string();
@@ -202,12 +205,12 @@ TEST_F(DatastoreTest, OperationsByTheRfc)
               "2001:db8::1", ""},
              {addresses("<regular-address nc:operation=\"remove\"/>"), "", "", "regular-address"},
          }) {
-        const std::string before = file();
+        const std::string before = disk();
         EXPECT_EQ(edit(ds, r.edit), r.error) << r.edit;
-        EXPECT_TRUE(r.error.empty() || file() == before) << r.edit;
-        EXPECT_EQ(native_document(ds.tree().root()), file());
-        EXPECT_NE(file().find(r.in), std::string::npos) << r.edit;
-        EXPECT_TRUE(r.out.empty() || file().find(r.out) == std::string::npos) << r.edit;
+        EXPECT_TRUE(r.error.empty() || disk() == before) << r.edit;
+        EXPECT_EQ(ds.document(), disk());
+        EXPECT_NE(disk().find(r.in), std::string::npos) << r.edit;
+        EXPECT_TRUE(r.out.empty() || disk().find(r.out) == std::string::npos) << r.edit;
     }
     // default-operation none: a level that is not there is no error where
     // the edit only removes.
@@ -226,7 +229,7 @@ TEST_F(DatastoreTest, AFailedEditIsTakenBackAndTheFileReadBackAsWritten)
         std::iota(ids.begin(), ids.end(), 1);
         edit(ds, tunnels(ids));
         edit(ds, one("<description>a &lt;tricky&gt; &amp; \"quoted\" one\ttab</description>"));
-        const std::string before = file();
+        const std::string before = disk();
         // Many changes, then one that cannot be: none stays, in memory or
         // in the file, and test-only keeps nothing either.
         std::string inside;
@@ -240,21 +243,124 @@ TEST_F(DatastoreTest, AFailedEditIsTakenBackAndTheFileReadBackAsWritten)
                   "</interface-configuration>";
         EXPECT_EQ(edit(ds, configurations(inside)).substr(0, 13), "data-missing ");
         EXPECT_EQ(edit(ds, one("<mtu>9</mtu>"), DefaultOperation::merge, true), "");
-        EXPECT_EQ(file(), before);
-        EXPECT_EQ(native_document(ds.tree().root()), before);
+        EXPECT_EQ(disk(), before);
+        EXPECT_EQ(ds.document(), before);
         // Entries taken out and put back are found again by their keys.
         edit(ds, entry_filter("<active>act</active><interface-name>tunnel-ip5</interface-name>"
                               "<description>five</description>"));
-        EXPECT_EQ(count(file(), "<interface-configuration>"), 20u);
-        EXPECT_EQ(count(file(), "<description>"), 2u);
+        EXPECT_EQ(count(disk(), "<interface-configuration>"), 20u);
+        EXPECT_EQ(count(disk(), "<description>"), 2u);
     }
-    const std::string written = file();
+    const std::string written = disk();
     Datastore again(path);
-    EXPECT_EQ(native_document(again.tree().root()), written);
-    again.save();
+    EXPECT_EQ(again.document(), written);
+    again.fold();
     EXPECT_EQ(file(), written);
-    // Nothing is left beside the file.
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 1);
+    EXPECT_EQ(disk(), written);
+    // Nothing is left beside the document and its log.
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 2);
+}
+
+// The log of commits beside the document: each commit on the disk before
+// edit() returns, the document written again by fold() (or by a commit once
+// the log outgrows it), and at start what a crash can leave: a last commit
+// half-written (dropped: it was never acknowledged), a log not yet started
+// again after its document was written (its commits not applied twice), a
+// damaged commit with others after it (refused, naming the byte).
+TEST_F(DatastoreTest, CommitsAreLoggedAndReadAgainAfterACrash)
+{
+    const std::string log = (dir / "running.commits").string();
+    const auto read = [](const std::string &p) {
+        std::ifstream in(p);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    const auto write = [](const std::string &p, const std::string &text) {
+        std::ofstream(p, std::ios::trunc) << text;
+    };
+    std::string current;
+    {
+        Datastore ds(path);
+        for (int i = 1; i <= 30; ++i)
+            EXPECT_EQ(edit(ds, configurations("<interface-configuration nc:operation=\"create\">"
+                                              "<active>act</active><interface-name>tunnel-ip" +
+                                              std::to_string(i) +
+                                              "</interface-name>"
+                                              "</interface-configuration>")),
+                      "");
+        EXPECT_EQ(edit(ds, one(gre("<ttl><value>9</value></ttl>"))), "");
+        current = ds.document();
+        EXPECT_TRUE(ds.behind());
+        EXPECT_FALSE(fs::exists(path)); // only the log holds them yet
+        EXPECT_EQ(disk(), current);
+
+        // Folded: the document holds them all, and says through which.
+        const std::string logged = read(log);
+        ds.fold();
+        EXPECT_FALSE(ds.behind());
+        EXPECT_EQ(file(), current);
+        EXPECT_NE(file().find("through commit 31."), std::string::npos);
+        // A crash before the log started again: what it holds is not
+        // applied twice (each create would be data-exists).
+        write(log, logged);
+    }
+    EXPECT_EQ(Datastore(path).document(), current);
+
+    // A half-written commit at the end: dropped, and said so.
+    {
+        Datastore ds(path);
+        EXPECT_EQ(edit(ds, one("<description>kept</description>")), "");
+        current = ds.document();
+    }
+    const std::string whole = read(log);
+    for (const std::string &torn :
+         {std::string("commit 33 120 0bad"), std::string("commit"),
+          std::string("commit 33 5 00000000\nedit"), std::string(40, '\0')}) {
+        write(log, whole + torn);
+        Datastore ds(path);
+        EXPECT_EQ(ds.document(), current) << torn;
+        EXPECT_NE(ds.note().find("half-written at byte " + std::to_string(whole.size())),
+                  std::string::npos)
+            << ds.note();
+        EXPECT_EQ(read(log), whole);
+    }
+
+    // A damaged commit followed by a whole one is no crash's doing.
+    {
+        Datastore ds(path);
+        EXPECT_EQ(edit(ds, one("<description>later</description>")), "");
+    }
+    std::string damaged = read(log);
+    const std::size_t at = damaged.find("kept");
+    ASSERT_NE(at, std::string::npos);
+    damaged[at] = 'K';
+    write(log, damaged);
+    try {
+        Datastore ds(path);
+        ADD_FAILURE() << "a damaged log was taken";
+    } catch (const std::runtime_error &e) {
+        EXPECT_NE(std::string(e.what()).find("is damaged, and commits follow it"),
+                  std::string::npos)
+            << e.what();
+    }
+}
+
+TEST_F(DatastoreTest, ALogLargerThanTheDocumentIsFoldedByTheCommit)
+{
+    Datastore ds(path);
+    // Commits of more than a MiB in all: the document is written at once.
+    std::vector<int> ids(2000);
+    std::iota(ids.begin(), ids.end(), 1);
+    EXPECT_EQ(edit(ds, tunnels(ids)), "");
+    EXPECT_TRUE(ds.behind());
+    std::iota(ids.begin(), ids.end(), 2001);
+    EXPECT_EQ(edit(ds, tunnels(ids)), "");
+    EXPECT_FALSE(ds.behind());
+    EXPECT_TRUE(file() == ds.document());
+    // A small one after it waits for fold().
+    EXPECT_EQ(edit(ds, one("<description>small</description>")), "");
+    EXPECT_TRUE(ds.behind());
+    EXPECT_EQ(file().find("small"), std::string::npos);
+    EXPECT_TRUE(disk() == ds.document());
 }
 
 // ---------------------------------------------------------------- guard
