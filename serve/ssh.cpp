@@ -20,6 +20,7 @@ struct SshConnection::Login {
     int fd = -1;
     bool authenticated = false;
     bool refused = false; // the source may not try any more
+    bool told = false;    // the log heard why a key of this connection was refused
     std::string user;
     int failures = 0;
     ssh_channel channel = nullptr; // the one channel of the connection
@@ -77,8 +78,11 @@ int on_public_key(ssh_session, const char *user, ssh_key key, char state, void *
         return SSH_AUTH_SUCCESS;
     }
     ++l.failures;
-    if (!why.empty())
+    // Asking costs nothing, so the log hears once a connection.
+    if (!why.empty() && !l.told) {
+        l.told = true;
         l.gate->log(why + " (" + l.gate->peer + ")");
+    }
     // Asking whether a key would do guesses no secret; a signature that
     // does not log in is a failure like a wrong password.
     if (state != SSH_PUBLICKEY_STATE_NONE && may_try(l))
