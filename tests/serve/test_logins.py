@@ -251,16 +251,12 @@ def test_lines_that_cannot_be_honoured_refuse_the_start_naming_them():
         rows = [
             # (option, the file's lines, the line at fault, what is said)
             ("--users", ["alice:" + strong, "bob:" + hashed("-1", "x")], 2, "weak method ($1$"),
-            ("--users", ["bob:" + hashed("-5", "x")], 1, "weak method ($5$"),
             ("--users", ["# DES", "bob:abJnggxhB/yWI"], 2, "weak method (DES"),
             ("--users", ["bob:$garbage"], 1, "not in crypt(3) form"),
-            ("--users", ["bob:" + strong[:-4]], 1, "not whole"),
             ("--users", ["bob :" + strong], 1, "'bob ' holds a blank"),
-            ("--users", [":" + strong], 1, "no user name"),
             ("--authorized-keys", ["# a CA", f"cert-authority {pub} ca"], 2,
              "cert-authority is refused: certificates are not supported"),
             ("--authorized-keys", [f"{pub} @host"], 1, "no user"),
-            ("--authorized-keys", [f"{pub} carol", f"{pub}"], 2, "no user"),
             ("--authorized-keys", [f'command="/bin/sh" {pub} carol'], 1,
              "command= cannot be honoured"),
             ("--authorized-keys", [f'from="gw.example.com" {pub} carol'], 1,
