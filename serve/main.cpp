@@ -43,12 +43,15 @@ int main(int argc, char **argv)
     server
         ->add_option("--users", so.users,
                      "Users who log in over SSH by password: NAME:HASH lines, HASH as "
-                     "'openssl passwd -6' prints it")
+                     "'openssl passwd -6' or mkpasswd prints it; a line with a weak hash (DES, "
+                     "MD5, SHA-256) or a malformed one refuses the start")
         ->type_name("FILE");
     server
         ->add_option("--authorized-keys", so.authorized_keys,
                      "Public keys that log in over SSH, in OpenSSH's authorized_keys form; the "
-                     "comment of each names its user (alice, or alice@host)")
+                     "comment of each names its user (alice, or alice@host); from= and "
+                     "expiry-time= are checked at each login, and a line the agent cannot honour "
+                     "(command=, cert-authority, no user) refuses the start")
         ->type_name("FILE");
     server
         ->add_option("--max-startups", serve_startups,
@@ -67,9 +70,9 @@ int main(int argc, char **argv)
     server
         ->add_option("--login-penalty", serve_penalty,
                      "What a failed login costs its source (an IPv4 address, an IPv6 /64), in "
-                     "seconds, 0 for nothing: its answer waits this long, and a source is refused "
-                     "once its failures run 10 ahead of one this often, until its penalty has "
-                     "run out")
+                     "seconds, 0 for nothing: its answer waits this long; a source may fail 10 "
+                     "times at once, then once in this time, and is refused beyond that until "
+                     "its penalty has run out (10 min at most)")
         ->type_name("SECONDS")
         ->default_str("1");
     server
