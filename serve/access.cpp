@@ -436,6 +436,7 @@ AuthorizedKeys AuthorizedKeys::read(const std::string &file)
         key->where = where;
         std::size_t at = 0;
         std::string type = word(line, at);
+        bool untouched = false; // no-touch-required
         // Options come first when the line does not begin with a key type.
         if (ssh_key_type_from_name(type.c_str()) == SSH_KEYTYPE_UNKNOWN && !is_certificate(type)) {
             at = 0;
@@ -446,6 +447,7 @@ AuthorizedKeys AuthorizedKeys::read(const std::string &file)
                 throw std::runtime_error(where + e.what());
             }
             for (const Option &o : options) {
+                untouched |= o.name == "no-touch-required";
                 const auto *k =
                     std::find_if(std::begin(known_options), std::end(known_options),
                                  [&](const KnownOption &k) { return o.name == k.name; });
@@ -485,6 +487,13 @@ AuthorizedKeys AuthorizedKeys::read(const std::string &file)
         if (kind == SSH_KEYTYPE_UNKNOWN || blob.empty() ||
             ssh_pki_import_pubkey_base64(blob.c_str(), kind, &key->key) != SSH_OK)
             throw std::runtime_error(where + "not a public key of a type libssh knows");
+        // A security key signs with flags that say whether it was touched;
+        // libssh checks the signature but tells the agent nothing of them,
+        // so a key that should be touched cannot be held to it.
+        if ((kind == SSH_KEYTYPE_SK_ED25519 || kind == SSH_KEYTYPE_SK_ECDSA) && !untouched)
+            throw std::runtime_error(where + "a security key (" + type +
+                                     ") must be touched to log in, which the agent cannot "
+                                     "tell: give no-touch-required to take it without");
         const std::string comment = word(line, at);
         key->user = comment.substr(0, comment.find('@'));
         if (key->user.empty())

@@ -45,8 +45,9 @@ public:
     // (restrict, no-pty, no-port-forwarding, permitopen= ...) hold by
     // themselves, as the agent offers nothing but the netconf subsystem;
     // what it cannot honour (command=, cert-authority, principals=,
-    // verify-required, certificates as keys, unknown options) refuses the
-    // line.  Throws std::runtime_error naming the file and line at fault.
+    // verify-required, certificates as keys, a security key without
+    // no-touch-required, unknown options) refuses the line.  Throws std::runtime_error naming the
+    // file and line at fault.
     static AuthorizedKeys read(const std::string &file);
     // Whether `key` may log `name` in from `address` (as source_of() gives
     // it) at `now`; when a line of the key refuses it by its options,

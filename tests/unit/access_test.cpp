@@ -104,6 +104,10 @@ struct PublicKey {
     ~PublicKey() { ssh_key_free(key); }
 };
 
+// An sk-ssh-ed25519 public key (its type, 32 bytes, application "ssh:").
+const std::string security_key = "AAAAGnNrLXNzaC1lZDI1NTE5QG9wZW5zc2guY29tAAAAIAECAwQFBgcICQoLDA0O"
+                                 "DxAREhMUFRYXGBkaGxwdHh8gAAAABHNzaDo=";
+
 TEST(AuthorizedKeys, RefuseWhatCannotBeHonouredNamingTheLine)
 {
     const PublicKey k;
@@ -121,6 +125,8 @@ TEST(AuthorizedKeys, RefuseWhatCannotBeHonouredNamingTheLine)
         {k.text, "no user"},
         {k.text + " \x01x@host", "control character"},
         {"ssh-ed25519 AAAAnotakey carol", "not a public key"},
+        // A security key, whose touch libssh does not tell.
+        {"sk-ssh-ed25519@openssh.com " + security_key + " carol", "must be touched"},
         // Options as sshd reads them, or not at all.
         {"from=10.0.0.1 " + k.text + " carol", "not in quotes"},
         {"from=\"10.0.0.1 " + k.text + " carol", "no closing quote"},
@@ -137,6 +143,9 @@ TEST(AuthorizedKeys, RefuseWhatCannotBeHonouredNamingTheLine)
         {"expiry-time=\"2030\" " + k.text + " carol", "not YYYYMMDD"},
         {"expiry-time=\"20300230\" " + k.text + " carol", "no such time"},
     };
+    const AuthorizedKeys taken = AuthorizedKeys::read(file_of(
+        "keys-sk", "no-touch-required sk-ssh-ed25519@openssh.com " + security_key + " carol\n"));
+    EXPECT_EQ(taken.size(), 1u);
     for (const auto &row : rows) {
         const std::string file =
             file_of("keys-bad", "# keys\n" + k.text + " alice@laptop\n" + row.line + "\n");
