@@ -18,7 +18,8 @@ int main(int argc, char **argv)
     using namespace octunnel;
     serve::ServerOptions so;
     Options serve_options;
-    std::string serve_router_type = "0", serve_max_request;
+    std::string serve_router_type = "0", serve_max_request, serve_startups, serve_penalty;
+    unsigned serve_per_source = so.admission.per_source;
     CLI::App app{"A NETCONF agent (RFC 6241, base 1.0 and 1.1) that clients drive in OpenConfig: "
                  "edits go through the module to the native running configuration, reads "
                  "through it to the native configuration and operational data and back.",
@@ -33,8 +34,8 @@ int main(int argc, char **argv)
     server
         ->add_option("--listen", so.listen,
                      "SSH on this address and port, by number ([ADDR]:PORT for IPv6): a login "
-                     "has 30 s, 16 log in at once, six failed attempts end a connection; 256 "
-                     "connections at most")
+                     "has 30 s, and 10 s to send its first byte; six failed attempts end a "
+                     "connection; 256 connections at most")
         ->type_name("ADDR:PORT");
     server
         ->add_option("--unix", so.unix_path,
@@ -43,13 +44,38 @@ int main(int argc, char **argv)
     server
         ->add_option("--users", so.users,
                      "Users who log in over SSH by password: NAME:HASH lines, HASH as "
-                     "'openssl passwd -6' prints it")
+                     "'openssl passwd -6' or mkpasswd prints it; a line with a weak hash (DES, "
+                     "MD5, SHA-256) or a malformed one refuses the start")
         ->type_name("FILE");
     server
         ->add_option("--authorized-keys", so.authorized_keys,
                      "Public keys that log in over SSH, in OpenSSH's authorized_keys form; the "
-                     "comment of each names its user (alice, or alice@host)")
+                     "comment of each names its user (alice, or alice@host); from= and "
+                     "expiry-time= are checked at each login, and a line the agent cannot honour "
+                     "(command=, cert-authority, no user) refuses the start")
         ->type_name("FILE");
+    server
+        ->add_option("--max-startups", serve_startups,
+                     "SSH connections that have not logged in yet, from all sources: from START "
+                     "on, a new one is dropped at random, RATE percent of them, rising to all at "
+                     "FULL (as OpenSSH's MaxStartups)")
+        ->type_name("START:RATE:FULL")
+        ->default_str("20:30:80");
+    server
+        ->add_option("--max-startups-per-source", serve_per_source,
+                     "SSH connections that have not logged in yet from one address (IPv6: one "
+                     "/64); those beyond are turned away")
+        ->type_name("N")
+        ->default_str("10")
+        ->check(CLI::Range(1, 10000));
+    server
+        ->add_option("--login-penalty", serve_penalty,
+                     "What a failed login costs its source (an IPv4 address, an IPv6 /64), in "
+                     "seconds, 0 for nothing: its answer waits this long; a source may fail 10 "
+                     "times at once, then once in this time, and is refused beyond that until "
+                     "its penalty has run out (10 min at most)")
+        ->type_name("SECONDS")
+        ->default_str("1");
     server
         ->add_option("--oper-dir", so.agent.oper_dir,
                      "Native operational documents (*.xml, as to-oc reads them) that answer "
@@ -109,6 +135,15 @@ int main(int argc, char **argv)
         so.agent.router_type = parse_number(serve_router_type, "--router-type");
         if (!serve_max_request.empty())
             so.agent.max_content = parse_number(serve_max_request, "--max-request");
+        if (!serve_startups.empty())
+            so.admission.startups = serve::parse_startups(serve_startups, "--max-startups");
+        if (serve_per_source > so.admission.startups.full)
+            throw std::invalid_argument("--max-startups-per-source " +
+                                        std::to_string(serve_per_source) +
+                                        ": more than FULL of --max-startups");
+        so.admission.per_source = serve_per_source;
+        if (!serve_penalty.empty())
+            so.admission.penalty = serve::parse_seconds(serve_penalty, "--login-penalty");
     } catch (const std::exception &e) {
         std::cerr << "octunnel: " << e.what() << '\n';
         return exit_unusable;

@@ -313,17 +313,44 @@ std::string user_name(std::string_view user)
     return octunnel::quoted(one_line(user));
 }
 
-// How long a client has to log in over SSH, and how many may be at it at
-// once: those beyond are turned away until others are in or gone.
+// How long a client has to log in over SSH, and to send its first byte:
+// every client sends its version line as soon as it connects, or as soon
+// as it hears the agent's (libssh's), in a round trip or two; one that says
+// nothing in 10 s holds a place of its source's for nothing.  How many may
+// be at it at once, the admission's limits say.
 constexpr long login_timeout_s = 30;
-constexpr int max_logins = 16;
+constexpr auto silent_grace = std::chrono::seconds(10);
 // How many connections, logged in or not, are served at once: each holds a
 // thread, so that no client, however many it opens, exhausts the agent's.
 constexpr std::size_t max_connections = 256;
 
+// What the log says of a connection or attempt the admission refused.
+std::string refusal(const Admission::Verdict &v, const std::string &source, const std::string &peer)
+{
+    using std::chrono::duration_cast;
+    using std::chrono::seconds;
+    switch (v.refusal) {
+    case Admission::Refusal::penalised:
+        return "connections from " + source + " refused for " +
+               std::to_string(duration_cast<seconds>(v.left).count() + 1) +
+               " s: too many failed logins (first refused: " + peer + ")";
+    case Admission::Refusal::source_busy:
+        return "a connection from " + peer + " turned away: " + std::to_string(v.count) +
+               " connections from " + source +
+               " are logging in already (more are turned away until one is done)";
+    case Admission::Refusal::startups:
+        return "a connection from " + peer + " dropped: " + std::to_string(v.count) +
+               " clients are logging in (" + std::to_string(v.dropped) +
+               " dropped since the last such line)";
+    case Admission::Refusal::none:
+        break;
+    }
+    return {};
+}
+
 class Server {
 public:
-    Server(const ServerOptions &o, std::ostream &err) : o_(o), err_(err) {}
+    Server(const ServerOptions &o, std::ostream &err) : o_(o), err_(err), admission_(o.admission) {}
     ~Server();
 
     int run();
@@ -358,10 +385,12 @@ private:
     void spawn(std::function<void()> work);
     std::size_t reap();
     // Keeps `fd` known until unwatch(), to be shut down when the agent
-    // stops or, given a time, when a login outlasts it; none once stopping.
-    std::optional<uint64_t> watch(int fd, std::chrono::seconds login);
+    // stops or, given times, when a login outlasts `login` or its client
+    // has sent nothing in `grace`; none once stopping.
+    std::optional<uint64_t> watch(int fd, std::chrono::seconds login,
+                                  std::chrono::seconds grace = std::chrono::seconds(0));
     void unwatch(uint64_t id);
-    void ssh_connection(int fd, std::string host, std::string port);
+    void ssh_connection(int fd, std::string host, std::string port, std::string account);
     void unix_connection(int client);
     void serve_client(ClientSide &client, const Client &from);
     // The user of a session, quoted; with sessions_mutex_ held.
@@ -379,6 +408,7 @@ private:
     Users users_;
     AuthorizedKeys keys_;
     std::unique_ptr<SshServer> ssh_;
+    Admission admission_;
     ly_ctx *ctx_ = nullptr;
     nc_pollsession *ps_ = nullptr;
     bool nc_started_ = false;
@@ -403,13 +433,15 @@ private:
     // time or the agent stops: that ends whatever libssh waits for.
     std::mutex sockets_mutex_;
     std::condition_variable sockets_cv_;
+    enum class Cut { no, silent, late }; // why the watch shut a socket down
     struct Socket {
         int fd;
         std::chrono::steady_clock::time_point deadline; // of the login; max(): none
+        std::chrono::steady_clock::time_point silence;  // of the first byte; max(): none
+        Cut cut = Cut::no;
     };
     std::unordered_map<uint64_t, Socket> sockets_;
     uint64_t next_socket_ = 0;
-    int logging_in_ = 0;
 };
 
 // ---------------------------------------------------------------- callbacks
@@ -744,20 +776,18 @@ void Server::accept_loop()
             char host[NI_MAXHOST] = "?", port[NI_MAXSERV] = "?";
             getnameinfo(reinterpret_cast<sockaddr *>(&from), size, host, sizeof host, port,
                         sizeof port, NI_NUMERICHOST | NI_NUMERICSERV);
-            std::string peer = std::string(host) + " port " + port;
-            {
-                std::lock_guard guard(sockets_mutex_);
-                if (logging_in_ >= max_logins) {
-                    close(client);
-                    log("a connection from " + peer + " turned away: " +
-                        std::to_string(max_logins) + " clients are logging in already");
-                    continue;
-                }
-                ++logging_in_;
+            const Source source = source_of(reinterpret_cast<sockaddr *>(&from), size);
+            const std::string peer =
+                (source.address.empty() ? std::string(host) : source.address) + " port " + port;
+            const Admission::Verdict verdict = admission_.admit(source.key);
+            if (!verdict) {
+                close(client);
+                if (verdict.log)
+                    log(refusal(verdict, source.key, peer));
+                continue;
             }
-            spawn([this, client, host = std::string(host), port = std::string(port)] {
-                ssh_connection(client, host, port);
-            });
+            spawn([this, client, host = source.address, port = std::string(port),
+                   account = verdict.account] { ssh_connection(client, host, port, account); });
         }
     }
     // The connections see the stop within their waits, or their sockets
@@ -771,26 +801,39 @@ void Server::watch_loop()
     std::unique_lock guard(sockets_mutex_);
     while (!stop_) {
         const auto now = std::chrono::steady_clock::now();
-        for (auto &[id, socket] : sockets_)
+        for (auto &[id, socket] : sockets_) {
+            if (socket.silence <= now) {
+                socket.silence = std::chrono::steady_clock::time_point::max();
+                if (received_nothing(socket.fd)) {
+                    shutdown(socket.fd, SHUT_RDWR);
+                    socket.cut = Cut::silent;
+                    socket.deadline = std::chrono::steady_clock::time_point::max();
+                }
+            }
             if (socket.deadline <= now) {
                 shutdown(socket.fd, SHUT_RDWR);
+                socket.cut = Cut::late;
                 socket.deadline = std::chrono::steady_clock::time_point::max();
             }
+        }
         sockets_cv_.wait_for(guard, std::chrono::milliseconds(200));
     }
     for (auto &[id, socket] : sockets_)
         shutdown(socket.fd, SHUT_RDWR);
 }
 
-std::optional<uint64_t> Server::watch(int fd, std::chrono::seconds login)
+std::optional<uint64_t> Server::watch(int fd, std::chrono::seconds login,
+                                      std::chrono::seconds grace)
 {
     std::lock_guard guard(sockets_mutex_);
     if (stop_)
         return std::nullopt;
     const uint64_t id = next_socket_++;
-    sockets_.emplace(id,
-                     Socket{fd, login.count() > 0 ? std::chrono::steady_clock::now() + login
-                                                  : std::chrono::steady_clock::time_point::max()});
+    const auto now = std::chrono::steady_clock::now();
+    const auto after = [now](std::chrono::seconds s) {
+        return s.count() > 0 ? now + s : std::chrono::steady_clock::time_point::max();
+    };
+    sockets_.emplace(id, Socket{fd, after(login), after(grace)});
     return id;
 }
 
@@ -800,28 +843,58 @@ void Server::unwatch(uint64_t id)
     sockets_.erase(id);
 }
 
-void Server::ssh_connection(int fd, std::string host, std::string port)
+void Server::ssh_connection(int fd, std::string host, std::string port, std::string account)
 {
     const std::string peer = host + " port " + port;
-    const auto id = watch(fd, std::chrono::seconds(login_timeout_s));
+    const auto id = watch(fd, std::chrono::seconds(login_timeout_s), silent_grace);
     SshConnection connection(*ssh_, fd);
+    LoginGate gate;
+    gate.address = host;
+    gate.peer = peer;
+    gate.log = [this](const std::string &l) { log(l); };
+    gate.attempt = [this, &account, &peer] {
+        const Admission::Verdict v = admission_.attempt(account);
+        if (!v && v.log)
+            log(refusal(v, account, peer));
+        return static_cast<bool>(v);
+    };
+    gate.succeeded = [this, &account] { admission_.succeeded(account); };
+    // A wrong credential is answered once its penalty's time is over, or
+    // when the agent stops.
+    gate.failed = [this] {
+        std::unique_lock guard(sockets_mutex_);
+        sockets_cv_.wait_for(guard, admission_.limits().penalty, [this] { return stop_.load(); });
+    };
     bool in = false;
     if (id)
-        in = connection.login(login_timeout_s, peer, [this](const std::string &l) { log(l); });
+        in = connection.login(login_timeout_s, gate);
+    Cut cut = Cut::no;
     {
         std::lock_guard guard(sockets_mutex_);
-        --logging_in_;
-        if (id)
-            sockets_.at(*id).deadline = std::chrono::steady_clock::time_point::max();
+        if (id) {
+            Socket &s = sockets_.at(*id);
+            s.deadline = s.silence = std::chrono::steady_clock::time_point::max();
+            cut = s.cut;
+        }
         if (stop_)
             shutdown(fd, SHUT_RDWR);
     }
+    admission_.release(account);
+    // A client that held its place and did nothing with it pays as for a
+    // wrong password.
+    if (!in && cut != Cut::no)
+        admission_.charge(account);
     if (in) {
         if (o_.verbose)
             log("'" + one_line(connection.user()) + "' logged in from " + peer);
         serve_client(connection, Client{connection.user(), Transport::ssh, host, port});
     } else if (!stop_) {
-        log("a connection from " + peer + " ended without a login");
+        log("a connection from " + peer + " ended without a login" +
+            (cut == Cut::silent
+                 ? ": it sent nothing in " + std::to_string(silent_grace.count()) + " s"
+             : cut == Cut::late
+                 ? ": it did not log in within " + std::to_string(login_timeout_s) + " s"
+                 : std::string()));
     }
     // Forgotten before the socket closes, when its number may go to another.
     if (id)

@@ -2,6 +2,7 @@
 // libnetconf2, over SSH and a UNIX socket, in front of the agent.
 #pragma once
 
+#include "admission.h"
 #include "agent.h"
 
 #include <iosfwd>
@@ -17,6 +18,7 @@ struct ServerOptions {
     std::string authorized_keys; // OpenSSH authorized_keys lines
     std::string yang_dir;        // the YANG models the hello advertises
     unsigned threads = 4;        // sessions served at once
+    AdmissionLimits admission;   // who may begin an SSH login (admission.h)
     bool verbose = false;
 };
 

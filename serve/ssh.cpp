@@ -7,16 +7,20 @@
 #include <libssh/server.h>
 
 #include <chrono>
+#include <ctime>
 #include <stdexcept>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace octunnel::serve {
 
 struct SshConnection::Login {
     const SshServer *server = nullptr;
-    const std::function<void(const std::string &)> *log = nullptr;
-    std::string peer;
+    const LoginGate *gate = nullptr;
+    int fd = -1;
     bool authenticated = false;
+    bool refused = false; // the source may not try any more
+    bool told = false;    // the log heard why a key of this connection was refused
     std::string user;
     int failures = 0;
     ssh_channel channel = nullptr; // the one channel of the connection
@@ -29,25 +33,41 @@ namespace {
 
 using Login = SshConnection::Login;
 
+// Whether the client's source may have a credential checked; when not,
+// the connection ends before libssh answers.
+bool may_try(Login &l)
+{
+    if (l.gate->attempt())
+        return true;
+    l.refused = true;
+    shutdown(l.fd, SHUT_RDWR);
+    return false;
+}
+
 int on_password(ssh_session, const char *user, const char *password, void *data)
 {
     Login &l = *static_cast<Login *>(data);
-    if (!l.authenticated && user != nullptr && password != nullptr &&
-        l.server->users().check(user, password)) {
+    ++l.failures;
+    if (l.authenticated || user == nullptr || password == nullptr || !may_try(l))
+        return SSH_AUTH_DENIED;
+    if (l.server->users().check(user, password)) {
+        --l.failures;
+        l.gate->succeeded();
         l.authenticated = true;
         l.user = user;
         return SSH_AUTH_SUCCESS;
     }
-    ++l.failures;
-    (*l.log)("password refused for user '" + one_line(user != nullptr ? user : "") + "' from " +
-             l.peer);
+    l.gate->log("password refused for user '" + one_line(user) + "' from " + l.gate->peer);
+    l.gate->failed();
     return SSH_AUTH_DENIED;
 }
 
 int on_public_key(ssh_session, const char *user, ssh_key key, char state, void *data)
 {
     Login &l = *static_cast<Login *>(data);
-    const bool known = !l.authenticated && user != nullptr && l.server->keys().check(user, key);
+    std::string why;
+    const bool known = !l.authenticated && user != nullptr &&
+                       l.server->keys().check(user, key, l.gate->address, std::time(nullptr), &why);
     // A client first asks whether a key would do, then signs with it;
     // libssh has checked the signature when it says the state is valid.
     if (known && state == SSH_PUBLICKEY_STATE_NONE)
@@ -58,6 +78,15 @@ int on_public_key(ssh_session, const char *user, ssh_key key, char state, void *
         return SSH_AUTH_SUCCESS;
     }
     ++l.failures;
+    // Asking costs nothing, so the log hears once a connection.
+    if (!why.empty() && !l.told) {
+        l.told = true;
+        l.gate->log(why + " (" + l.gate->peer + ")");
+    }
+    // Asking whether a key would do guesses no secret; a signature that
+    // does not log in is a failure like a wrong password.
+    if (state != SSH_PUBLICKEY_STATE_NONE && may_try(l))
+        l.gate->failed();
     return SSH_AUTH_DENIED;
 }
 
@@ -128,8 +157,7 @@ SshConnection::~SshConnection()
     }
 }
 
-bool SshConnection::login(long timeout_s, const std::string &peer,
-                          const std::function<void(const std::string &)> &log)
+bool SshConnection::login(long timeout_s, const LoginGate &gate)
 {
     session_ = ssh_new();
     if (session_ == nullptr)
@@ -137,8 +165,8 @@ bool SshConnection::login(long timeout_s, const std::string &peer,
     login_ = std::make_unique<Login>();
     Login &l = *login_;
     l.server = &server_;
-    l.log = &log;
-    l.peer = peer;
+    l.gate = &gate;
+    l.fd = fd_;
     ssh_options_set(session_, SSH_OPTIONS_TIMEOUT, &timeout_s);
     if (!server_.accept(session_, fd_))
         return false;
@@ -163,7 +191,7 @@ bool SshConnection::login(long timeout_s, const std::string &peer,
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
     bool ok = false;
-    while (l.failures < max_auth_attempts) {
+    while (l.failures < max_auth_attempts && !l.refused) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0)

@@ -18,8 +18,24 @@ struct ssh_channel_struct;
 
 namespace octunnel::serve {
 
-// Failed authentications a connection may make before it is closed.
+// Failed authentications a connection may make before it is closed, as
+// OpenSSH's MaxAuthTries; how fast they may come is the source's penalty's
+// to say (admission.h).
 inline constexpr int max_auth_attempts = 6;
+
+// What a login asks of the agent as it goes.
+struct LoginGate {
+    std::string address; // the client's address (source_of()), for from=
+    std::string peer;    // "ADDRESS port N", for the log
+    // Before a credential is checked: false when the client's source may
+    // not try any more; the connection then ends without an answer.
+    std::function<bool()> attempt;
+    // The credential was right; or it was not, and the answer waits as long
+    // as a failure should.
+    std::function<void()> succeeded, failed;
+    // Refused logins, with where and why.
+    std::function<void(const std::string &)> log;
+};
 
 class SshServer {
 public:
@@ -54,10 +70,8 @@ public:
     // Takes the client through the key exchange, authentication and the
     // netconf subsystem of a session channel; false when it did not get
     // that far (refused, gone, or its socket shut down by the agent).
-    // Each wait of libssh lasts `timeout_s` at most.  `log` hears of
-    // refused logins from `peer`.
-    bool login(long timeout_s, const std::string &peer,
-               const std::function<void(const std::string &)> &log);
+    // Each wait of libssh lasts `timeout_s` at most.
+    bool login(long timeout_s, const LoginGate &gate);
     const std::string &user() const { return user_; }
 
     int fd() const override { return fd_; }
