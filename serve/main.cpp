@@ -78,6 +78,13 @@ int main(int argc, char **argv)
                      "one is answered too-big, a message larger than this and 1 MiB too-big and "
                      "the session ends")
         ->type_name("BYTES");
+    server
+        ->add_option("--nacm", so.agent.nacm_file,
+                     "Access control rules (RFC 8341): a <nacm> document of ietf-netconf-acm, "
+                     "read at start and again on SIGHUP; without it every user may do "
+                     "everything. The UNIX socket's sessions of root or the agent's own user "
+                     "are never restricted")
+        ->type_name("FILE");
     server->add_flag("--verbose", so.verbose, "Log sessions and what libnetconf2 says");
     server->footer(
         "The agent serves the running configuration alone (no candidate or startup). An edit\n"
