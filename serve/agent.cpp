@@ -259,8 +259,7 @@ Agent::Agent(const AgentOptions &o, std::function<void(const std::string &)> log
 {
     yfwhost::set_router_type(static_cast<int>(o.router_type));
     yfwhost::set_resolve_names(o.resolve_names);
-    if (!o.nacm_file.empty())
-        rules_ = nacm::load_rules(models_.context(), o.nacm_file);
+    rules_ = o.nacm_file.empty() ? o.rules : nacm::load_rules(models_.context(), o.nacm_file);
 }
 
 Agent::~Agent() = default;

@@ -72,6 +72,8 @@ struct AgentOptions {
     // The access control rules (ietf-netconf-acm data in XML); none: no
     // access control, every user may do everything.
     std::string nacm_file;
+    // Or the rules themselves (tests); nacm_file is read over them.
+    std::shared_ptr<const nacm::Rules> rules;
 };
 
 class Agent {
