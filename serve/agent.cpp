@@ -375,6 +375,7 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
             models_.locate(d->node, where);
             RpcError e = access_denied("access denied: " + user_of(session) + " may not " +
                                        verb(d->access) + " " + where.path);
+            log_(e.message + " (session " + std::to_string(session) + ")");
             e.path = where.path;
             e.path_namespaces = where.path_namespaces;
             return Outcome::error(e);
@@ -686,9 +687,11 @@ std::optional<RpcError> Agent::authorize(uint32_t session, const lysc_node *oper
     if (operation == nullptr || subject(session).may_execute(operation))
         return std::nullopt;
     ++denied_operations_;
-    return access_denied("access denied: " + user_of(session) + " may not run <" +
-                             std::string(operation->name) + "> of " + operation->module->name,
-                         "protocol");
+    RpcError e = access_denied("access denied: " + user_of(session) + " may not run <" +
+                                   std::string(operation->name) + "> of " + operation->module->name,
+                               "protocol");
+    log_(e.message + " (session " + std::to_string(session) + ")");
+    return e;
 }
 
 void Agent::reload_rules()

@@ -96,6 +96,9 @@ int main(int argc, char **argv)
         "well-formed XML in UTF-8, holds no element or is no <rpc> is answered\n"
         "malformed-message (operation-failed on a base:1.0 session); broken framing ends the\n"
         "session.\n"
+        "With --nacm, an operation, or an edit of a node, the rules deny is answered\n"
+        "access-denied (naming the user, and the node in error-path), and what a user may\n"
+        "not read is left out of every answer; /nacm shows the rules and counters.\n"
         "Exit status: 0 stopped by a signal; 2 it could not start (one line on stderr says "
         "why).\n"
         "Environment: OCTUNNEL_MODULE (the module), OCTUNNEL_YANG_DIR (the YANG models).");

@@ -80,6 +80,8 @@ def test_read_only_user_reads_everything_and_changes_nothing():
                      lambda: monitor.kill_session(admin.session_id)):
             e = error_of(call)
             assert (e.type, e.tag) == ("protocol", "access-denied"), e.xml
+        # The log says whose request was denied, and what.
+        agent.wait_log("access denied: 'monitor' may not run <lock> of ietf-netconf")
         # The counters, read by the read-only user: /nacm is read by rule.
         state = nacm_of(monitor)
         assert state.findtext(f"{{{ACM}}}denied-data-writes") == str(2 * len(WRITES))
