@@ -267,10 +267,10 @@ bool path_matches(const Rule &rule, std::span<const DataStep> path)
         const DataStep &have = path[i];
         if (want.schema != have.schema)
             return false;
-        for (const auto &[key, value] : want.keys) {
+        for (const auto &want_key : want.keys) {
             const auto it = std::find_if(have.keys.begin(), have.keys.end(),
-                                         [&](const auto &k) { return k.first == key; });
-            if (it == have.keys.end() || it->second != value)
+                                         [&](const auto &k) { return k.first == want_key.first; });
+            if (it == have.keys.end() || it->second != want_key.second)
                 return false;
         }
     }
