@@ -134,6 +134,8 @@ ly_ctx *load_served_models(const std::string &yang_dir)
         missing = "ietf-netconf";
     else if (ly_ctx_load_module(ctx, "ietf-netconf-monitoring", nullptr, nullptr) == nullptr)
         missing = "ietf-netconf-monitoring";
+    else if (ly_ctx_load_module(ctx, "ietf-netconf-acm", nullptr, nullptr) == nullptr)
+        missing = "ietf-netconf-acm";
     for (const char *m : served_modules)
         if (missing.empty() && ly_ctx_load_module(ctx, m, nullptr, nullptr) == nullptr)
             missing = m;

@@ -50,7 +50,8 @@ enum class EditOp { none, merge, replace, create, remove, del };
 // -if-tunnel and -vlan with the modules whose identities their values name
 // (iana-if-type, openconfig-if-types, -vlan-types), ietf-netconf with its
 // writable-running, rollback-on-error and validate features (and so the
-// operation attribute), and ietf-netconf-monitoring.  Throws
+// operation attribute), ietf-netconf-monitoring and ietf-netconf-acm (the
+// access control rules, enforced by `octunnel serve`).  Throws
 // std::runtime_error naming what cannot be loaded.
 ly_ctx *load_served_models(const std::string &yang_dir);
 

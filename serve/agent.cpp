@@ -13,6 +13,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_map>
 
 namespace octunnel::serve {
 namespace {
@@ -195,6 +196,36 @@ bool is_interfaces(const vidl_yfw_datatree &root)
            yfwhost::ns_match(NS_OC_INTERFACES, root.ns);
 }
 
+bool is_nacm(const vidl_yfw_datatree &root)
+{
+    return std::string_view(root.tag) == "nacm" && yfwhost::ns_match(nacm::ns, root.ns);
+}
+
+const char *verb(nacm::Access access)
+{
+    switch (access) {
+    case nacm::Access::create:
+        return "create";
+    case nacm::Access::del:
+        return "delete";
+    case nacm::Access::read:
+        return "read";
+    default:
+        return "change";
+    }
+}
+
+// An access-denied answer (RFC 8341, section 3.4.5; RFC 6241, appendix A):
+// of the application for data, of the protocol for an operation.
+RpcError access_denied(std::string message, const char *type = "application")
+{
+    RpcError e;
+    e.type = type;
+    e.tag = "access-denied";
+    e.message = std::move(message);
+    return e;
+}
+
 std::string state_file(const AgentOptions &o)
 {
     return o.state_dir + "/" + running_file;
@@ -228,6 +259,7 @@ Agent::Agent(const AgentOptions &o, std::function<void(const std::string &)> log
 {
     yfwhost::set_router_type(static_cast<int>(o.router_type));
     yfwhost::set_resolve_names(o.resolve_names);
+    rules_ = o.nacm_file.empty() ? o.rules : nacm::load_rules(models_.context(), o.nacm_file);
     if (!running_.note().empty())
         log_(running_.note());
     folder_ = std::thread([this] { fold_loop(); });
@@ -298,11 +330,11 @@ Outcome Agent::validate(uint32_t session, std::string_view config)
         return Outcome::error(too_big("the configuration", config.size(), options_.max_content));
     std::lock_guard guard(mutex_);
     // The configuration as the whole running configuration, not kept.
-    return edit_locked(session, config, DefaultOperation::replace, true);
+    return edit_locked(session, config, DefaultOperation::replace, true, false);
 }
 
 Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOperation op,
-                           bool test_only)
+                           bool test_only, bool checked)
 {
     if (lock_owner_ != 0 && lock_owner_ != session) {
         RpcError e;
@@ -324,8 +356,31 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
     }
     if (auto e = models_.check(doc, OpenConfigModels::Use::edit))
         return Outcome::error(from_model(*e));
+    const nacm::Subject who = subject(session);
     for (const vidl_yfw_datatree *root : doc.roots)
-        if (!is_interfaces(*root)) {
+        if (is_nacm(*root)) {
+            // The rules are the operator's file, never data of an edit:
+            // whoever may not write them hears that first.
+            const lysc_node *schema =
+                lys_find_path(models_.context(), nullptr, "/ietf-netconf-acm:nacm", 0);
+            const nacm::DataStep top{schema, "ietf-netconf-acm", {}};
+            if (checked && !who.may(nacm::Access::update, std::span(&top, 1))) {
+                ++denied_writes_;
+                RpcError e = access_denied("access denied: " + user_of(session) +
+                                           " may not change the access control rules");
+                e.path = "/nacm:nacm";
+                e.path_namespaces = {{"nacm", nacm::ns}};
+                return Outcome::error(e);
+            }
+            RpcError e;
+            e.tag = "operation-not-supported";
+            e.bad_element = root->tag;
+            e.path = "/nacm:nacm";
+            e.path_namespaces = {{"nacm", nacm::ns}};
+            e.message = "the access control rules (/nacm) are not edited over NETCONF: they are "
+                        "the file the agent is given with --nacm, read again on SIGHUP";
+            return Outcome::error(e);
+        } else if (!is_interfaces(*root)) {
             RpcError e;
             e.tag = "operation-not-supported";
             e.bad_element = root->tag;
@@ -357,6 +412,20 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
     if (auto e = hold_by_design(models_, intended))
         return Outcome::error(from_model(*e));
     settle(intended);
+
+    // Every node the edit creates, changes or deletes, with that access.
+    if (checked)
+        if (auto d = nacm::first_denied_change(who, before.get(), intended.get())) {
+            ++denied_writes_;
+            ModelError where;
+            models_.locate(d->node, where);
+            RpcError e = access_denied("access denied: " + user_of(session) + " may not " +
+                                       verb(d->access) + " " + where.path);
+            log_(e.message + " (session " + std::to_string(session) + ")");
+            e.path = where.path;
+            e.path_namespaces = where.path_namespaces;
+            return Outcome::error(e);
+        }
 
     // The difference, through the module, into the native configuration:
     // first what goes, then what comes.
@@ -444,15 +513,16 @@ std::optional<RpcError> Agent::configuration(const std::optional<std::vector<std
     return std::nullopt;
 }
 
-Outcome Agent::read(uint32_t, bool config_only, const std::optional<std::string> &filter)
+Outcome Agent::read(uint32_t session, bool config_only, const std::optional<std::string> &filter)
 {
     if (filter && filter->size() > options_.max_content)
         return Outcome::error(too_big("the filter", filter->size(), options_.max_content));
     std::lock_guard guard(mutex_);
-    return read_locked(config_only, filter);
+    return read_locked(session, config_only, filter);
 }
 
-Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &filter)
+Outcome Agent::read_locked(uint32_t session, bool config_only,
+                           const std::optional<std::string> &filter)
 {
     const uint32_t kind = config_only ? YFW_MAP_REQ_GET_CONFIG : YFW_MAP_REQ_GET;
     Document doc;
@@ -484,8 +554,15 @@ Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &f
     std::vector<const Node *> answers{&answer.root()};
     if (server_state) {
         try {
-            adopt(state, read_xml(server_state_(RunningLock{lock_owner_, lock_time_}),
-                                  max_document_bytes));
+            std::shared_ptr<const nacm::Rules> rules;
+            {
+                std::lock_guard access(access_mutex_);
+                rules = rules_;
+            }
+            adopt(state,
+                  read_xml(server_state_(RunningLock{lock_owner_, lock_time_}) +
+                               nacm::state_xml(rules.get(), denied_operations_, denied_writes_),
+                           max_document_bytes));
         } catch (const InputError &e) {
             RpcError err;
             err.tag = "operation-failed";
@@ -494,6 +571,13 @@ Outcome Agent::read_locked(bool config_only, const std::optional<std::string> &f
             return Outcome::error(err);
         }
         answers.push_back(&state.root());
+    }
+    // What the user may not read is left out before the filter sees it, so
+    // that a filter cannot tell it by what it selects (RFC 8341, 3.4.5).
+    if (const nacm::Subject who = subject(session); !who.unrestricted()) {
+        leave_out_unreadable(who, answer.root());
+        if (server_state)
+            leave_out_unreadable(who, state.root());
     }
     const uint64_t oc_pass = filter ? select(oc_filter.root(), answers) : 0;
     Outcome out;
@@ -612,9 +696,145 @@ void Agent::set_server_state(ServerState state, std::vector<PrefixNs> value_pref
 
 void Agent::session_ended(uint32_t session)
 {
-    std::lock_guard guard(mutex_);
-    if (lock_owner_ == session)
-        lock_owner_ = 0;
+    {
+        std::lock_guard guard(mutex_);
+        if (lock_owner_ == session)
+            lock_owner_ = 0;
+    }
+    std::lock_guard access(access_mutex_);
+    session_users_.erase(session);
+}
+
+// ---------------------------------------------------------------- access
+
+void Agent::session_began(uint32_t session, std::string user, bool recovery)
+{
+    std::lock_guard access(access_mutex_);
+    session_users_[session] = SessionUser{std::move(user), recovery};
+}
+
+std::string Agent::user_of(uint32_t session) const
+{
+    std::lock_guard access(access_mutex_);
+    auto it = session_users_.find(session);
+    return it != session_users_.end() ? "'" + one_line(it->second.user) + "'"
+                                      : "session " + std::to_string(session);
+}
+
+nacm::Subject Agent::subject(uint32_t session) const
+{
+    std::lock_guard access(access_mutex_);
+    auto it = session_users_.find(session);
+    if (it == session_users_.end())
+        return nacm::Subject(rules_, {}, false);
+    return nacm::Subject(rules_, it->second.user, it->second.recovery);
+}
+
+std::optional<RpcError> Agent::authorize(uint32_t session, const lysc_node *operation)
+{
+    if (operation == nullptr || subject(session).may_execute(operation))
+        return std::nullopt;
+    ++denied_operations_;
+    RpcError e = access_denied("access denied: " + user_of(session) + " may not run <" +
+                                   std::string(operation->name) + "> of " + operation->module->name,
+                               "protocol");
+    log_(e.message + " (session " + std::to_string(session) + ")");
+    return e;
+}
+
+void Agent::reload_rules()
+{
+    if (options_.nacm_file.empty())
+        return;
+    auto rules = nacm::load_rules(models_.context(), options_.nacm_file);
+    std::lock_guard access(access_mutex_);
+    rules_ = std::move(rules);
+}
+
+void Agent::leave_out_unreadable(const nacm::Subject &who, Node &holder) const
+{
+    const ly_ctx *ctx = models_.context();
+    // The module of each namespace met, found once.
+    std::unordered_map<const char *, const lys_module *> modules;
+    auto module_of = [&](const char *ns) {
+        auto [it, fresh] = modules.try_emplace(ns, nullptr);
+        if (fresh)
+            it->second = ly_ctx_get_module_implemented_ns(ctx, ns);
+        return it->second;
+    };
+    struct Frame {
+        Node *node;
+        std::size_t next = 0;
+        bool permitted = false, keep = false, taken = false;
+    };
+    std::vector<Frame> stack;
+    std::vector<nacm::DataStep> path;
+    bool holder_taken = false;
+    // Enters `node`: its place in the models below its parent's, and
+    // whether it may be read for itself.
+    auto enter = [&](Node &node) {
+        const lysc_node *parent = path.empty() ? nullptr : path.back().schema;
+        const lys_module *module = module_of(node.ns());
+        nacm::DataStep step;
+        step.module = module != nullptr ? module->name : "";
+        if (module != nullptr && (path.empty() || parent != nullptr))
+            step.schema = lys_find_child(parent, module, node.tag(), 0, 0, 0);
+        if (step.schema != nullptr && step.schema->nodetype == LYS_LIST) {
+            for (const lysc_node *k = lysc_node_child(step.schema); k != nullptr && lysc_is_key(k);
+                 k = k->next)
+                if (const Node *key = node.child(k->name); key != nullptr)
+                    step.keys.emplace_back(k, key->value());
+        } else if (step.schema != nullptr && step.schema->nodetype == LYS_LEAFLIST) {
+            step.keys.emplace_back(step.schema, node.value());
+        }
+        path.push_back(std::move(step));
+        stack.push_back({&node, 0, who.may(nacm::Access::read, path)});
+    };
+    // The keys of an entry go with it, whatever else is read of it.
+    auto is_key = [&](const Node &node) {
+        const lysc_node *list = path.empty() ? nullptr : path.back().schema;
+        if (list == nullptr || list->nodetype != LYS_LIST)
+            return false;
+        for (const lysc_node *k = lysc_node_child(list); k != nullptr && lysc_is_key(k);
+             k = k->next)
+            if (std::string_view(k->name) == node.tag())
+                return true;
+        return false;
+    };
+    for (std::size_t i = 0; i < holder.slots().size(); ++i) {
+        Node *top = holder.slots()[i].get();
+        if (top == nullptr)
+            continue;
+        enter(*top);
+        while (!stack.empty()) {
+            Frame &f = stack.back();
+            if (f.next < f.node->slots().size()) {
+                Node *kid = f.node->slots()[f.next++].get();
+                if (kid != nullptr && !is_key(*kid))
+                    enter(*kid);
+                continue;
+            }
+            const Frame done = f;
+            stack.pop_back();
+            path.pop_back();
+            if (done.taken)
+                done.node->compact();
+            const bool keep = done.permitted || done.keep;
+            Node &parent = stack.empty() ? holder : *stack.back().node;
+            if (keep) {
+                if (!stack.empty())
+                    stack.back().keep = true;
+                continue;
+            }
+            parent.take(done.node->slot());
+            if (stack.empty())
+                holder_taken = true;
+            else
+                stack.back().taken = true;
+        }
+    }
+    if (holder_taken)
+        holder.compact();
 }
 
 } // namespace octunnel::serve

@@ -8,10 +8,12 @@
 
 #include "datastore.h"
 #include "monitor.h"
+#include "nacm.h"
 #include "oc_models.h"
 #include "oper.h"
 #include "translate.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -23,6 +25,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -69,6 +72,11 @@ struct AgentOptions {
     bool resolve_names = false;
     // The largest <config> or <filter> taken, in bytes; beyond: too-big.
     std::size_t max_content = std::size_t{256} << 20;
+    // The access control rules (ietf-netconf-acm data in XML); none: no
+    // access control, every user may do everything.
+    std::string nacm_file;
+    // Or the rules themselves (tests); nacm_file is read over them.
+    std::shared_ptr<const nacm::Rules> rules;
 };
 
 class Agent {
@@ -98,6 +106,21 @@ public:
     Outcome unlock(uint32_t session);
     // The session is gone: its lock goes with it.
     void session_ended(uint32_t session);
+
+    // Access control.  A session is its user's from here on; a recovery
+    // session (the agent's own administrator) is never restricted.  A
+    // session never named here is a user of no group.
+    void session_began(uint32_t session, std::string user, bool recovery);
+    // Whether the session may run the protocol operation `operation`: an
+    // access-denied error (of the protocol) where it may not.
+    std::optional<RpcError> authorize(uint32_t session, const lysc_node *operation);
+    // The rules read again from --nacm's file; on a fault (a RulesError
+    // naming file and line) those in force stay.
+    void reload_rules();
+    // What the session may do under the rules in force.
+    nacm::Subject subject(uint32_t session) const;
+    uint32_t denied_operations() const { return denied_operations_; }
+    uint32_t denied_data_writes() const { return denied_writes_; }
     // State data of the server itself (the YANG library, NETCONF
     // monitoring) that <get> answers beside the OpenConfig interfaces, as
     // XML elements: written by `state` each time a <get> may select some of
@@ -110,9 +133,16 @@ public:
     const std::string &running_path() const;
 
 private:
-    Outcome read_locked(bool config_only, const std::optional<std::string> &filter);
+    Outcome read_locked(uint32_t session, bool config_only,
+                        const std::optional<std::string> &filter);
+    // `checked`: whether what the edit writes is held to the session's
+    // access (not for <validate>, which writes nothing).
     Outcome edit_locked(uint32_t session, std::string_view config, DefaultOperation op,
-                        bool test_only);
+                        bool test_only, bool checked = true);
+    // Takes out of the top-level nodes of `holder` what the subject may
+    // not read.
+    void leave_out_unreadable(const nacm::Subject &who, Node &holder) const;
+    std::string user_of(uint32_t session) const;
     // The OpenConfig answer of a read of `kind` through the module, into
     // `answer`: of the native data the module's filter of `filter` selects,
     // or of all of it when `filter` is null.
@@ -140,11 +170,21 @@ private:
     std::vector<PrefixNs> value_prefixes_;
     uint32_t lock_owner_ = 0;
     std::time_t lock_time_ = 0;
+
+    struct SessionUser {
+        std::string user;
+        bool recovery = false;
+    };
+    mutable std::mutex access_mutex_; // the rules and the sessions' users
+    std::shared_ptr<const nacm::Rules> rules_;
+    std::unordered_map<uint32_t, SessionUser> session_users_;
+    std::atomic<uint32_t> denied_operations_{0}, denied_writes_{0};
+
     std::chrono::steady_clock::time_point last_commit_{};
     std::string fold_failure_; // the last one logged, to log each once
     bool stopping_ = false;
     std::condition_variable fold_cv_;
-    std::thread folder_;
+    std::thread folder_; // last: it starts once everything else is made
 };
 
 // How long after the last commit the running configuration's document is

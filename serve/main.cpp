@@ -110,6 +110,13 @@ int main(int argc, char **argv)
                      "one is answered too-big, a message larger than this and 1 MiB too-big and "
                      "the session ends")
         ->type_name("BYTES");
+    server
+        ->add_option("--nacm", so.agent.nacm_file,
+                     "Access control rules (RFC 8341): a <nacm> document of ietf-netconf-acm, "
+                     "read at start and again on SIGHUP; without it every user may do "
+                     "everything. The UNIX socket's sessions of root or the agent's own user "
+                     "are never restricted")
+        ->type_name("FILE");
     server->add_flag("--verbose", so.verbose, "Log sessions and what libnetconf2 says");
     server->footer(
         "The agent serves the running configuration alone (no candidate or startup). An edit\n"
@@ -121,6 +128,9 @@ int main(int argc, char **argv)
         "well-formed XML in UTF-8, holds no element or is no <rpc> is answered\n"
         "malformed-message (operation-failed on a base:1.0 session); broken framing ends the\n"
         "session.\n"
+        "With --nacm, an operation, or an edit of a node, the rules deny is answered\n"
+        "access-denied (naming the user, and the node in error-path), and what a user may\n"
+        "not read is left out of every answer; /nacm shows the rules and counters.\n"
         "Exit status: 0 stopped by a signal; 2 it could not start (one line on stderr says "
         "why).\n"
         "Environment: OCTUNNEL_MODULE (the module), OCTUNNEL_YANG_DIR (the YANG models).");

@@ -371,6 +371,8 @@ private:
         std::string user;
         Transport transport;
         std::string host, port; // none on the UNIX socket
+        // The agent's own administrator, whom access control never holds.
+        bool recovery = false;
         std::shared_ptr<SessionCounters> counters = std::make_shared<SessionCounters>();
     };
 
@@ -484,6 +486,9 @@ nc_server_reply *Server::rpc(lyd_node *rpc, nc_session *session)
     const std::string_view module = rpc->schema->module->name;
     const uint32_t sid = nc_session_get_id(session);
     try {
+        // Access control before anything is done (RFC 8341, 3.4.4).
+        if (auto denied = agent_->authorize(sid, rpc->schema))
+            return reply_errors(ctx, {*denied});
         if (auto reply = handle_request(*agent_, rpc, sid))
             return answer(rpc, reply->outcome, reply->data);
         if (module == "ietf-netconf") {
@@ -576,6 +581,7 @@ void Server::add(nc_session *session, int fd, const Client &from)
     // of it.
     nc_session_set_data(session, from.counters.get());
     const std::time_t login = nc_session_get_start_time(session);
+    agent_->session_began(id, from.user, from.recovery);
     monitor_.started({id, from.user, from.transport, from.host,
                       login != 0 ? login : std::time(nullptr), from.counters});
     log("session " + std::to_string(id) + " of " + user_name(from.user) + " began, " +
@@ -954,7 +960,11 @@ void Server::unix_connection(int client)
             user = found->pw_name;
         else
             user = "uid" + std::to_string(peer.uid);
-        serve_client(side, Client{user, Transport::unix_socket, {}, {}});
+        // The recovery session of RFC 8341 (3.1.1): root, or the user the
+        // agent runs as, on its own socket, which no one else can open.
+        Client from{user, Transport::unix_socket, {}, {}};
+        from.recovery = peer.uid == 0 || peer.uid == geteuid();
+        serve_client(side, from);
     }
     // Forgotten before the socket closes, when its number may go to another.
     unwatch(*id);
@@ -1082,6 +1092,7 @@ int Server::run()
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     try {
@@ -1096,7 +1107,20 @@ int Server::run()
     for (unsigned i = 0; i < std::max(1u, o_.threads); ++i)
         threads.emplace_back([this] { poll_loop(); });
     int signal = 0;
-    sigwait(&signals, &signal);
+    // SIGHUP reads the access control rules again; a file with a fault is
+    // named, and the rules in force stay.
+    while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
+        if (o_.agent.nacm_file.empty()) {
+            log("SIGHUP: no --nacm file to read again");
+            continue;
+        }
+        try {
+            agent_->reload_rules();
+            log("access control rules read again from " + o_.agent.nacm_file);
+        } catch (const std::exception &e) {
+            log("access control rules unchanged: " + one_line(e.what()));
+        }
+    }
     log(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
     stop_ = true;
     sessions_cv_.notify_all();

@@ -94,6 +94,7 @@ def serve_seeds():
         yield f"request-{i}-base11", bytes([1]) + p.chunked(message)
         yield f"request-{i}-base10-bytewise", bytes([0 | 1 << 3]) + p.end_marked(message)
         yield f"request-{i}-locked", bytes([1 | 4]) + p.chunked(message)
+        yield f"request-{i}-held", bytes([1 | 32]) + p.chunked(message)
     # A whole session: its own hello, every request, pipelined.
     stream = p.end_marked(p.hello()) + b"".join(
         p.chunked(p.rpc(body, str(i))) for i, body in enumerate(p.REQUESTS[:-1]))
@@ -119,7 +120,8 @@ def words():
              "urn:ietf:params:netconf:base:1.1", "]]>]]>", "\n#", "\n##\n", "edit-config",
              "get-config", "target", "running", "source", "default-operation",
              "test-option", "test-only", "none", "lock", "unlock", "validate",
-             "close-session", "<!DOCTYPE"}
+             "close-session", "<!DOCTYPE", "nacm", "kill-session", "session-id",
+             "urn:ietf:params:xml:ns:yang:ietf-netconf-acm"}
     for path in glob.glob(os.path.join(ROOT, "src/models/*.ymap")):
         with open(path, encoding="utf-8") as f:
             model = ymapgen.parse(f.read())

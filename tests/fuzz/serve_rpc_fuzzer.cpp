@@ -19,7 +19,11 @@
 // - every answer's data is well-formed XML, every error's tag one of RFC
 //   6241 and its text XML can hold;
 // - the configuration file stays a document the agent reads back, and an
-//   edit that failed or only tested leaves it as it was.
+//   edit that failed or only tested leaves it as it was;
+// - under the access control rules (bit 5), each operation is first
+//   authorized as the server does it, and the session's user, of a group
+//   that may read everything but the tunnels' configured ttl and write
+//   nothing, never changes the configuration file and never reads a <ttl>.
 //
 // The input is one byte of flags, then what the client sends:
 //
@@ -27,6 +31,7 @@
 //   bit 1   the harness says no hello: the input starts with the client's
 //   bit 2   another session holds the lock of the running configuration
 //   bits 3-4 the client's bytes come whole, or 1, 5 or 61 at a time
+//   bit 5   the rules below are in force
 //
 // tools/fuzz_corpus.py writes the seeds in this form; with
 // OCTUNNEL_FUZZ_SHOW set, what the client got goes to stderr.  Built
@@ -71,6 +76,22 @@ const std::string running_seed =
     "<tunnel-ip xmlns=\"http://valmora.com/ns/yang/Valmora-tunnel-gre-cfg\">"
     "<key><value>1007</value></key></tunnel-ip></interface-configuration>"
     "</interface-configurations></data>\n";
+
+// A group that reads all but the tunnels' configured ttl, writes nothing
+// and may not lock.
+const std::string fuzz_rules =
+    "<nacm xmlns=\"urn:ietf:params:xml:ns:yang:ietf-netconf-acm\" "
+    "xmlns:oc-if=\"http://openconfig.net/yang/interfaces\" "
+    "xmlns:oc-tun=\"http://openconfig.net/yang/interfaces/tunnel\">"
+    "<groups><group><name>held</name><user-name>fuzzer</user-name></group></groups>"
+    "<rule-list><name>held</name><group>held</group>"
+    "<rule><name>lock</name><rpc-name>lock</rpc-name><action>deny</action></rule>"
+    "<rule><name>ttl</name><path>/oc-if:interfaces/oc-if:interface/oc-tun:tunnel/oc-tun:config/"
+    "oc-tun:ttl</path><action>deny</action></rule>"
+    "<rule><name>writes</name><access-operations>create update delete</access-operations>"
+    "<action>deny</action></rule>"
+    "<rule><name>reads</name><access-operations>read</access-operations><action>permit</action>"
+    "</rule></rule-list></nacm>";
 
 [[noreturn]] void broken(const std::string &what, std::string_view detail = {})
 {
@@ -285,7 +306,7 @@ std::string framed(std::string_view message, bool chunked)
 
 // libnetconf2's part: parses a message handed on as it does, and answers it
 // with the agent's handlers.
-std::string answer(Agent &agent, const std::string &message, std::size_t seq)
+std::string answer(Agent &agent, const std::string &message, std::size_t seq, bool held)
 {
     Harness &h = harness();
     ly_in *in = nullptr;
@@ -302,7 +323,9 @@ std::string answer(Agent &agent, const std::string &message, std::size_t seq)
         const std::string before = h.running();
         const bool test_only = text_of(param(op, "test-option")) == "test-only";
         const bool edit = std::string_view(LYD_NAME(op)) == "edit-config";
-        if (auto handled = handle_request(agent, op, 1))
+        if (auto denied = agent.authorize(1, op->schema))
+            r.outcome = Outcome::error(*denied);
+        else if (auto handled = handle_request(agent, op, 1))
             r = std::move(*handled);
         else
             r.outcome = failure("operation-not-supported", "not here");
@@ -310,6 +333,8 @@ std::string answer(Agent &agent, const std::string &message, std::size_t seq)
             const std::string after = h.running();
             if ((!r.outcome.ok() || test_only) && after != before)
                 broken("an edit that failed or only tested changed the configuration file");
+            if (held && after != before)
+                broken("a user who may write nothing changed the configuration file");
             if (!after.empty()) {
                 if (!well_formed(after, "data"))
                     broken("the configuration file is no document", after);
@@ -323,6 +348,8 @@ std::string answer(Agent &agent, const std::string &message, std::size_t seq)
     }
     lyd_free_all(envelope);
     lyd_free_all(op);
+    if (held && r.outcome.data.find("<ttl>") != std::string::npos)
+        broken("a user read what the rules hide", r.outcome.data);
     return reply_text(seq, r);
 }
 
@@ -348,7 +375,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
         return -1;
     Harness &h = harness();
     const uint8_t flags = data[0];
-    const bool base11 = flags & 1, own_hello = flags & 2, locked = flags & 4;
+    const bool base11 = flags & 1, own_hello = flags & 2, locked = flags & 4, held = flags & 32;
     const std::size_t piece = std::array<std::size_t, 4>{0, 1, 5, 61}[(flags >> 3) & 3];
     std::string stream(reinterpret_cast<const char *>(data) + 1, size - 1);
     if (!own_hello)
@@ -365,7 +392,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
     o.max_content = max_message;
     static const auto models = std::make_shared<const OpenConfigModels>(OCTUNNEL_YANG_DIR);
     o.models = models;
+    static const auto rules = nacm::parse_rules(models->context(), fuzz_rules, "fuzz rules");
+    if (held)
+        o.rules = rules;
     Agent agent(o, [](const std::string &) {});
+    agent.session_began(1, "fuzzer", false);
     if (locked && !agent.lock(2).ok())
         std::abort();
 
@@ -405,7 +436,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
             broken("the guard handed on broken frames", handed);
         std::string replies;
         for (const std::string &m : f.messages) {
-            replies += framed(answer(agent, m, handed_on.size()), guard.chunked());
+            replies += framed(answer(agent, m, handed_on.size(), held), guard.chunked());
             handed_on.push_back(m);
         }
         out.to_agent.clear();
