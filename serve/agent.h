@@ -66,6 +66,13 @@ struct AgentOptions {
     bool resolve_names = false;
     // The largest <config> or <filter> taken, in bytes; beyond: too-big.
     std::size_t max_content = std::size_t{256} << 20;
+    // The largest operational document read, in bytes.
+    std::size_t max_oper_document = std::size_t{256} << 20;
+    // Log each operational document as it is answered, and as it goes.
+    bool verbose = false;
+    // Called by the reader of operational documents as it begins one
+    // (tests hold it there).
+    std::function<void(const std::string &)> oper_reading;
 };
 
 class Agent {
@@ -105,6 +112,8 @@ public:
     void set_server_state(ServerState state, std::vector<PrefixNs> value_prefixes = {});
 
     const std::string &running_path() const;
+    // The operational data <get> answers from, to be told when it changes.
+    OperationalData &operational() { return oper_; }
 
 private:
     Outcome read_locked(bool config_only, const std::optional<std::string> &filter);

@@ -17,7 +17,7 @@ int main(int argc, char **argv)
     using namespace octunnel;
     serve::ServerOptions so;
     Options serve_options;
-    std::string serve_router_type = "0", serve_max_request;
+    std::string serve_router_type = "0", serve_max_request, serve_max_oper;
     CLI::App app{"A NETCONF agent (RFC 6241, base 1.0 and 1.1) that clients drive in OpenConfig: "
                  "edits go through the module to the native running configuration, reads "
                  "through it to the native configuration and operational data and back.",
@@ -52,8 +52,14 @@ int main(int argc, char **argv)
     server
         ->add_option("--oper-dir", so.agent.oper_dir,
                      "Native operational documents (*.xml, as to-oc reads them) that answer "
-                     "<get>, read again when they change")
+                     "<get>, read again apart from the requests when they change; one not "
+                     "well-formed or unreadable leaves its last version read whole")
         ->type_name("DIR");
+    server
+        ->add_option("--max-oper-document", serve_max_oper,
+                     "The largest operational document read, in bytes (default 256 MiB); a "
+                     "larger one is named in the log and left as last read")
+        ->type_name("BYTES");
     server
         ->add_option("--router-type", serve_router_type,
                      "What the platform answers as its router type (13 refuses IPv6 tunnel "
@@ -78,7 +84,9 @@ int main(int argc, char **argv)
                      "one is answered too-big, a message larger than this and 1 MiB too-big and "
                      "the session ends")
         ->type_name("BYTES");
-    server->add_flag("--verbose", so.verbose, "Log sessions and what libnetconf2 says");
+    server->add_flag("--verbose", so.verbose,
+                     "Log sessions, each operational document as it is read, and what "
+                     "libnetconf2 says");
     server->footer(
         "The agent serves the running configuration alone (no candidate or startup). An edit\n"
         "is checked against the OpenConfig models, applied by RFC 6241's rules to what\n"
@@ -103,10 +111,13 @@ int main(int argc, char **argv)
         so.agent.router_type = parse_number(serve_router_type, "--router-type");
         if (!serve_max_request.empty())
             so.agent.max_content = parse_number(serve_max_request, "--max-request");
+        if (!serve_max_oper.empty())
+            so.agent.max_oper_document = parse_number(serve_max_oper, "--max-oper-document");
     } catch (const std::exception &e) {
         std::cerr << "octunnel: " << e.what() << '\n';
         return exit_unusable;
     }
+    so.agent.verbose = so.verbose;
     so.agent.module_path = Translator::module_path(serve_options);
     so.yang_dir = yang_dir(serve_options);
     return serve::serve(so, std::cerr);
