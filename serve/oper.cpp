@@ -396,40 +396,44 @@ void OperationalData::Reader::look(const std::set<std::string> *names, bool each
     // document named was written again, whatever its version says.
     const bool by_version = names == nullptr;
     if (names == nullptr) {
-        DIR *d = opendir(dir.c_str());
-        if (d == nullptr) {
-            // The documents stand as they were last read.
+        if (DIR *d = opendir(dir.c_str()); d != nullptr) {
+            unlisted = false;
+            while (const dirent *e = readdir(d))
+                if (is_document(e->d_name))
+                    listed.emplace(e->d_name);
+            closedir(d);
+            for (auto it = entries.begin(); it != entries.end();) {
+                if (listed.contains(it->first)) {
+                    ++it;
+                    continue;
+                }
+                gone.push_back(dir + "/" + it->first);
+                it = entries.erase(it);
+            }
+        } else {
+            // The documents known are looked at one by one: those whose
+            // file is gone (the directory with them) go, the others stand
+            // as they were last read.
             if (!unlisted)
                 warn("cannot read the directory " + dir + ": " + std::strerror(errno) +
                      "; <get> answers its documents as they were last read");
             unlisted = true;
-            if (sequence == 0)
-                publish();
-            return;
-        }
-        unlisted = false;
-        while (const dirent *e = readdir(d))
-            if (is_document(e->d_name))
-                listed.emplace(e->d_name);
-        closedir(d);
-        for (auto it = entries.begin(); it != entries.end();) {
-            if (listed.contains(it->first)) {
-                ++it;
-                continue;
-            }
-            gone.push_back(dir + "/" + it->first);
-            it = entries.erase(it);
+            for (const auto &[name, entry] : entries)
+                listed.insert(name);
         }
         names = &listed;
     }
     for (const std::string &name : *names) {
         const std::string path = dir + "/" + name;
         struct stat st {};
-        if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        if (stat(path.c_str(), &st) != 0 ? errno == ENOENT || errno == ENOTDIR
+                                         : !S_ISREG(st.st_mode)) {
             if (entries.erase(name) > 0)
                 gone.push_back(path);
             continue;
         }
+        if (!S_ISREG(st.st_mode))
+            continue; // it cannot be looked at: it stands as it was
         const Version now = Version::of(st);
         auto known = entries.find(name);
         if (by_version && known != entries.end() && known->second.seen == now)

@@ -247,8 +247,9 @@ TEST_F(Oper, VersionsNotTakenLeaveTheLastGoodOne)
     };
     OperationalData oper((dir_ / "oper").string(), log_.sink(), {65536, nullptr, nullptr});
     const std::string answered = [&] {
+        const uint64_t seq = oper.snapshot()->sequence;
         put("t.xml", good);
-        return xml_of(*oper.wait_after(oper.snapshot()->sequence));
+        return xml_of(*oper.wait_after(seq));
     }();
     ASSERT_NE(answered.find("<ttl>255</ttl>"), std::string::npos);
     for (bool in_place : {false, true})
@@ -337,6 +338,41 @@ TEST_F(Oper, ADocumentIsReadWhenItsWriterClosesIt)
     ASSERT_EQ(s->documents.size(), 2u);
     EXPECT_NE(xml_of(*s).find("<ttl>255</ttl>"), std::string::npos);
     EXPECT_EQ(log_.all(), "");
+}
+
+// The first snapshot after `from` with `count` documents.
+std::shared_ptr<const OperationalSnapshot>
+with_documents(const OperationalData &oper, std::shared_ptr<const OperationalSnapshot> from,
+               std::size_t count)
+{
+    while (from->documents.size() != count)
+        from = oper.wait_after(from->sequence);
+    return from;
+}
+
+// A directory not there at the start, or taken away, is looked at every
+// second until it can be watched again; its documents are read as they
+// come, and go with it.
+TEST_F(Oper, TheDirectoryMayComeAndGo)
+{
+    const std::string dir = (dir_ / "later").string();
+    OperationalData oper(dir, log_.sink());
+    auto s = oper.snapshot();
+    EXPECT_EQ(s->documents.size(), 0u);
+    log_.wait("cannot watch " + dir + " for changes (No such file or directory)");
+    log_.wait("cannot read the directory " + dir + ": No such file or directory");
+    fs::create_directory(dir);
+    std::ofstream(dir + "/t.xml") << tunnel_state({{7, 255}});
+    s = with_documents(oper, s, 1);
+    fs::remove_all(dir);
+    s = with_documents(oper, s, 0);
+    fs::create_directory(dir);
+    std::ofstream(dir + "/u.xml") << tunnel_state({{8, 1}});
+    s = with_documents(oper, s, 1);
+    EXPECT_EQ(s->documents[0]->path, dir + "/u.xml");
+    std::ofstream(dir + "/v.xml") << tunnel_state({{9, 1}});
+    s = with_documents(oper, s, 2);
+    EXPECT_NE(xml_of(*s).find("<tid>9</tid>"), std::string::npos);
 }
 
 // Subscribers hear of every publication in order, a document removed
