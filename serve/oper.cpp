@@ -14,6 +14,9 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <map>
 #include <mutex>
 #include <poll.h>
@@ -146,7 +149,14 @@ struct Retirement {
     std::vector<const OperDocument *> pending;
     int wake = -1; // the reader's eventfd; -1 once the reader is gone
     std::thread::id reader;
+    std::size_t freed = 0; // bytes of the documents freed since the memory was last trimmed
 };
+
+// How many bytes of documents freed make the reader hand the memory back
+// to the system: glibc keeps what a thread frees in that thread's arena,
+// so the memory of a large document's last version would otherwise stay
+// with the agent, and a document replaced once would hold twice its size.
+constexpr std::size_t trim_after = std::size_t{16} << 20;
 
 void retire(Retirement &r, const OperDocument *doc)
 {
@@ -160,8 +170,27 @@ void retire(Retirement &r, const OperDocument *doc)
             }
             return;
         }
+        r.freed += doc->bytes;
     }
     delete doc;
+}
+
+// Builds the indexes of a document's large lists before it is shared: a
+// filter finds entries by their keys through them, so the first <get>
+// after a change does not pay for them, and no request builds one in a tree
+// that others may read.  (A parent of more than 8 children has one.)
+void index_lists(const Node &root)
+{
+    std::vector<const Node *> stack{&root};
+    while (!stack.empty()) {
+        const Node *n = stack.back();
+        stack.pop_back();
+        if (n->child_count() > 8)
+            n->find({});
+        for (const auto &kid : n->slots())
+            if (kid)
+                stack.push_back(kid.get());
+    }
 }
 
 std::string seconds(std::chrono::steady_clock::duration d)
@@ -221,6 +250,8 @@ struct OperationalData::Reader {
     bool watch_dir();
     void events(std::set<std::string> &names, bool &all);
     void bury();
+    // Hands the memory of the documents freed back to the system.
+    void trim();
     void look(const std::set<std::string> *names, bool each);
     bool take(const std::string &name, const std::string &path, const Version &listed);
     void publish();
@@ -379,8 +410,27 @@ void OperationalData::Reader::bury()
         std::lock_guard guard(retirement->mutex);
         dead.swap(retirement->pending);
     }
-    for (const OperDocument *doc : dead)
+    std::size_t bytes = 0;
+    for (const OperDocument *doc : dead) {
+        bytes += doc->bytes;
         delete doc;
+    }
+    {
+        std::lock_guard guard(retirement->mutex);
+        retirement->freed += bytes;
+    }
+    trim();
+}
+
+void OperationalData::Reader::trim()
+{
+    std::lock_guard guard(retirement->mutex);
+    if (retirement->freed < trim_after)
+        return;
+    retirement->freed = 0;
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
 }
 
 // Looks at the documents `names` (every document of the directory when
@@ -501,6 +551,7 @@ bool OperationalData::Reader::take(const std::string &name, const std::string &p
                 doc = std::make_unique<OperDocument>();
                 doc->path = path;
                 adopt(doc->tree, read);
+                index_lists(doc->tree.root());
             } catch (const InputError &e) {
                 if (e.line > 0)
                     where += ":" + std::to_string(e.line);
@@ -559,6 +610,7 @@ void OperationalData::Reader::publish()
     // The snapshot before goes here, and the documents only it held with
     // it, unless a request holds it still.
     last.reset();
+    trim();
     std::lock_guard guard(listeners_mutex);
     for (const auto &[id, listener] : listeners)
         listener(now);
