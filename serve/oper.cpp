@@ -513,7 +513,14 @@ void OperationalData::Reader::tell()
 bool OperationalData::Reader::take(const std::string &name, const std::string &path,
                                    const Version &listed)
 {
-    Entry &entry = entries[name];
+    auto [at, fresh] = entries.try_emplace(name);
+    Entry &entry = at->second;
+    // What was not looked at whole is looked at again, as if never seen.
+    auto unseen = [&, at = at, fresh = fresh] {
+        if (fresh)
+            entries.erase(at);
+        return false;
+    };
     const auto began = std::chrono::steady_clock::now();
     std::string where = path, why;
     std::unique_ptr<OperDocument> doc;
@@ -523,7 +530,9 @@ bool OperationalData::Reader::take(const std::string &name, const std::string &p
     // over it meanwhile is the next one read.
     const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     struct stat before {};
-    if (fd < 0) {
+    if (fd < 0 && errno == ENOENT) {
+        return unseen(); // gone since it was looked at: its removal is told next
+    } else if (fd < 0) {
         why = std::string("cannot be read: ") + std::strerror(errno);
     } else if (fstat(fd, &before) != 0 || !S_ISREG(before.st_mode)) {
         why = "is not a regular file";
@@ -567,7 +576,7 @@ bool OperationalData::Reader::take(const std::string &name, const std::string &p
             const bool torn = fstat(fileno(file), &after) != 0 || !(Version::of(after) == version);
             std::fclose(file);
             if (torn)
-                return false;
+                return unseen();
             if (doc && !passed.empty())
                 warn(path + ": " + passed);
         }
