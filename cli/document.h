@@ -39,6 +39,8 @@ class Input {
 public:
     // Throws std::runtime_error naming a file that cannot be opened.
     explicit Input(const std::string &file, std::size_t limit = max_document_bytes);
+    // A file opened already, which the Input reads but does not close.
+    Input(std::FILE *file, std::size_t limit) : file_(file), buffer_(piece), limit_(limit) {}
     // A document in memory, which must outlive the Input.
     Input(std::string_view text, std::size_t limit);
     ~Input();

@@ -255,7 +255,8 @@ std::string prepare(const AgentOptions &o)
 Agent::Agent(const AgentOptions &o, std::function<void(const std::string &)> log)
     : options_(o), log_(std::move(log)), module_(&translator_.module(o.module_path)),
       models_ptr_(o.models ? o.models : std::make_shared<const OpenConfigModels>(o.yang_dir)),
-      models_(*models_ptr_), running_(prepare(o)), oper_(o.oper_dir, log_)
+      models_(*models_ptr_), running_(prepare(o)),
+      oper_(o.oper_dir, log_, {o.max_oper_document, o.verbose ? log_ : nullptr, o.oper_reading})
 {
     yfwhost::set_router_type(static_cast<int>(o.router_type));
     yfwhost::set_resolve_names(o.resolve_names);
@@ -594,9 +595,13 @@ Outcome Agent::read_locked(uint32_t session, bool config_only,
 std::optional<RpcError> Agent::read_oc(uint32_t kind, const Document *filter, Tree &answer)
 {
     std::vector<const Node *> data{&running_.tree().root()};
-    if (kind == YFW_MAP_REQ_GET)
-        for (const Node *holder : oper_.current())
-            data.push_back(holder);
+    // <get> answers from the operational documents as they were last read
+    // whole, held to the end of the read however the reader moves on.
+    std::shared_ptr<const OperationalSnapshot> oper;
+    if (kind == YFW_MAP_REQ_GET) {
+        oper = oper_.snapshot();
+        data.insert(data.end(), oper->holders.begin(), oper->holders.end());
+    }
 
     // The native filter the module makes of the client's.  No filter, or
     // <interfaces/> alone, reads everything: the module would make an empty

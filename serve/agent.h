@@ -77,6 +77,13 @@ struct AgentOptions {
     std::string nacm_file;
     // Or the rules themselves (tests); nacm_file is read over them.
     std::shared_ptr<const nacm::Rules> rules;
+    // The largest operational document read, in bytes.
+    std::size_t max_oper_document = std::size_t{256} << 20;
+    // Log each operational document as it is answered, and as it goes.
+    bool verbose = false;
+    // Called by the reader of operational documents as it begins one
+    // (tests hold it there).
+    std::function<void(const std::string &)> oper_reading;
 };
 
 class Agent {
@@ -131,6 +138,8 @@ public:
     void set_server_state(ServerState state, std::vector<PrefixNs> value_prefixes = {});
 
     const std::string &running_path() const;
+    // The operational data <get> answers from, to be told when it changes.
+    OperationalData &operational() { return oper_; }
 
 private:
     Outcome read_locked(uint32_t session, bool config_only,

@@ -18,7 +18,8 @@ int main(int argc, char **argv)
     using namespace octunnel;
     serve::ServerOptions so;
     Options serve_options;
-    std::string serve_router_type = "0", serve_max_request, serve_startups, serve_penalty;
+    std::string serve_router_type = "0", serve_max_request, serve_max_oper, serve_startups,
+                serve_penalty;
     unsigned serve_per_source = so.admission.per_source;
     CLI::App app{"A NETCONF agent (RFC 6241, base 1.0 and 1.1) that clients drive in OpenConfig: "
                  "edits go through the module to the native running configuration, reads "
@@ -79,8 +80,14 @@ int main(int argc, char **argv)
     server
         ->add_option("--oper-dir", so.agent.oper_dir,
                      "Native operational documents (*.xml, as to-oc reads them) that answer "
-                     "<get>, read again when they change")
+                     "<get>, read again apart from the requests when they change; one not "
+                     "well-formed or unreadable leaves its last version read whole")
         ->type_name("DIR");
+    server
+        ->add_option("--max-oper-document", serve_max_oper,
+                     "The largest operational document read, in bytes (default 256 MiB); a "
+                     "larger one is named in the log and left as last read")
+        ->type_name("BYTES");
     server
         ->add_option("--router-type", serve_router_type,
                      "What the platform answers as its router type (13 refuses IPv6 tunnel "
@@ -117,7 +124,9 @@ int main(int argc, char **argv)
                      "everything. The UNIX socket's sessions of root or the agent's own user "
                      "are never restricted")
         ->type_name("FILE");
-    server->add_flag("--verbose", so.verbose, "Log sessions and what libnetconf2 says");
+    server->add_flag("--verbose", so.verbose,
+                     "Log sessions, each operational document as it is read, and what "
+                     "libnetconf2 says");
     server->footer(
         "The agent serves the running configuration alone (no candidate or startup). An edit\n"
         "is checked against the OpenConfig models, applied by RFC 6241's rules to what\n"
@@ -154,6 +163,8 @@ int main(int argc, char **argv)
         so.admission.per_source = serve_per_source;
         if (!serve_penalty.empty())
             so.admission.penalty = serve::parse_seconds(serve_penalty, "--login-penalty");
+        if (!serve_max_oper.empty())
+            so.agent.max_oper_document = parse_number(serve_max_oper, "--max-oper-document");
     } catch (const std::exception &e) {
         std::cerr << "octunnel: " << e.what() << '\n';
         return exit_unusable;
@@ -168,6 +179,7 @@ int main(int argc, char **argv)
             return exit_unusable;
         }
     }
+    so.agent.verbose = so.verbose;
     so.agent.module_path = Translator::module_path(serve_options);
     so.yang_dir = yang_dir(serve_options);
     return serve::serve(so, std::cerr);

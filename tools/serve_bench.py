@@ -11,9 +11,15 @@ has ncclient and paramiko):
 - a whole configuration: an <edit-config> of N interfaces (default 10,000,
   from tools/gendoc.py) into an empty configuration, then a <get-config>
   without filter and a <get> with N interfaces' operational data, each timed
-  whole, with the agent's peak memory.
+  whole, with the agent's peak memory;
+- requests while an operational document of M interfaces (default 100,000)
+  is read: single-leaf <get-config> and filtered <get> round trips, one after
+  the other, from the moment the document is renamed into --oper-dir until
+  the agent says it answers it; first into a directory without it, then
+  replacing it with a second version, so that the <get>s run over the first.
 
     serve_bench.py OCTUNNEL [--requests 1000] [--interfaces 10000]
+                   [--oper-interfaces 100000]
 
 Times are wall-clock times as the client sees them, from sending the
 request to having parsed the reply.
@@ -29,6 +35,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 import paramiko
@@ -46,7 +53,7 @@ def free_port():
         return s.getsockname()[1]
 
 
-def start(octunnel, work, oper=None, client=True):
+def start(octunnel, work, oper=None, client=True, extra=()):
     users = os.path.join(work, "users")
     with open(users, "w", encoding="utf-8") as f:
         hashed = subprocess.run(["openssl", "passwd", "-6", "bench"], check=True,
@@ -57,7 +64,7 @@ def start(octunnel, work, oper=None, client=True):
             f"127.0.0.1:{port}", "--users", users]
     if oper:
         args += ["--oper-dir", oper]
-    proc = subprocess.Popen(args, stderr=subprocess.PIPE, text=True)
+    proc = subprocess.Popen(args + list(extra), stderr=subprocess.PIPE, text=True)
     for line in proc.stderr:
         if "running configuration in" in line:
             break
@@ -168,6 +175,68 @@ def rss_mib(proc):
     return 0.0
 
 
+def while_reading(octunnel, work, n):
+    """Round trips while a document of `n` interfaces is read, twice: into
+    a directory without it, then over its first version."""
+    oper = os.path.join(work, "oper-read")
+    os.makedirs(oper)
+    doc = os.path.join(work, "state-doc.xml")
+    with open(doc, "w", encoding="utf-8") as f:
+        subprocess.run([sys.executable, os.path.join(TOOLS, "gendoc.py"), "oper", str(n), "xml"],
+                       check=True, stdout=f)
+    size = os.path.getsize(doc)
+    os.makedirs(os.path.join(work, "reading"))
+    proc, port = start(octunnel, os.path.join(work, "reading"), oper, client=False,
+                       extra=["--verbose", "--max-oper-document", str(size + 1)])
+    said, lines = threading.Condition(), []
+
+    def drain():
+        for line in proc.stderr:
+            with said:
+                lines.append(line)
+                said.notify_all()
+
+    threading.Thread(target=drain, daemon=True).start()
+    raw = Raw(port)
+    raw.rpc(leaf_edit(1, envelope=False))
+    get_config = ("<get-config><source><running/></source><filter type=\"subtree\">"
+                  + LEAF_FILTER + "</filter></get-config>")
+    get = ('<get><filter type="subtree">'
+           + LEAF_FILTER.replace("<config><ttl/></config>", "<state><ttl/></state>")
+           + "</filter></get>")
+    rows = []
+    for version in (1, 2):
+        if version == 2:
+            with open(doc, "w", encoding="utf-8") as f:
+                f.write(text.replace("<mtu>1476</mtu>", "<mtu>1400</mtu>"))
+        else:
+            with open(doc, encoding="utf-8") as f:
+                text = f.read()
+        read = os.path.join(oper, "state.xml") + ": read, "
+        rename = time.perf_counter()
+        os.rename(doc, os.path.join(oper, "state.xml"))
+        pairs = []
+        while True:
+            with said:
+                if sum(read in line for line in lines) >= version:
+                    break
+            pairs.append(timed(lambda: raw.rpc(get_config)))
+            pairs.append(timed(lambda: raw.rpc(get)))
+        rows.append((version, time.perf_counter() - rename, len(pairs)) + percentiles(pairs))
+    raw.close()
+    peak = stop(proc)
+    print()
+    print("| while a document of %d interfaces (%d bytes) is read | s | requests answered "
+          "meanwhile | median ms | p99 ms |" % (n, size))
+    print("| --- | ---: | ---: | ---: | ---: |")
+    for version, took, count, median, p99 in rows:
+        print("| %s | %.2f | %d | %.2f | %.2f |"
+              % ("first version, into an empty directory" if version == 1
+                 else "second version, the <get>s over the first", took, count, median, p99))
+    print()
+    print("agent peak RSS %.0f MiB" % peak)
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("octunnel")
@@ -175,6 +244,7 @@ def main():
     ap.add_argument("--interfaces", type=int, default=10000)
     ap.add_argument("--sizes", default="100,10000,100000",
                     help="configuration sizes (interfaces) for single-leaf edits, comma-separated")
+    ap.add_argument("--oper-interfaces", type=int, default=100000)
     a = ap.parse_args()
     work = tempfile.mkdtemp(prefix="octunnel-serve-bench-")
     try:
@@ -243,6 +313,7 @@ def main():
               % (t_get, len(reply[1].xml)))
         print()
         print("native running configuration: %d bytes; agent peak RSS %.0f MiB" % (size, peak))
+        while_reading(a.octunnel, work, a.oper_interfaces)
     finally:
         shutil.rmtree(work, ignore_errors=True)
 

@@ -1,7 +1,10 @@
 """Reads through the agent: subtree filters select exactly what they name,
-<get> adds the native operational documents, read again when they change."""
+<get> adds the native operational documents, read again apart from the
+requests when they change.  With --verbose the agent says when a document is
+answered; the tests wait for that, never on a clock."""
 
 import os
+import re
 import shutil
 import tempfile
 
@@ -56,11 +59,16 @@ def test_subtree_filters_select_exactly_what_they_name():
         assert (e.tag, e.info.count("urn:example:system")) == ("unknown-namespace", 1), e.info
 
 
+def answered(oper, name):
+    """What the agent says once the document `name` of `oper` is answered."""
+    return f"{os.path.join(oper, name)}: read, "
+
+
 def test_get_adds_operational_data_and_sees_it_change():
     oper = tempfile.mkdtemp(prefix="octunnel-oper-")
     try:
         shutil.copy(source("examples", "tunnel-state.xml"), os.path.join(oper, "tunnels.xml"))
-        with seeded("--oper-dir", oper) as (agent, m):
+        with seeded("--oper-dir", oper, "--verbose") as (agent, m):
             got = leaves(m.get())
             # Configuration and state of one interface in one entry.
             assert {f"{T12}/tunnel/config/ttl=64", f"{T12}/tunnel/state/ttl=64",
@@ -73,13 +81,15 @@ def test_get_adds_operational_data_and_sees_it_change():
                 "/interfaces/interface[tunnel-ip7]/name=tunnel-ip7",
                 "/interfaces/interface[tunnel-ip7]/tunnel/state/ttl=255"}
 
-            # The document changes: the next <get> says so.  A document that
-            # is not one is passed over, and said so in the log.
+            # The document changes: the next <get> once it is read says so.
+            # A document that is not one is passed over, and said so in the
+            # log.
             with open(os.path.join(oper, "tunnels.xml"), "w", encoding="utf-8") as f:
                 f.write(read(source("examples", "tunnel-state.xml")).replace(
                     "<ttl>255</ttl>", "<ttl>17</ttl>"))
             with open(os.path.join(oper, "broken.xml"), "w", encoding="utf-8") as f:
                 f.write("<tunnel-ip-ma")
+            agent.wait_log(answered(oper, "tunnels.xml"), 2)
             got = leaves(m.get())
             assert {"/interfaces/interface[tunnel-ip7]/tunnel/state/ttl=17",
                     f"{T12}/tunnel/config/ttl=64"} <= got
@@ -103,7 +113,7 @@ def test_operational_documents_that_give_nothing_are_named_and_change_nothing():
 
     try:
         put("tunnels.xml", state)
-        with seeded("--oper-dir", oper) as (agent, m):
+        with seeded("--oper-dir", oper, "--verbose") as (agent, m):
             want = leaves(m.get())
             assert f"{T12}/tunnel/config/ttl=64" in want
             put("config.xml", other_cfg)
@@ -112,7 +122,8 @@ def test_operational_documents_that_give_nothing_are_named_and_change_nothing():
                               'ip-ma-oper"><base><tid>12</tid></base></tunnel-ip-ma>')
             for _ in range(2):
                 assert leaves(m.get()) == want
-            # Each named once, with why, for as long as it does not change.
+            # Each named once, with why, for as long as it does not change
+            # (and once more when read, with --verbose).
             for name, why in (
                     ("config.xml", "nothing of it is read: its root <interface-configurations> "
                      "in namespace 'http://valmora.com/ns/yang/Valmora-ifmgr-cfg' is native "
@@ -122,7 +133,8 @@ def test_operational_documents_that_give_nothing_are_named_and_change_nothing():
                      "model the module reads"),
                     ("hollow.xml", "holds no leaf of the model the module reads")):
                 agent.wait_log(f"{os.path.join(oper, name)}: ")
-                assert "".join(agent.log).count(os.path.join(oper, name)) == 1, agent.log
+                assert "".join(agent.log).count(os.path.join(oper, name) + ": ") - "".join(
+                    agent.log).count(answered(oper, name)) == 1, agent.log
                 assert why in "".join(agent.log), (why, agent.log)
 
             # Operational data beside a configuration in one document: the
@@ -131,9 +143,46 @@ def test_operational_documents_that_give_nothing_are_named_and_change_nothing():
             put("tunnels.xml", state.replace("</data>", other_cfg.split("<data", 1)[1]
                                              .split(">", 1)[1]).replace("<ttl>255</ttl>",
                                                                          "<ttl>17</ttl>"))
+            agent.wait_log(answered(oper, "tunnels.xml"), 2)
             got = leaves(m.get())
             assert got == {leaf.replace("state/ttl=255", "state/ttl=17") for leaf in want}, \
                 got ^ want
             agent.wait_log("tunnels.xml: partly read: its root <interface-configurations>")
+    finally:
+        shutil.rmtree(oper)
+
+
+def test_a_version_not_read_whole_leaves_the_last_one():
+    """A document written again half-way, or larger than --max-oper-document,
+    is named in the log, and <get> answers its last version read whole; what
+    comes whole afterwards is answered."""
+    oper = tempfile.mkdtemp(prefix="octunnel-oper-")
+    state = read(source("examples", "tunnel-state.xml"))
+    path = os.path.join(oper, "tunnels.xml")
+
+    def put(text):
+        with open(path, "w", encoding="utf-8") as f:
+            f.write(text)
+
+    try:
+        put(state)
+        bound = len(state.encode()) + 100
+        with seeded("--oper-dir", oper, "--max-oper-document", str(bound),
+                    "--verbose") as (agent, m):
+            want = leaves(m.get())
+            assert f"{T12}/tunnel/state/ttl=64" in want, want
+            kept = "; <get> answers its last version read whole"
+            put(state[:len(state) // 2])
+            agent.wait_log(kept)
+            assert re.search(re.escape(path) + r":\d+: malformed XML: .*" + kept,
+                             "".join(agent.log)), agent.log
+            assert leaves(m.get()) == want
+            put(state + "<!--" + " " * 200 + "-->")
+            agent.wait_log(f"{path}: is {bound + 107} bytes, more than the {bound} the agent "
+                           "reads of an operational document (--max-oper-document)" + kept)
+            assert leaves(m.get()) == want
+            put(state.replace("<ttl>64</ttl>", "<ttl>65</ttl>"))
+            agent.wait_log(answered(oper, "tunnels.xml"), 2)
+            assert leaves(m.get()) == {w.replace("state/ttl=64", "state/ttl=65") for w in want}
     finally:
         shutil.rmtree(oper)
