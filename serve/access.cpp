@@ -103,6 +103,13 @@ std::string bad_hash(const std::string &hash)
     case CRYPT_SALT_OK:
         break;
     case CRYPT_SALT_METHOD_LEGACY:
+        // SHA-256 crypt is SHA-512 crypt's twin (the same rounds and
+        // design), listed legacy by some builds of libxcrypt only as it is
+        // not their default: a users file made with 'openssl passwd -5'
+        // keeps working.
+        if (hash.starts_with("$5$"))
+            break;
+        [[fallthrough]];
     case CRYPT_SALT_TOO_CHEAP:
         return "the hash is of a weak method (" + method_of(hash) +
                ", which libxcrypt calls legacy): make it again with 'openssl passwd -6' or "

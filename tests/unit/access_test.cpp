@@ -84,6 +84,11 @@ TEST(Users, RefuseWeakHashesAndMalformedLinesNamingTheLine)
         EXPECT_EQ(said.find(good.substr(good.rfind('$'))), std::string::npos)
             << "the message shows the hash: " << said;
     }
+    // The strong methods are taken, SHA-256 crypt among them.
+    for (const char *method : {"$6$", "$5$", "$y$", "$2b$"}) {
+        const std::string file = file_of("users-good", std::string("bob:") + hash_of(method, "x"));
+        EXPECT_EQ(refusal_of([&] { Users::read(file); }), "") << method;
+    }
     const std::string twice = file_of("users-twice", "bob:" + good + "\nbob:" + good + "\n");
     EXPECT_NE(refusal_of([&] { Users::read(twice); }).find(":2: user 'bob' is given twice"),
               std::string::npos);
