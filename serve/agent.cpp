@@ -298,7 +298,18 @@ void Agent::fold_loop()
             continue;
         }
         try {
-            running_.fold();
+            // Requests go on while the document is written: only taking it
+            // as it stands holds them up.
+            auto [text, through] = running_.snapshot();
+            guard.unlock();
+            try {
+                running_.write_document(text);
+            } catch (...) {
+                guard.lock();
+                throw;
+            }
+            guard.lock();
+            running_.folded(through, text.size());
             fold_failure_.clear();
         } catch (const std::exception &e) {
             // Tried again after as long again; the commits stand in the log.
@@ -580,14 +591,17 @@ Outcome Agent::read_locked(uint32_t session, bool config_only,
         if (server_state)
             leave_out_unreadable(who, state.root());
     }
-    const uint64_t oc_pass = filter ? select(oc_filter.root(), answers) : 0;
+    std::optional<Selection> selected;
+    if (filter)
+        selected = select(oc_filter.root(), answers);
+    const Selection *selection = selected ? &*selected : nullptr;
     Outcome out;
     out.data = "\n"; // the answer's first element on a line of its own
     XmlSink sink(out.data);
-    write(answer.root(), sink, config_only ? Prune::state : Prune::nothing, oc_pass);
+    write(answer.root(), sink, config_only ? Prune::state : Prune::nothing, selection);
     if (server_state) {
         XmlSink state_sink(out.data, 0, {}, value_prefixes_);
-        write(state.root(), state_sink, Prune::nothing, oc_pass);
+        write(state.root(), state_sink, Prune::nothing, selection);
     }
     return out;
 }
@@ -634,9 +648,11 @@ std::optional<RpcError> Agent::read_oc(uint32_t kind, const Document *filter, Tr
     // The native data that answers the native filter, as the module's
     // walkers take it.
     HostSink native;
-    const uint64_t pass = whole ? 0 : select(native_filter.root(), data);
+    std::optional<Selection> selected;
+    if (!whole)
+        selected = select(native_filter.root(), data);
     for (const Node *holder : data)
-        write(*holder, native, Prune::nothing, pass);
+        write(*holder, native, Prune::nothing, selected ? &*selected : nullptr);
     Document doc = native.finish();
     std::vector<vidl_yfw_datatree *> roots;
     for (vidl_yfw_datatree *root : doc.roots)

@@ -601,8 +601,13 @@ void Datastore::commit(std::vector<CommitLog::Edit> edits)
         return;
     // The commit stands; the document is written again another time if it
     // cannot be now, once the log has grown as much again.
+    std::unique_lock writing(writing_, std::try_to_lock);
+    if (!writing.owns_lock())
+        return; // being written: it catches up with the log when it can
     try {
-        fold();
+        const std::string text = document();
+        write_durably(path_, text);
+        folded(number_, text.size());
     } catch (const std::exception &) {
         fold_at_ = 2 * log_->size();
     }
@@ -615,10 +620,23 @@ std::string Datastore::document() const
 
 void Datastore::fold()
 {
+    std::lock_guard writing(writing_);
     const std::string text = document();
     write_durably(path_, text);
-    log_->clear();
-    fold_at_ = std::max<uint64_t>(1u << 20, text.size());
+    folded(number_, text.size());
+}
+
+void Datastore::write_document(const std::string &text)
+{
+    std::lock_guard writing(writing_);
+    write_durably(path_, text);
+}
+
+void Datastore::folded(uint64_t through, std::size_t document_size)
+{
+    if (through == number_)
+        log_->clear();
+    fold_at_ = std::max<uint64_t>(1u << 20, document_size);
 }
 
 Datastore::Change::Change(Datastore &store) : store_(store), journal_(std::make_unique<Journal>())

@@ -8,6 +8,7 @@
 #include "tree.h"
 
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 
@@ -95,6 +96,18 @@ public:
     // The document as fold() writes it.
     std::string document() const;
 
+    // fold() in three steps, so that the long one, writing the document,
+    // needs nothing else of the datastore and may run while it takes
+    // commits: the document as it stands and the commit it holds through;
+    // then write_document() of them, on any thread; then folded() with the
+    // commit, which starts the log again unless commits came meanwhile (the
+    // log then keeps them, and those the document holds are passed over at
+    // start by their numbers).  One document is written at a time: a commit
+    // that outgrows the log while one is written leaves it to that one.
+    std::pair<std::string, uint64_t> snapshot() const { return {document(), number_}; }
+    void write_document(const std::string &text);
+    void folded(uint64_t through, std::size_t document_size);
+
 private:
     friend class Change;
     // Logs a change of `edits` as the next commit.
@@ -103,6 +116,7 @@ private:
     Tree tree_;
     std::string path_;
     std::unique_ptr<CommitLog> log_;
+    std::mutex writing_;          // of the document
     uint64_t number_ = 0;         // of the last commit
     uint64_t fold_at_ = 1u << 20; // the log's size that makes a commit fold
 };

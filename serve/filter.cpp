@@ -2,6 +2,7 @@
 
 #include "monitor.h"
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <unordered_map>
@@ -43,11 +44,12 @@ bool keyed(const Node &f)
     return true;
 }
 
-void mark(const Node &d, uint64_t pass, uint8_t level)
+void mark(const Node &d, Selection &s, uint8_t level)
 {
-    if (d.mark_pass != pass) {
-        d.mark_pass = pass;
+    if (d.mark_pass != s.pass) {
+        d.mark_pass = s.pass;
         d.mark = level;
+        s.marked[d.parent()].push_back(&d);
     } else if (d.mark < level) {
         d.mark = level;
     }
@@ -77,26 +79,24 @@ std::span<const std::string_view> keys_of(const Node &d)
 
 // A list entry in an answer holds its keys, whatever the filter selected
 // in it: data has no entry without them.
-void mark_partly(const Node &d, uint64_t pass)
+void mark_partly(const Node &d, Selection &s)
 {
-    mark(d, pass, 1);
+    mark(d, s, 1);
     for (std::string_view key : keys_of(d))
         if (const Node *k = d.child(key); k != nullptr)
-            mark(*k, pass, 2);
+            mark(*k, s, 2);
 }
 
-// The children of a data node by tag, gathered once for a node with many.
+// The children of a data node by tag, gathered for a node with many the
+// first time a filter element names them other than by all the keys of an
+// entry: an entry named by its keys is found through the node's index.
 class Children {
 public:
     void reset(const Node &d)
     {
         d_ = &d;
         by_tag_.clear();
-        if (d.child_count() <= 8)
-            return;
-        for (const auto &k : d.slots())
-            if (k)
-                by_tag_[k->tag()].push_back(k.get());
+        gathered_ = false;
     }
 
     // Calls `each` with every child that `f` names, in order.
@@ -113,6 +113,12 @@ public:
                     each(*k);
             return;
         }
+        if (!gathered_) {
+            for (const auto &k : d_->slots())
+                if (k)
+                    by_tag_[k->tag()].push_back(k.get());
+            gathered_ = true;
+        }
         auto it = by_tag_.find(f.tag());
         if (it == by_tag_.end())
             return;
@@ -123,7 +129,10 @@ public:
 
 private:
     const Node *d_ = nullptr;
-    std::unordered_map<std::string_view, std::vector<const Node *>> by_tag_;
+    // Gathered on the first lookup that needs them: a lookup is logically
+    // const.
+    mutable bool gathered_ = false;
+    mutable std::unordered_map<std::string_view, std::vector<const Node *>> by_tag_;
 };
 
 // One data node under evaluation against the children of one filter node.
@@ -139,7 +148,7 @@ struct Frame {
 
 class Evaluation {
 public:
-    explicit Evaluation(uint64_t pass) : pass_(pass) {}
+    explicit Evaluation(Selection &selection) : s_(selection) {}
 
     // Whether the children of `f` select anything in `d`; marks it.
     bool run(const Node &f, const Node &d)
@@ -161,7 +170,7 @@ public:
             // Every containment element of this level is done.
             const bool selected = top.any;
             if (selected)
-                mark_partly(*top.d, pass_);
+                mark_partly(*top.d, s_);
             --depth_;
             if (depth_ == 0)
                 return selected;
@@ -213,7 +222,7 @@ private:
         }
         if (!others) {
             // Content matches alone: the node with all it holds.
-            mark(d, pass_, 2);
+            mark(d, s_, 2);
             --depth_;
             selected = true;
             return false;
@@ -228,12 +237,12 @@ private:
                 // something of its selections or containments.
                 fr.children.named(c, [&](const Node &k) {
                     if (k.has_value() && k.value() == c.value())
-                        mark(k, pass_, 2);
+                        mark(k, s_, 2);
                 });
                 break;
             case Role::selection:
                 fr.children.named(c, [&](const Node &k) {
-                    mark(k, pass_, 2);
+                    mark(k, s_, 2);
                     fr.any = true;
                 });
                 break;
@@ -246,26 +255,31 @@ private:
             return true;
         selected = fr.any;
         if (selected)
-            mark_partly(d, pass_);
+            mark_partly(d, s_);
         --depth_;
         return false;
     }
 
-    uint64_t pass_;
+    Selection &s_;
     std::deque<Frame> frames_; // frames stay where they are as it grows
     std::size_t depth_ = 0;
 };
 
 } // namespace
 
-uint64_t select(const Node &filter, std::span<const Node *const> data)
+Selection select(const Node &filter, std::span<const Node *const> data)
 {
-    const uint64_t pass = ++passes;
-    Evaluation evaluation(pass);
+    Selection selection;
+    selection.pass = ++passes;
+    Evaluation evaluation(selection);
     for (const Node *holder : data)
         if (filter.child_count() > 0)
             evaluation.run(filter, *holder);
-    return pass;
+    // In the order of the data, as they are written.
+    for (auto &[parent, kids] : selection.marked)
+        std::sort(kids.begin(), kids.end(),
+                  [](const Node *a, const Node *b) { return a->slot() < b->slot(); });
+    return selection;
 }
 
 } // namespace octunnel::serve

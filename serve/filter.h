@@ -5,8 +5,18 @@
 
 #include <cstdint>
 #include <span>
+#include <unordered_map>
+#include <vector>
 
 namespace octunnel::serve {
+
+// What a filter selected: the pass its marks on the nodes carry, and the
+// children marked under each node, so that writing it visits those alone
+// however many children their parent holds.
+struct Selection {
+    uint64_t pass = 0;
+    std::unordered_map<const Node *, std::vector<const Node *>> marked;
+};
 
 // Marks what the filter whose top-level nodes `filter` holds selects among
 // the top-level nodes of each of `data`, by the RFC's rules:
@@ -24,9 +34,10 @@ namespace octunnel::serve {
 //
 // A list entry that something in it is selected from holds its keys.
 // Several filter elements that select the same data select it once.
-// Returns the pass to hand to write(), which writes what was marked, in the
-// order of the data.  Lists whose keys all come as content matches are found
-// through their parent's index.  Does not recurse.
-uint64_t select(const Node &filter, std::span<const Node *const> data);
+// Returns the selection to hand to write(), which writes what was marked, in
+// the order of the data.  Lists whose keys all come as content matches are
+// found through their parent's index: the cost follows what the filter
+// names, not the data.  Does not recurse.
+Selection select(const Node &filter, std::span<const Node *const> data);
 
 } // namespace octunnel::serve

@@ -1,5 +1,6 @@
 #include "tree.h"
 
+#include "filter.h"
 #include "octunnel/yfw_namespaces.h"
 #include "xml_io.h"
 #include "yang_names.h"
@@ -279,38 +280,41 @@ Document read_xml(std::string_view text, std::size_t limit)
 
 // ---------------------------------------------------------------- writing
 
-void write(const Node &holder, Sink &sink, Prune prune, uint64_t pass)
+void write(const Node &holder, Sink &sink, Prune prune, const Selection *selection)
 {
-    // A node goes out when the filter pass marked it (1: on the way to
-    // what it selected, 2: with all it holds), or when there is no pass.
+    // A node goes out with all it holds when the selection marked it so (2),
+    // or when there is no selection; one marked on the way to what was
+    // selected (1) goes out with its marked children alone.
+    static const std::vector<const Node *> none;
     struct Step {
         const Node *node;
         std::size_t next;
-        bool whole; // everything below goes out
+        const std::vector<const Node *> *marked; // null: all it holds
     };
-    std::vector<Step> stack{{&holder, 0, pass == 0}};
+    auto marked_under = [&](const Node &n) {
+        auto it = selection->marked.find(&n);
+        return it == selection->marked.end() ? &none : &it->second;
+    };
+    std::vector<Step> stack{{&holder, 0, selection ? marked_under(holder) : nullptr}};
     while (!stack.empty()) {
         Step &s = stack.back();
-        const auto &kids = s.node->slots();
-        if (s.next == kids.size()) {
+        const std::size_t count = s.marked ? s.marked->size() : s.node->slots().size();
+        if (s.next == count) {
             if (stack.size() > 1)
                 sink.close(*s.node);
             stack.pop_back();
             continue;
         }
-        const Node *k = kids[s.next++].get();
+        const Node *k = s.marked ? (*s.marked)[s.next++] : s.node->slots()[s.next++].get();
         if (k == nullptr)
             continue;
-        bool whole = s.whole;
-        if (!whole) {
-            if (k->mark_pass != pass || k->mark == 0)
-                continue;
-            whole = k->mark == 2;
-        }
+        const std::vector<const Node *> *below = nullptr;
+        if (s.marked && k->mark != 2)
+            below = marked_under(*k);
         if (prune == Prune::state && models().state(k->place()))
             continue;
         sink.open(*k);
-        stack.push_back({k, 0, whole});
+        stack.push_back({k, 0, below});
     }
 }
 

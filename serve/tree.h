@@ -160,9 +160,12 @@ public:
 // What a write leaves out: nodes of an OpenConfig `state` container.
 enum class Prune { nothing, state };
 
-// Writes the top-level nodes of `tree` to `sink` in order; with marks of a
-// filter pass, only what the filter selected (filter.h).
-void write(const Node &holder, Sink &sink, Prune prune = Prune::nothing, uint64_t pass = 0);
+struct Selection;
+
+// Writes the top-level nodes of `tree` to `sink` in order; given a filter's
+// selection, only what it selected (filter.h).
+void write(const Node &holder, Sink &sink, Prune prune = Prune::nothing,
+           const Selection *selection = nullptr);
 
 // The host's tree of what a sink is given, as the module's walkers take it.
 class HostSink final : public Sink {
