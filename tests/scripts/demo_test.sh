@@ -2,8 +2,9 @@
 # scripts/demo.sh as a newcomer sees it, on a tree the tests built already
 # (so that the tests do not build the tool twice): every step named in
 # order as it begins, the build's progress shown, the whole time printed,
-# the translation alone on standard output, exit 0; and a step that fails
-# named, with exit 1 and nothing on standard output.
+# the translation alone on standard output, exit 0; a step that fails
+# named, with exit 1 and nothing on standard output; and a set of packages
+# that install-deps.sh does not have refused.
 #
 #   demo_test.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
@@ -38,4 +39,9 @@ OCTUNNEL_DEMO_BUILD=$tmp/empty "$src/scripts/demo.sh" >"$tmp/out" 2>"$tmp/err" |
 [ ! -s "$tmp/out" ] || fail "demo.sh wrote to stdout though it failed"
 grep -q "^demo: failed at step 2 (configuring)" "$tmp/err" || fail "the failed step is not named: $(cat "$tmp/err")"
 grep -q "$tmp/empty is not a configured build tree" "$tmp/err" || fail "the tree is not named"
+# A set of packages install-deps.sh does not know is named, exit 2.
+status=0
+"$src/scripts/install-deps.sh" frob >"$tmp/out" 2>"$tmp/err" || status=$?
+[ "$status" -eq 2 ] || fail "install-deps.sh frob exited $status, not 2"
+grep -q "unknown set 'frob'" "$tmp/err" || fail "install-deps.sh does not name the set: $(cat "$tmp/err")"
 echo "demo.sh: steps, progress, time and translation as promised"
