@@ -1,27 +1,54 @@
 #!/usr/bin/env bash
-# Installs, from Debian's packages, everything octunnel needs to build and
-# test.  Packages already present are left alone, so a second run is quick.
+# Installs, from Debian's packages, what octunnel needs.  Packages already
+# present are left alone, so a second run is quick.
+#
+#   scripts/install-deps.sh [demo|all]
+#
+# demo: what the module, the host and the tool need to build (a compiler,
+#       CMake, Python, libyang, libxml2, RapidJSON, CLI11): scripts/demo.sh.
+# all (default): everything the tests need besides: GoogleTest, the agent's
+#       libraries, clang for the fuzz targets, the NETCONF clients, and what
+#       the Debian package is built, checked and installed with.
 set -euo pipefail
 
-packages=(
+set_name=${1:-all}
+demo=(
   build-essential cmake python3
-  libgtest-dev libgmock-dev
   libxml2-dev rapidjson-dev libcli11-dev libyang2-dev pkgconf
-  libyang-tools time libbenchmark-dev
-  clang libclang-rt-14-dev clang-format git man-db
-  libnetconf2-dev libssh-dev libcrypt-dev
-  python3-ncclient python3-lxml python3-paramiko openssh-client openssl
 )
+case "$set_name" in
+  demo) packages=("${demo[@]}") ;;
+  all)
+    packages=(
+      "${demo[@]}"
+      libgtest-dev libgmock-dev
+      libyang-tools time libbenchmark-dev
+      clang libclang-rt-14-dev clang-format git man-db
+      libnetconf2-dev libssh-dev libcrypt-dev
+      python3-ncclient python3-lxml python3-paramiko openssh-client openssl
+      dpkg-dev adduser systemd strace
+    )
+    ;;
+  *)
+    echo "install-deps.sh: unknown set '$set_name' (demo or all)" >&2
+    exit 2
+    ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "install-deps.sh: the packages of '$set_name' are all installed"
+  exit 0
+fi
 
 sudo=""
 [ "$(id -u)" -ne 0 ] && sudo="sudo"
-echo "Installing: ${missing[*]}"
+echo "install-deps.sh: installing ${#missing[@]} packages: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get install -y --no-install-recommends "${missing[@]}" ||
-  { $sudo apt-get update && $sudo apt-get install -y --no-install-recommends "${missing[@]}"; }
+# A fresh machine has no package lists yet: read them only when the
+# packages cannot be found without.
+$sudo apt-get install -y -q --no-install-recommends "${missing[@]}" ||
+  { $sudo apt-get update -q && $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"; }

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Measures octunnel serve over SSH on loopback with ncclient: single-leaf
-# edit and read round trips (median and 99th percentile) and a whole
-# configuration of 10,000 interfaces (see tools/serve_bench.py).  Builds a
+# Measures octunnel serve over SSH on loopback: single-leaf edit and read
+# round trips (median and 99th percentile), with a client of NETCONF 1.1
+# frames over paramiko, which sends at once; and a whole configuration of
+# 10,000 interfaces, with ncclient (see tools/serve_bench.py).  Builds a
 # Release tree in build-release first.
 #
 #   scripts/serve-bench.sh [--requests 1000] [--interfaces 10000]
