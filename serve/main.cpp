@@ -10,14 +10,38 @@
 #include "translate.h"
 
 #include <CLI/CLI.hpp>
+#include <cstddef>
 #include <iostream>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+// A count of bytes: decimal digits, 1 to 1 TiB.
+std::size_t parse_bytes(const std::string &text, const std::string &what)
+{
+    constexpr std::size_t most = std::size_t{1} << 40;
+    std::size_t n = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9' || n > most)
+            throw std::invalid_argument(what + " " + text + ": not a count of bytes, 1 to " +
+                                        std::to_string(most));
+        n = n * 10 + static_cast<std::size_t>(c - '0');
+    }
+    if (text.empty() || n == 0 || n > most)
+        throw std::invalid_argument(what + " " + text + ": not a count of bytes, 1 to " +
+                                    std::to_string(most));
+    return n;
+}
+
+} // namespace
 
 int main(int argc, char **argv)
 {
     using namespace octunnel;
     serve::ServerOptions so;
     Options serve_options;
-    std::string serve_router_type = "0", serve_max_request;
+    std::string serve_router_type = "0", serve_max_request, serve_max_in_flight, serve_max_unread;
     CLI::App app{"A NETCONF agent (RFC 6241, base 1.0 and 1.1) that clients drive in OpenConfig: "
                  "edits go through the module to the native running configuration, reads "
                  "through it to the native configuration and operational data and back.",
@@ -78,6 +102,22 @@ int main(int argc, char **argv)
                      "one is answered too-big, a message larger than this and 1 MiB too-big and "
                      "the session ends")
         ->type_name("BYTES");
+    server
+        ->add_option("--max-in-flight", serve_max_in_flight,
+                     "What the requests of all sessions may hold, in bytes, taken and not yet "
+                     "answered (default: the largest message and 64 MiB, 321 MiB); a request "
+                     "past it is answered resource-denied and its session goes on")
+        ->type_name("BYTES");
+    server
+        ->add_option("--max-unread", serve_max_unread,
+                     "What a client may leave unread of its answers, in bytes (default 64 MiB), "
+                     "beyond which its session ends")
+        ->type_name("BYTES");
+    server
+        ->add_option("--max-sessions-per-user", so.max_sessions_per_user,
+                     "Sessions one user may hold at once (default 16); one more is refused")
+        ->type_name("N")
+        ->check(CLI::Range(1, 256));
     server->add_flag("--verbose", so.verbose, "Log sessions and what libnetconf2 says");
     server->footer(
         "The agent serves the running configuration alone (no candidate or startup). An edit\n"
@@ -103,6 +143,10 @@ int main(int argc, char **argv)
         so.agent.router_type = parse_number(serve_router_type, "--router-type");
         if (!serve_max_request.empty())
             so.agent.max_content = parse_number(serve_max_request, "--max-request");
+        if (!serve_max_in_flight.empty())
+            so.max_in_flight = parse_bytes(serve_max_in_flight, "--max-in-flight");
+        if (!serve_max_unread.empty())
+            so.max_unread = parse_bytes(serve_max_unread, "--max-unread");
     } catch (const std::exception &e) {
         std::cerr << "octunnel: " << e.what() << '\n';
         return exit_unusable;

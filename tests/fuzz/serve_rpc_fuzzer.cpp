@@ -386,8 +386,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
     guard.from_agent(agent_hello, out);
     for (std::size_t at = 0; at < stream.size() && !guard.ended();) {
         const std::size_t n = piece == 0 ? stream.size() : std::min(piece, stream.size() - at);
-        guard.from_client(std::string_view(stream).substr(at, n), out);
-        at += n;
+        // What the guard does not take while its own answers wait it takes
+        // once libnetconf2 has answered (below), unless the session ends.
+        const std::size_t took = guard.from_client(std::string_view(stream).substr(at, n), out);
+        at += guard.closing() ? n : took;
         std::string_view handed = out.to_agent;
         if (!hello_seen && !handed.empty()) {
             // The hello handed on offers base:1.1 exactly when the guard
