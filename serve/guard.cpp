@@ -529,7 +529,10 @@ std::size_t SessionGuard::from_client(std::string_view bytes, Out &out)
     };
     // The size of the message in hand, kept or not.
     const auto size = [&] { return over_budget_ ? size_ : message_.size(); };
-    while (i < bytes.size() && taking()) {
+    // A call adds no more than max_waiting of the guard's own answers to
+    // those due now, whatever number of messages the bytes hold.
+    const std::size_t due = out.to_client.size();
+    while (i < bytes.size() && taking() && out.to_client.size() - due < max_waiting) {
         const char c = bytes[i];
         switch (in_) {
         case In::message: {

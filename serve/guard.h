@@ -129,8 +129,8 @@ public:
 
     // Bytes the client sent; returns how many were taken.  The rest waits
     // while the guard's own answers fill max_waiting (they go as
-    // libnetconf2 answers), and is never taken once the session ends or is
-    // ending.
+    // libnetconf2 answers), or once a call made max_waiting of them due,
+    // and is never taken once the session ends or is ending.
     std::size_t from_client(std::string_view bytes, Out &out);
     // Bytes libnetconf2 sent, on their way to the client, with the guard's
     // answers that were waiting for them.

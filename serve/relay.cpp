@@ -14,6 +14,9 @@ namespace {
 // What the relay holds for libnetconf2 before it reads from the client
 // again: beyond this, the client waits (one message may go past it).
 constexpr std::size_t backlog = std::size_t{4} << 20;
+// While its client has this much unread, the relay takes no more of what
+// it sends: the answers would only add to it.
+constexpr std::size_t read_pause = std::size_t{1} << 20;
 // How long a wait lasts before the relay looks at `stop` again.
 constexpr int tick_ms = 200;
 // Once a session is over, how long its client has to take what is left
@@ -118,10 +121,16 @@ void relay(ClientSide &client, int agent, const RelayLimits &limits, const std::
         compact(out.to_client, written);
     };
 
+    // Whether to take more of the client now.
+    const auto reading = [&] {
+        return sending && guard.taking() && out.to_agent.size() - sent < backlog &&
+               unread() < read_pause;
+    };
+
     while (!stop) {
         // What the client sent, as the guard takes it and libnetconf2
         // keeps up.
-        while (sending && guard.taking() && out.to_agent.size() - sent < backlog) {
+        while (reading()) {
             if (in_at == in_end) {
                 const long n = client.read(input.data(), input.size());
                 if (n == ClientSide::gone)
@@ -200,10 +209,9 @@ void relay(ClientSide &client, int agent, const RelayLimits &limits, const std::
             sent == out.to_agent.size())
             break;
 
-        const bool reading = sending && guard.taking() && out.to_agent.size() - sent < backlog;
-        if (reading && client.pending())
+        if (reading() && client.pending())
             continue;
-        short want = reading ? POLLIN : 0;
+        short want = reading() ? POLLIN : 0;
         if (written < out.to_client.size() || !client.flushed())
             want |= client.write_events();
         // A client whose side is shut down shows it at every wait: it is

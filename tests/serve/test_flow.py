@@ -15,6 +15,7 @@ from lxml import etree
 from ncclient.transport.errors import SessionCloseError
 
 import payloads as p
+from payloads import chunked, end_marked
 from harness import NC, PASSWORD, USER, Agent, error_tag, leaves, read, source, tool_leaves
 
 GET = p.get()
@@ -62,9 +63,10 @@ def test_clients_that_never_read_hold_up_no_one_else():
         m = agent.connect()
         m.timeout = 300  # a test that fails, fails rather than waits for ever
         stallers = [agent.raw() for _ in range(4)]
+        # Each sends its requests at once: a client that has answers unread
+        # is read no further until it takes them.
         for s in stallers:
-            for i in range(10):
-                s.send(p.rpc(GET, f"g{i}"))
+            s.send(b"".join(chunked(p.rpc(GET, f"g{i}")) for i in range(10)), raw=True)
         # Another session is answered while they hold on, however long they
         # do; libnetconf2 takes every request of theirs and answers it,
         # nothing of which they have read.
@@ -96,8 +98,7 @@ def test_a_client_that_never_reads_is_dropped_at_its_bound_and_memory_stays_boun
             s = agent.raw(unix=unix)
             sid = session_id(s)
             with contextlib.suppress(OSError, EOFError):
-                for i in range(40):
-                    s.send(p.rpc(GET, f"g{i}"))
+                s.send(b"".join(chunked(p.rpc(GET, f"g{i}")) for i in range(40)), raw=True)
             said = f"ends: its client left more than {bound} bytes of answers unread"
             agent.wait_log(said, 2 if unix else 1)
             line = [line for line in agent.log if said in line][-1]
@@ -139,6 +140,43 @@ def test_requests_past_the_budget_are_refused_resource_denied_and_the_session_go
         # What they held is given back: both may send as much again.
         assert "<data" in b.rpc("<get>" + " " * 1_000_000 + "</get>", "b-last")
         assert "<data" in a.rpc("<get>" + " " * 1_000_000 + "</get>", "a-last")
+
+
+def test_a_flood_of_malformed_messages_behind_a_request_is_answered_within_bounds():
+    # 300,000 messages of one byte behind a <get> of some 1.2 MB: each is
+    # answered in turn, after the <get>, while the client reads as it
+    # sends, and the agent holds no more than a bounded part of them.
+    n = 300_000
+    with seeded_agent(1000, unix=True) as agent:
+        agent.connect().get()
+        s = agent.raw(base11=False, unix=True)
+        before = peak_memory(agent)
+        first, answers, errors = [], [0], [0]
+
+        def reader():
+            # The answers counted by their end marks as they come.
+            tail = b""
+            while answers[0] < n + 1:
+                data = s.chan.recv(1 << 20)
+                if not data:
+                    break
+                data = tail + data
+                if not first:
+                    first.append(data[:data.find(b"]]>]]>")])
+                answers[0] += data.count(b"]]>]]>")
+                errors[0] += data.count(b"<error-tag>operation-failed</error-tag>")
+                tail = data[data.rfind(b"]]>]]>") + 6:] if b"]]>]]>" in data else data
+                tail = tail[-40:]
+
+        t = threading.Thread(target=reader)
+        t.start()
+        s.send(end_marked(p.rpc(GET, "g")) + end_marked("<") * n, raw=True)
+        t.join()
+        assert answers[0] == n + 1
+        assert b"<data" in first[0] and b'message-id="g"' in first[0], first[0][:300]
+        assert errors[0] >= n - 10
+        grown = peak_memory(agent) - before
+        assert grown < 32 << 20, f"the agent grew by {grown} bytes"
 
 
 def refused_session(agent, user, password):
