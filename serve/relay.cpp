@@ -223,6 +223,10 @@ void relay(ClientSide &client, int agent, const RelayLimits &limits, const std::
             break;
     }
 
+    // libnetconf2 sees the session end now, so that none of its threads
+    // waits on this one while the client takes what is left.
+    shutdown(agent, SHUT_RDWR);
+    close(agent);
     // What is left for the client goes, unless it is gone, it was dropped
     // for what it left unread, or the agent stops; a client that takes
     // nothing for a while is left.
@@ -247,8 +251,6 @@ void relay(ClientSide &client, int agent, const RelayLimits &limits, const std::
         if (hearing)
             client.finish(guard.ended() ? 1 : 0);
     }
-    shutdown(agent, SHUT_RDWR);
-    close(agent);
 }
 
 } // namespace octunnel::serve
