@@ -129,6 +129,10 @@ int main(int argc, char **argv)
         "well-formed XML in UTF-8, holds no element or is no <rpc> is answered\n"
         "malformed-message (operation-failed on a base:1.0 session); broken framing ends the\n"
         "session.\n"
+        "A client that sends requests and does not read the answers holds up no one else: past\n"
+        "--max-unread its session ends. What a client sent before its end of input (an SSH\n"
+        "channel's EOF, as `ssh -s netconf < file` sends) is all answered before the session\n"
+        "ends.\n"
         "Exit status: 0 stopped by a signal; 2 it could not start (one line on stderr says "
         "why).\n"
         "Environment: OCTUNNEL_MODULE (the module), OCTUNNEL_YANG_DIR (the YANG models).");
