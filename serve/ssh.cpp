@@ -220,6 +220,8 @@ long SshConnection::read(char *buffer, std::size_t size)
         return n;
     if (ssh_channel_is_closed(channel_))
         return gone;
+    if (n == SSH_AGAIN)
+        return 0;
     if (n == SSH_EOF || ssh_channel_is_eof(channel_))
         return end_of_input;
     return n < 0 ? gone : 0;

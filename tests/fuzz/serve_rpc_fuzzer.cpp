@@ -27,6 +27,8 @@
 //   bit 1   the harness says no hello: the input starts with the client's
 //   bit 2   another session holds the lock of the running configuration
 //   bits 3-4 the client's bytes come whole, or 1, 5 or 61 at a time
+//   bit 5   the requests in flight may hold 1,000 bytes: a larger message
+//           is answered resource-denied, read to its end without being kept
 //
 // tools/fuzz_corpus.py writes the seeds in this form; with
 // OCTUNNEL_FUZZ_SHOW set, what the client got goes to stderr.  Built
@@ -348,7 +350,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
         return -1;
     Harness &h = harness();
     const uint8_t flags = data[0];
-    const bool base11 = flags & 1, own_hello = flags & 2, locked = flags & 4;
+    const bool base11 = flags & 1, own_hello = flags & 2, locked = flags & 4, budgeted = flags & 32;
     const std::size_t piece = std::array<std::size_t, 4>{0, 1, 5, 61}[(flags >> 3) & 3];
     std::string stream(reinterpret_cast<const char *>(data) + 1, size - 1);
     if (!own_hello)
@@ -371,15 +373,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
 
     // The session: the agent's hello first, then what the client sends,
     // each message handed on answered at once.
-    SessionGuard guard(max_message, [&](const std::string &message, const std::string &) {
-        std::optional<std::string> reply;
-        if (auto e = screen_rpc(h.ctx, message)) {
-            Reply r;
-            r.outcome = Outcome::error(*e);
-            reply = reply_text(std::nullopt, r);
-        }
-        return reply;
-    });
+    RequestBudget budget(budgeted ? 1000 : SIZE_MAX);
+    SessionGuard guard(
+        max_message,
+        [&](const std::string &message, const std::string &) {
+            std::optional<std::string> reply;
+            if (auto e = screen_rpc(h.ctx, message)) {
+                Reply r;
+                r.outcome = Outcome::error(*e);
+                reply = reply_text(std::nullopt, r);
+            }
+            return reply;
+        },
+        &budget);
     SessionGuard::Out out;
     std::vector<std::string> handed_on;
     bool hello_seen = false;
@@ -412,6 +418,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
         }
         out.to_agent.clear();
         guard.from_agent(replies, out);
+        // Every request handed on is answered: what is held is the message
+        // in hand at most.
+        if (budget.held() > budget.limit() || (budgeted && budget.held() > 1000))
+            broken("the requests in flight hold more than the budget");
     }
 
     const std::string &to_client = out.to_client;
