@@ -133,6 +133,17 @@ SshConnection::~SshConnection()
         if (login_ && login_->channel != nullptr) {
             ssh_channel_close(login_->channel);
             ssh_blocking_flush(session_, last_flush_ms);
+            // A client such as OpenSSH's answers the channel's end with its
+            // own and then leaves: waited for a little, so that it does not
+            // see the connection end under an open channel (and say so).
+            if (event_ != nullptr) {
+                const auto until =
+                    std::chrono::steady_clock::now() + std::chrono::milliseconds(last_flush_ms);
+                while ((ssh_get_status(session_) & (SSH_CLOSED | SSH_CLOSED_ERROR)) == 0 &&
+                       std::chrono::steady_clock::now() < until)
+                    if (ssh_event_dopoll(event_, 100) == SSH_ERROR)
+                        break;
+            }
             ssh_channel_free(login_->channel);
         }
         if (event_ != nullptr) {
