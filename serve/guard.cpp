@@ -77,6 +77,7 @@ std::string_view trimmed(std::string_view s)
 struct Scan {
     xmlParserCtxtPtr ctxt = nullptr;
     bool hello = false;
+    bool root_only = false; // stop once the root's start tag is read
     int depth = 0;
     bool too_deep = false;
     bool dtd = false;
@@ -122,6 +123,8 @@ void start_element(void *user, const xmlChar *local, const xmlChar *, const xmlC
                                     static_cast<std::size_t>(a[4] - a[3]));
             }
         }
+        if (s.root_only)
+            xmlStopParser(s.ctxt);
     } else if (s.depth == 2) {
         ++s.operations;
         if (s.hello && text_of(local) == "session-id")
@@ -288,9 +291,47 @@ MessageCheck check_message(std::string_view text, bool hello)
     return c;
 }
 
+std::string message_id_of_head(std::string_view head)
+{
+    static std::once_flag init;
+    std::call_once(init, [] { xmlInitParser(); });
+    xmlSAXHandler sax;
+    std::memset(&sax, 0, sizeof sax);
+    sax.initialized = XML_SAX2_MAGIC;
+    sax.startElementNs = start_element;
+    sax.endElementNs = end_element;
+    sax.internalSubset = internal_subset;
+    sax.serror = structured_error;
+    Scan scan;
+    scan.root_only = true;
+    scan.ctxt = xmlCreatePushParserCtxt(&sax, &scan, nullptr, 0, nullptr);
+    if (scan.ctxt == nullptr)
+        throw std::bad_alloc();
+    xmlCtxtUseOptions(scan.ctxt,
+                      XML_PARSE_NONET | XML_PARSE_NOENT | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    head = head.substr(0, max_refused_head);
+    xmlParseChunk(scan.ctxt, head.data(), static_cast<int>(head.size()), 0);
+    xmlFreeParserCtxt(scan.ctxt);
+    if (!scan.root_seen || scan.root != "rpc" || scan.root_ns != netconf_ns ||
+        !scan.has_message_id || scan.message_id.size() > 1024 || !is_utf8(scan.message_id))
+        return "";
+    return scan.message_id;
+}
+
+bool RequestBudget::take(std::size_t n)
+{
+    std::size_t held = held_.load(std::memory_order_relaxed);
+    do {
+        if (n > limit_ || held > limit_ - n)
+            return false;
+    } while (!held_.compare_exchange_weak(held, held + n, std::memory_order_relaxed));
+    return true;
+}
+
 std::string error_reply(const MessageCheck &c)
 {
-    const bool rpc_type = c.tag == "malformed-message" || c.tag == "operation-failed";
+    const bool rpc_type =
+        c.tag == "malformed-message" || c.tag == "operation-failed" || c.tag == "resource-denied";
     std::string out = "<rpc-reply xmlns=\"";
     out += netconf_ns;
     out += "\"";
@@ -345,17 +386,75 @@ void SessionGuard::answer(std::string reply, Out &out)
 {
     ++refused_;
     waiting_.push_back({handed_on_, framed(reply), false});
+    waiting_bytes_ += waiting_.back().text.size();
     release(out);
 }
 
 void SessionGuard::release(Out &out)
 {
     while (!waiting_.empty() && waiting_.front().after <= answered_) {
+        waiting_bytes_ -= waiting_.front().text.size();
         out.to_client += waiting_.front().text;
         if (waiting_.front().then_end)
             end(reason_.empty() ? "a message larger than the agent takes" : reason_);
         waiting_.pop_front();
     }
+}
+
+bool SessionGuard::charge(std::size_t n)
+{
+    if (over_budget_)
+        return false;
+    if (charge_.take(n)) {
+        charged_ += n;
+        return true;
+    }
+    // Refused: the rest of the message is read to its end and not kept, but
+    // for its head, where its message-id is.  Where a message ends by the
+    // end mark, the part of the mark that may stand at the end of what came
+    // is carried over.
+    over_budget_ = true;
+    size_ = message_.size();
+    matched_ = 0;
+    for (const char c :
+         std::string_view(message_).substr(size_ - std::min<std::size_t>(size_, 5))) {
+        while (matched_ > 0 && c != end_mark[matched_])
+            matched_ = border[matched_];
+        if (c == end_mark[matched_])
+            ++matched_;
+    }
+    charge_.give_back(charged_);
+    charged_ = 0;
+    if (message_.size() > max_refused_head) {
+        message_.resize(max_refused_head);
+        message_.shrink_to_fit();
+    }
+    return false;
+}
+
+void SessionGuard::keep_head(std::string_view bytes)
+{
+    if (message_.size() < max_refused_head)
+        message_.append(bytes.substr(0, max_refused_head - message_.size()));
+}
+
+void SessionGuard::refuse_for_budget(const std::string &head, Out &out)
+{
+    MessageCheck c;
+    c.tag = "resource-denied";
+    c.message_id = message_id_of_head(head);
+    const std::size_t limit = charge_.budget() != nullptr ? charge_.budget()->limit() : 0;
+    c.message = "this request of " + std::to_string(size_) + " bytes would pass the " +
+                std::to_string(limit) +
+                " bytes that the requests of all sessions may hold before they are answered; "
+                "send it again once others are answered";
+    over_budget_ = false;
+    size_ = 0;
+    matched_ = 0;
+    ++denied_;
+    waiting_.push_back({handed_on_, framed(error_reply(c)), false});
+    waiting_bytes_ += waiting_.back().text.size();
+    release(out);
 }
 
 void SessionGuard::message_done(Out &out)
@@ -379,9 +478,13 @@ void SessionGuard::message_done(Out &out)
         in_ = chunked_ ? In::newline : In::message;
         return;
     }
+    if (over_budget_)
+        return refuse_for_budget(text, out);
     MessageCheck c = check_message(text, false);
     if (c.ok && screen_) {
         if (auto reply = screen_(text, c.message_id)) {
+            charge_.give_back(charged_);
+            charged_ = 0;
             answer(std::move(*reply), out);
             return;
         }
@@ -389,14 +492,19 @@ void SessionGuard::message_done(Out &out)
     if (c.ok) {
         out.to_agent += framed(text);
         ++handed_on_;
+        // Held until libnetconf2 answers it.
+        in_flight_.push_back(charged_);
+        charged_ = 0;
         return;
     }
+    charge_.give_back(charged_);
+    charged_ = 0;
     if (c.tag == "malformed-message" && !chunked_)
         c.tag = "operation-failed";
     answer(error_reply(c), out);
 }
 
-void SessionGuard::from_client(std::string_view bytes, Out &out)
+std::size_t SessionGuard::from_client(std::string_view bytes, Out &out)
 {
     std::size_t i = 0;
     const auto too_big = [&] {
@@ -406,18 +514,57 @@ void SessionGuard::from_client(std::string_view bytes, Out &out)
                     " bytes, more than the agent takes; the session ends";
         message_.clear();
         message_.shrink_to_fit();
+        charge_.give_back(charged_);
+        charged_ = 0;
         closing_ = true;
         reason_ = "a message larger than " + std::to_string(max_) + " bytes";
         ++refused_;
         waiting_.push_back({handed_on_, framed(error_reply(c)), true});
+        waiting_bytes_ += waiting_.back().text.size();
         release(out);
     };
-    while (i < bytes.size() && !closing()) {
+    const auto fail = [&](std::string why) {
+        end(std::move(why));
+        return i;
+    };
+    // The size of the message in hand, kept or not.
+    const auto size = [&] { return over_budget_ ? size_ : message_.size(); };
+    // A call adds no more than max_waiting of the guard's own answers to
+    // those due now, whatever number of messages the bytes hold.
+    const std::size_t due = out.to_client.size();
+    while (i < bytes.size() && taking() && out.to_client.size() - due < max_waiting) {
         const char c = bytes[i];
         switch (in_) {
         case In::message: {
-            // The end mark, looked for from where the last bytes left off.
             const std::size_t limit = hello_done_ ? max_ : max_hello;
+            if (over_budget_) {
+                // Not kept: the end mark is looked for as the bytes go by.
+                std::size_t j = i;
+                bool found = false;
+                while (j < bytes.size() && !found) {
+                    const char b = bytes[j++];
+                    while (matched_ > 0 && b != end_mark[matched_])
+                        matched_ = border[matched_];
+                    if (b == end_mark[matched_])
+                        ++matched_;
+                    found = matched_ == end_mark.size();
+                }
+                keep_head(bytes.substr(i, j - i));
+                size_ += j - i;
+                i = j;
+                if (found) {
+                    matched_ = 0;
+                    size_ -= end_mark.size();
+                    if (size_ > limit)
+                        too_big();
+                    else
+                        message_done(out);
+                } else if (size_ > limit + end_mark.size() - 1) {
+                    too_big();
+                }
+                break;
+            }
+            // The end mark, looked for from where the last bytes left off.
             const std::size_t from = message_.size() >= 5 ? message_.size() - 5 : 0;
             const std::size_t room = limit + end_mark.size() - message_.size();
             const std::string_view piece = bytes.substr(i, room);
@@ -427,8 +574,10 @@ void SessionGuard::from_client(std::string_view bytes, Out &out)
                 i += piece.size();
                 if (message_.size() > limit + end_mark.size() - 1) {
                     if (!hello_done_)
-                        return end("a hello larger than 1 MiB");
+                        return fail("a hello larger than 1 MiB");
                     too_big();
+                } else if (hello_done_) {
+                    charge(piece.size());
                 }
                 break;
             }
@@ -437,42 +586,44 @@ void SessionGuard::from_client(std::string_view bytes, Out &out)
             message_.resize(at);
             if (at > limit) {
                 if (!hello_done_)
-                    return end("a hello larger than 1 MiB");
+                    return fail("a hello larger than 1 MiB");
                 too_big();
                 break;
             }
+            if (hello_done_ && message_.size() > charged_)
+                charge(message_.size() - charged_);
             message_done(out);
             break;
         }
         case In::newline:
             if (c != '\n')
-                return end("a chunk that does not start with \"\\n#\"");
+                return fail("a chunk that does not start with \"\\n#\"");
             in_ = In::hash;
             ++i;
             break;
         case In::hash:
             if (c != '#')
-                return end("a chunk that does not start with \"\\n#\"");
+                return fail("a chunk that does not start with \"\\n#\"");
             in_ = In::first;
             ++i;
             break;
         case In::first:
             if (c == '#') {
                 if (!has_chunk_)
-                    return end("a message of no chunk");
+                    return fail("a message of no chunk");
                 in_ = In::end_newline;
             } else if (c >= '1' && c <= '9') {
                 chunk_size_ = static_cast<uint64_t>(c - '0');
                 digits_ = 1;
                 in_ = In::digits;
             } else {
-                return end("a chunk size that is not 1 to 4294967295");
+                return fail("a chunk size that is not 1 to 4294967295");
             }
             ++i;
             break;
         case In::digits:
             if (c == '\n') {
-                if (message_.size() + chunk_size_ > max_) {
+                if (size() + chunk_size_ > max_) {
                     too_big();
                     break;
                 }
@@ -482,15 +633,15 @@ void SessionGuard::from_client(std::string_view bytes, Out &out)
                 chunk_size_ = chunk_size_ * 10 + static_cast<uint64_t>(c - '0');
                 ++digits_;
                 if (chunk_size_ > 4294967295u)
-                    return end("a chunk size that is not 1 to 4294967295");
+                    return fail("a chunk size that is not 1 to 4294967295");
             } else {
-                return end("a chunk size that is not 1 to 4294967295");
+                return fail("a chunk size that is not 1 to 4294967295");
             }
             ++i;
             break;
         case In::end_newline:
             if (c != '\n')
-                return end("a message end mark not followed by \"\\n\"");
+                return fail("a message end mark not followed by \"\\n\"");
             in_ = In::newline;
             has_chunk_ = false;
             ++i;
@@ -499,7 +650,13 @@ void SessionGuard::from_client(std::string_view bytes, Out &out)
         case In::data: {
             const std::size_t take = static_cast<std::size_t>(
                 std::min<uint64_t>(left_, static_cast<uint64_t>(bytes.size() - i)));
-            message_.append(bytes.substr(i, take));
+            const std::string_view part = bytes.substr(i, take);
+            if (charge(take)) {
+                message_.append(part);
+            } else {
+                keep_head(part);
+                size_ += take;
+            }
             left_ -= take;
             i += take;
             if (left_ == 0) {
@@ -510,6 +667,7 @@ void SessionGuard::from_client(std::string_view bytes, Out &out)
         }
         }
     }
+    return i;
 }
 
 void SessionGuard::from_agent(std::string_view bytes, Out &out)
@@ -524,6 +682,10 @@ void SessionGuard::from_agent(std::string_view bytes, Out &out)
             agent_hello_done_ = true;
         } else {
             ++answered_;
+            if (!in_flight_.empty()) {
+                charge_.give_back(in_flight_.front());
+                in_flight_.pop_front();
+            }
             release(out);
         }
     };

@@ -11,7 +11,31 @@
 #include "translate.h"
 
 #include <CLI/CLI.hpp>
+#include <cstddef>
 #include <iostream>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+// A count of bytes: decimal digits, 1 to 1 TiB.
+std::size_t parse_bytes(const std::string &text, const std::string &what)
+{
+    constexpr std::size_t most = std::size_t{1} << 40;
+    std::size_t n = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9' || n > most)
+            throw std::invalid_argument(what + " " + text + ": not a count of bytes, 1 to " +
+                                        std::to_string(most));
+        n = n * 10 + static_cast<std::size_t>(c - '0');
+    }
+    if (text.empty() || n == 0 || n > most)
+        throw std::invalid_argument(what + " " + text + ": not a count of bytes, 1 to " +
+                                    std::to_string(most));
+    return n;
+}
+
+} // namespace
 
 int main(int argc, char **argv)
 {
@@ -19,7 +43,7 @@ int main(int argc, char **argv)
     serve::ServerOptions so;
     Options serve_options;
     std::string serve_router_type = "0", serve_max_request, serve_max_oper, serve_startups,
-                serve_penalty;
+                serve_penalty, serve_max_in_flight, serve_max_unread;
     unsigned serve_per_source = so.admission.per_source;
     CLI::App app{"A NETCONF agent (RFC 6241, base 1.0 and 1.1) that clients drive in OpenConfig: "
                  "edits go through the module to the native running configuration, reads "
@@ -46,7 +70,7 @@ int main(int argc, char **argv)
         ->add_option("--users", so.users,
                      "Users who log in over SSH by password: NAME:HASH lines, HASH as "
                      "'openssl passwd -6' or mkpasswd prints it; a line with a weak hash (DES, "
-                     "MD5, SHA-256) or a malformed one refuses the start")
+                     "MD5) or a malformed one refuses the start")
         ->type_name("FILE");
     server
         ->add_option("--authorized-keys", so.authorized_keys,
@@ -124,6 +148,22 @@ int main(int argc, char **argv)
                      "everything. The UNIX socket's sessions of root or the agent's own user "
                      "are never restricted")
         ->type_name("FILE");
+    server
+        ->add_option("--max-in-flight", serve_max_in_flight,
+                     "What the requests of all sessions may hold, in bytes, taken and not yet "
+                     "answered (default: the largest message and 64 MiB, 321 MiB); a request "
+                     "past it is answered resource-denied and its session goes on")
+        ->type_name("BYTES");
+    server
+        ->add_option("--max-unread", serve_max_unread,
+                     "What a client may leave unread of its answers, in bytes (default 64 MiB), "
+                     "beyond which its session ends")
+        ->type_name("BYTES");
+    server
+        ->add_option("--max-sessions-per-user", so.max_sessions_per_user,
+                     "Sessions one user may hold at once (default 16); one more is refused")
+        ->type_name("N")
+        ->check(CLI::Range(1, 256));
     server->add_flag("--verbose", so.verbose,
                      "Log sessions, each operational document as it is read, and what "
                      "libnetconf2 says");
@@ -140,6 +180,10 @@ int main(int argc, char **argv)
         "With --nacm, an operation, or an edit of a node, the rules deny is answered\n"
         "access-denied (naming the user, and the node in error-path), and what a user may\n"
         "not read is left out of every answer; /nacm shows the rules and counters.\n"
+        "A client that sends requests and does not read the answers holds up no one else: past\n"
+        "--max-unread its session ends. What a client sent before its end of input (an SSH\n"
+        "channel's EOF, as `ssh -s netconf < file` sends) is all answered before the session\n"
+        "ends.\n"
         "Exit status: 0 stopped by a signal; 2 it could not start (one line on stderr says "
         "why).\n"
         "Environment: OCTUNNEL_MODULE (the module), OCTUNNEL_YANG_DIR (the YANG models).");
@@ -165,6 +209,10 @@ int main(int argc, char **argv)
             so.admission.penalty = serve::parse_seconds(serve_penalty, "--login-penalty");
         if (!serve_max_oper.empty())
             so.agent.max_oper_document = parse_number(serve_max_oper, "--max-oper-document");
+        if (!serve_max_in_flight.empty())
+            so.max_in_flight = parse_bytes(serve_max_in_flight, "--max-in-flight");
+        if (!serve_max_unread.empty())
+            so.max_unread = parse_bytes(serve_max_unread, "--max-unread");
     } catch (const std::exception &e) {
         std::cerr << "octunnel: " << e.what() << '\n';
         return exit_unusable;

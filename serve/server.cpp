@@ -348,9 +348,28 @@ std::string refusal(const Admission::Verdict &v, const std::string &source, cons
     return {};
 }
 
+// The largest message a session takes: the largest request and the rest of
+// its <rpc>.
+std::size_t max_message(const ServerOptions &o)
+{
+    return o.agent.max_content + (std::size_t{1} << 20);
+}
+
+// What requests in flight may hold by default: one message of the largest
+// and 64 MiB for every other session's requests meanwhile.  Requests are
+// served one at a time, so a second large one would only wait, holding its
+// memory (and what libyang makes of it once read, many times its size).
+std::size_t max_in_flight(const ServerOptions &o)
+{
+    return o.max_in_flight != 0 ? o.max_in_flight : max_message(o) + (std::size_t{64} << 20);
+}
+
 class Server {
 public:
-    Server(const ServerOptions &o, std::ostream &err) : o_(o), err_(err), admission_(o.admission) {}
+    Server(const ServerOptions &o, std::ostream &err)
+        : o_(o), err_(err), admission_(o.admission), budget_(max_in_flight(o))
+    {
+    }
     ~Server();
 
     int run();
@@ -395,6 +414,10 @@ private:
     void ssh_connection(int fd, std::string host, std::string port, std::string account);
     void unix_connection(int client);
     void serve_client(ClientSide &client, const Client &from);
+    // A session of `user` begins: a reason to refuse it, or none, and it
+    // counts until session_gone().
+    std::optional<std::string> session_of(const std::string &user);
+    void session_gone(const std::string &user);
     // The user of a session, quoted; with sessions_mutex_ held.
     std::string user_of(uint32_t id) const;
     nc_server_reply *kill_session(const lyd_node *rpc, uint32_t sid);
@@ -422,6 +445,10 @@ private:
     // libnetconf2's end of the socket pair of each session, and its user.
     std::unordered_map<uint32_t, int> session_fds_;
     std::unordered_map<uint32_t, std::string> session_users_;
+    // The sessions of each user, from their client's hello to their end.
+    std::unordered_map<std::string, unsigned> user_sessions_;
+    // What the requests of all sessions hold before they are answered.
+    RequestBudget budget_;
 
     int tcp_fd_ = -1;
     int unix_fd_ = -1;
@@ -703,29 +730,80 @@ void Server::spawn(std::function<void()> work)
                             done});
 }
 
+std::optional<std::string> Server::session_of(const std::string &user)
+{
+    std::lock_guard guard(sessions_mutex_);
+    unsigned &n = user_sessions_[user];
+    if (n >= o_.max_sessions_per_user)
+        return user_name(user) + " has " + std::to_string(n) +
+               " sessions open, as many as one user may (--max-sessions-per-user)";
+    ++n;
+    return std::nullopt;
+}
+
+void Server::session_gone(const std::string &user)
+{
+    std::lock_guard guard(sessions_mutex_);
+    if (auto it = user_sessions_.find(user); it != user_sessions_.end() && --it->second == 0)
+        user_sessions_.erase(it);
+}
+
 void Server::serve_client(ClientSide &client, const Client &from)
 {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
         return;
+    // The session's id once libnetconf2 has taken it, for the log.
+    auto id = std::make_shared<std::atomic<uint32_t>>(0);
     // The hello goes through the relay: libnetconf2 takes the session on a
     // thread of its own while this one relays, for as long as it lasts.
-    std::thread hello([this, fd = pair[0], &from] {
+    std::thread hello([this, fd = pair[0], &from, id] {
         nc_session *session = nullptr;
         if (nc_accept_inout(fd, fd, from.user.c_str(), &session) == NC_MSG_HELLO &&
-            session != nullptr)
+            session != nullptr) {
+            *id = nc_session_get_id(session);
             add(session, fd, from);
-        else
+        } else {
             close(fd);
+        }
     });
-    // A message may hold the largest request taken and the rest of an <rpc>.
+    const std::string where = from.transport == Transport::ssh
+                                  ? "over SSH from " + from.host + " port " + from.port
+                                  : std::string("on the UNIX socket");
+    const auto session_name = [&from, id, where] {
+        return *id != 0 ? "session " + std::to_string(*id) + " of " + user_name(from.user)
+                        : "a session of " + user_name(from.user) + " " + where;
+    };
+    bool counted = false;
     RelayEvents events;
-    events.log = [this](const std::string &l) { log(l); };
+    events.log = [this, session_name](const std::string &l) {
+        log(session_name() + " ends: " + l);
+    };
     events.refused = [this, &from] { monitor_.bad_rpc(*from.counters); };
+    events.denied = [this, &from, session_name] {
+        monitor_.rpc_error(*from.counters);
+        log(session_name() +
+            ": a request answered resource-denied: the requests of all "
+            "sessions would hold more than " +
+            std::to_string(budget_.limit()) + " bytes (--max-in-flight)");
+    };
     events.bad_hello = [this] { monitor_.bad_hello(); };
+    events.hello = [this, &from, &counted, where]() -> std::optional<std::string> {
+        auto refused = session_of(from.user);
+        if (refused) {
+            log("a session of " + user_name(from.user) + " " + where + " refused: " + *refused);
+            return "session refused: " + *refused;
+        }
+        counted = true;
+        return std::nullopt;
+    };
+    RelayLimits limits;
+    limits.max_message = max_message(o_);
+    limits.max_unread = o_.max_unread;
+    limits.budget = &budget_;
     // What libnetconf2 would refuse in terms of its own, the relay answers
     // first (screen.h).
-    relay(client, pair[1], o_.agent.max_content + (std::size_t{1} << 20), stop_, events,
+    relay(client, pair[1], limits, stop_, events,
           [this](const std::string &message,
                  const std::string &message_id) -> std::optional<std::string> {
               // Out of memory, libnetconf2 has the request, and answers it
@@ -738,6 +816,8 @@ void Server::serve_client(ClientSide &client, const Client &from)
               return std::nullopt;
           });
     hello.join();
+    if (counted)
+        session_gone(from.user);
 }
 
 void Server::accept_loop()

@@ -5,6 +5,7 @@
 #include "admission.h"
 #include "agent.h"
 
+#include <cstddef>
 #include <iosfwd>
 #include <string>
 
@@ -19,6 +20,13 @@ struct ServerOptions {
     std::string yang_dir;        // the YANG models the hello advertises
     unsigned threads = 4;        // sessions served at once
     AdmissionLimits admission;   // who may begin an SSH login (admission.h)
+    // What the requests of all sessions may hold before they are answered;
+    // 0: the largest message taken and 64 MiB more.
+    std::size_t max_in_flight = 0;
+    // What a client may leave unread before its session ends.
+    std::size_t max_unread = std::size_t{64} << 20;
+    // Sessions one user may hold at once.
+    unsigned max_sessions_per_user = 16;
     bool verbose = false;
 };
 

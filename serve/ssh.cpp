@@ -6,8 +6,11 @@
 #include <libssh/libssh.h>
 #include <libssh/server.h>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <fcntl.h>
+#include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -32,6 +35,16 @@ struct SshConnection::Login {
 namespace {
 
 using Login = SshConnection::Login;
+
+// The most handed to libssh at once: what it holds until the socket takes it.
+constexpr uint32_t max_piece = 256u << 10;
+// What a client may have sent that the relay has not read yet: libssh takes
+// what comes whatever its window says, and a client keeps to the window
+// (1.28 MB) unless it means harm.
+constexpr int max_buffered_input = 16 << 20;
+// How long the last packets of a connection (the end of its channel) have
+// to leave.
+constexpr int last_flush_ms = 1000;
 
 // Whether the client's source may have a credential checked; when not,
 // the connection ends before libssh answers.
@@ -144,11 +157,27 @@ SshConnection::SshConnection(const SshServer &server, int fd) : server_(server),
 SshConnection::~SshConnection()
 {
     if (session_ != nullptr) {
-        // Nothing waits on a client that does not read any more.
+        // Nothing waits long on a client that does not read any more.
         ssh_set_blocking(session_, 0);
         if (login_ && login_->channel != nullptr) {
             ssh_channel_close(login_->channel);
+            ssh_blocking_flush(session_, last_flush_ms);
+            // A client such as OpenSSH's answers the channel's end with its
+            // own and then leaves: waited for a little, so that it does not
+            // see the connection end under an open channel (and say so).
+            if (event_ != nullptr) {
+                const auto until =
+                    std::chrono::steady_clock::now() + std::chrono::milliseconds(last_flush_ms);
+                while ((ssh_get_status(session_) & (SSH_CLOSED | SSH_CLOSED_ERROR)) == 0 &&
+                       std::chrono::steady_clock::now() < until)
+                    if (ssh_event_dopoll(event_, 100) == SSH_ERROR)
+                        break;
+            }
             ssh_channel_free(login_->channel);
+        }
+        if (event_ != nullptr) {
+            ssh_event_remove_session(event_, session_);
+            ssh_event_free(event_);
         }
         ssh_disconnect(session_);
         ssh_free(session_); // closes fd_
@@ -204,40 +233,97 @@ bool SshConnection::login(long timeout_s, const LoginGate &gate)
         if (rc == SSH_ERROR || (ssh_get_status(session_) & (SSH_CLOSED | SSH_CLOSED_ERROR)) != 0)
             break;
     }
-    ssh_event_remove_session(event, session_);
-    ssh_event_free(event);
-    if (!ok)
+    if (!ok) {
+        ssh_event_remove_session(event, session_);
+        ssh_event_free(event);
         return false;
+    }
+    // The event stays: it lets libssh read and send what it must while the
+    // relay neither reads nor writes the channel (a window the client
+    // grows, packets it holds).
+    event_ = event;
     channel_ = l.channel;
     user_ = l.user;
+    ssh_set_blocking(session_, 0);
+    // libssh writes whatever it holds once the socket takes some: on a
+    // socket that blocks, that would wait for all of it.
+    fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) | O_NONBLOCK);
     return true;
 }
 
 long SshConnection::read(char *buffer, std::size_t size)
 {
-    const int n = ssh_channel_read_nonblocking(channel_, buffer, static_cast<uint32_t>(size), 0);
+    const int n = ssh_channel_read_nonblocking(
+        channel_, buffer, static_cast<uint32_t>(std::min<std::size_t>(size, UINT32_MAX)), 0);
     if (n > 0)
         return n;
-    if (n < 0 || ssh_channel_is_eof(channel_) || ssh_channel_is_closed(channel_))
-        return -1;
-    return 0;
+    if (ssh_channel_is_closed(channel_))
+        return gone;
+    if (n == SSH_AGAIN)
+        return 0;
+    if (n == SSH_EOF || ssh_channel_is_eof(channel_))
+        return end_of_input;
+    return n < 0 ? gone : 0;
 }
 
-bool SshConnection::write(std::string_view data)
+long SshConnection::write(std::string_view data)
 {
-    while (!data.empty()) {
-        const uint32_t n = static_cast<uint32_t>(std::min<std::size_t>(data.size(), 1u << 20));
-        const int w = ssh_channel_write(channel_, data.data(), n);
-        if (w <= 0)
-            return false;
-        data.remove_prefix(static_cast<std::size_t>(w));
-    }
-    return true;
+    if (ssh_channel_is_closed(channel_))
+        return gone;
+    // What came and what libssh holds, without waiting.
+    if (ssh_event_dopoll(event_, 0) == SSH_ERROR &&
+        (ssh_get_status(session_) & (SSH_CLOSED | SSH_CLOSED_ERROR)) != 0)
+        return gone;
+    if (ssh_channel_poll(channel_, 0) > max_buffered_input)
+        return gone;
+    if (data.empty() || (ssh_get_status(session_) & SSH_WRITE_PENDING) != 0)
+        return 0;
+    const uint32_t window = ssh_channel_window_size(channel_);
+    if (window == 0)
+        return 0;
+    const uint32_t n = static_cast<uint32_t>(
+        std::min<std::size_t>({data.size(), std::size_t{window}, std::size_t{max_piece}}));
+    const int w = ssh_channel_write(channel_, data.data(), n);
+    return w < 0 ? gone : w;
+}
+
+short SshConnection::write_events()
+{
+    short events = 0;
+    if ((ssh_get_status(session_) & SSH_WRITE_PENDING) != 0)
+        events |= POLLOUT;
+    // The client grows the window in a packet of its own.
+    if (ssh_channel_window_size(channel_) == 0)
+        events |= POLLIN;
+    return events != 0 ? events : POLLOUT;
+}
+
+bool SshConnection::flushed()
+{
+    return (ssh_get_status(session_) & SSH_WRITE_PENDING) == 0;
 }
 
 bool SshConnection::pending()
 {
     return ssh_channel_poll(channel_, 0) > 0;
+}
+
+void SshConnection::finish(int status)
+{
+    if (ssh_channel_is_closed(channel_))
+        return;
+    ssh_channel_request_send_exit_status(channel_, status);
+    ssh_channel_send_eof(channel_);
+    ssh_blocking_flush(session_, last_flush_ms);
+}
+
+void SshConnection::refuse(const std::string &why)
+{
+    if (ssh_channel_is_closed(channel_))
+        return;
+    const std::string line = "octunnel serve: " + why + "\n";
+    ssh_channel_write_stderr(channel_, line.data(), static_cast<uint32_t>(line.size()));
+    finish(1);
 }
 
 } // namespace octunnel::serve

@@ -15,6 +15,7 @@
 struct ssh_bind_struct;
 struct ssh_session_struct;
 struct ssh_channel_struct;
+struct ssh_event_struct;
 
 namespace octunnel::serve {
 
@@ -74,10 +75,17 @@ public:
     bool login(long timeout_s, const LoginGate &gate);
     const std::string &user() const { return user_; }
 
+    // Once logged in, nothing waits: what the relay writes goes as the
+    // client's window and the socket take it, libssh holding at most one
+    // piece of it at a time.
     int fd() const override { return fd_; }
     long read(char *buffer, std::size_t size) override;
-    bool write(std::string_view data) override;
+    long write(std::string_view data) override;
+    short write_events() override;
+    bool flushed() override;
     bool pending() override;
+    void finish(int status) override;
+    void refuse(const std::string &why) override;
 
     struct Login; // what the callbacks of libssh see during login
 
@@ -86,6 +94,7 @@ private:
     int fd_;
     ssh_session_struct *session_ = nullptr;
     ssh_channel_struct *channel_ = nullptr;
+    ssh_event_struct *event_ = nullptr;
     std::string user_;
     std::unique_ptr<Login> login_;
 };

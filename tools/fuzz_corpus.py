@@ -99,6 +99,15 @@ def serve_seeds():
     stream = p.end_marked(p.hello()) + b"".join(
         p.chunked(p.rpc(body, str(i))) for i, body in enumerate(p.REQUESTS[:-1]))
     yield "session", bytes([2]) + stream
+    # The same past a budget of requests in flight smaller than some of
+    # them, whole and five bytes at a time, and in base:1.0 a byte at a time.
+    large = p.rpc("<get>" + " " * 3000 + "</get>", "large")
+    yield "session-budget", bytes([2 | 64]) + stream + p.chunked(large)
+    said = p.end_marked(p.hello())
+    yield "session-budget-pieces", bytes([2 | 64 | 2 << 3]) + said + p.chunked(large) + \
+        stream[len(said):]
+    yield "session-budget-base10", bytes([64 | 1 << 3]) + b"".join(
+        p.end_marked(m) for m in (large, p.rpc("<get/>", "after"), large + "]]>"))
     for i, message in enumerate(p.MALFORMED):
         yield f"malformed-{i}-base11", bytes([1]) + p.chunked(message) if message else \
             bytes([1]) + b"\n#1\n \n##\n"

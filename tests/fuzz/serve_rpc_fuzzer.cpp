@@ -32,6 +32,8 @@
 //   bit 2   another session holds the lock of the running configuration
 //   bits 3-4 the client's bytes come whole, or 1, 5 or 61 at a time
 //   bit 5   the rules below are in force
+//   bit 6   the requests in flight may hold 1,000 bytes: a larger message
+//           is answered resource-denied, read to its end without being kept
 //
 // tools/fuzz_corpus.py writes the seeds in this form; with
 // OCTUNNEL_FUZZ_SHOW set, what the client got goes to stderr.  Built
@@ -375,7 +377,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
         return -1;
     Harness &h = harness();
     const uint8_t flags = data[0];
-    const bool base11 = flags & 1, own_hello = flags & 2, locked = flags & 4, held = flags & 32;
+    const bool base11 = flags & 1, own_hello = flags & 2, locked = flags & 4, held = flags & 32,
+               budgeted = flags & 64;
     const std::size_t piece = std::array<std::size_t, 4>{0, 1, 5, 61}[(flags >> 3) & 3];
     std::string stream(reinterpret_cast<const char *>(data) + 1, size - 1);
     if (!own_hello)
@@ -402,23 +405,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
 
     // The session: the agent's hello first, then what the client sends,
     // each message handed on answered at once.
-    SessionGuard guard(max_message, [&](const std::string &message, const std::string &) {
-        std::optional<std::string> reply;
-        if (auto e = screen_rpc(h.ctx, message)) {
-            Reply r;
-            r.outcome = Outcome::error(*e);
-            reply = reply_text(std::nullopt, r);
-        }
-        return reply;
-    });
+    RequestBudget budget(budgeted ? 1000 : SIZE_MAX);
+    SessionGuard guard(
+        max_message,
+        [&](const std::string &message, const std::string &) {
+            std::optional<std::string> reply;
+            if (auto e = screen_rpc(h.ctx, message)) {
+                Reply r;
+                r.outcome = Outcome::error(*e);
+                reply = reply_text(std::nullopt, r);
+            }
+            return reply;
+        },
+        &budget);
     SessionGuard::Out out;
     std::vector<std::string> handed_on;
     bool hello_seen = false;
     guard.from_agent(agent_hello, out);
     for (std::size_t at = 0; at < stream.size() && !guard.ended();) {
         const std::size_t n = piece == 0 ? stream.size() : std::min(piece, stream.size() - at);
-        guard.from_client(std::string_view(stream).substr(at, n), out);
-        at += n;
+        // What the guard does not take while its own answers wait it takes
+        // once libnetconf2 has answered (below), unless the session ends.
+        const std::size_t took = guard.from_client(std::string_view(stream).substr(at, n), out);
+        at += guard.closing() ? n : took;
         std::string_view handed = out.to_agent;
         if (!hello_seen && !handed.empty()) {
             // The hello handed on offers base:1.1 exactly when the guard
@@ -441,6 +450,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
         }
         out.to_agent.clear();
         guard.from_agent(replies, out);
+        // Every request handed on is answered: what is held is the message
+        // in hand at most.
+        if (budget.held() > budget.limit() || (budgeted && budget.held() > 1000))
+            broken("the requests in flight hold more than the budget");
     }
 
     const std::string &to_client = out.to_client;

@@ -484,6 +484,123 @@ TEST(SessionGuard, ItsAnswersWaitForLibnetconf2sToEarlierRequests)
     EXPECT_NE(g.to_client.find("malformed-message", answer.size()), std::string::npos);
 }
 
+// Feeds `bytes` to the guard as the relay does, a piece at a time, while it
+// takes them; returns how many it took.
+std::size_t feed(SessionGuard &g, std::string_view bytes, SessionGuard::Out &out,
+                 std::size_t piece = 65536)
+{
+    std::size_t at = 0;
+    while (at < bytes.size()) {
+        const std::size_t took = g.from_client(bytes.substr(at, piece), out);
+        at += took;
+        if (took == 0)
+            break;
+    }
+    return at;
+}
+
+// A client that floods the guard with messages it answers itself, behind a
+// request libnetconf2 has not answered: the answers wait within their
+// bound, the guard takes no more until they go, and then takes the rest;
+// none is lost, none out of order.
+TEST(SessionGuard, ItsOwnAnswersWaitWithinTheirBoundAndTheClientWithThem)
+{
+    for (const bool base11 : {true, false}) {
+        SessionGuard g = started(base11, 1000);
+        SessionGuard::Out out;
+        const auto framed = [&](const std::string &m) { return base11 ? chunk(m) : m + "]]>]]>"; };
+        std::string flood = framed(rpc("<get/>", "1"));
+        constexpr std::size_t messages = 100000;
+        for (std::size_t i = 0; i < messages; ++i)
+            flood += framed("<");
+        std::size_t at = feed(g, flood, out);
+        ASSERT_LT(at, flood.size());
+        EXPECT_FALSE(g.taking());
+        EXPECT_TRUE(out.to_client.empty());
+        // Each answer is some 300 bytes: max_waiting holds a few thousand.
+        EXPECT_LE(g.refused() * 250, max_waiting + 1000) << g.refused();
+        const std::string reply = framed("<rpc-reply message-id=\"1\"><data/></rpc-reply>");
+        g.from_agent(reply, out);
+        EXPECT_TRUE(out.to_client.starts_with(reply));
+        while (at < flood.size()) {
+            const std::size_t took = feed(g, std::string_view(flood).substr(at), out);
+            ASSERT_GT(took, 0u);
+            at += took;
+        }
+        EXPECT_EQ(g.refused(), messages);
+        EXPECT_EQ(count(out.to_client, "<rpc-reply"), messages + 1);
+        EXPECT_FALSE(g.closing());
+    }
+}
+
+// The requests of every session, taken and not yet answered, hold the
+// budget: one that would pass it is read to its end, kept no further than
+// its head, and answered resource-denied with its message-id, in turn; the
+// session goes on, and what a request held is given back once it is
+// answered, or its session gone.
+TEST(SessionGuard, RequestsInFlightKeepWithinTheBudgetOfAllSessions)
+{
+    for (const bool base11 : {true, false}) {
+        for (const std::size_t piece : {std::size_t{1}, std::size_t{65536}}) {
+            RequestBudget budget(1000);
+            const auto framed = [&](const std::string &m) {
+                return base11 ? chunk(m) : m + "]]>]]>";
+            };
+            const auto session = [&] {
+                SessionGuard g(100000, {}, &budget);
+                SessionGuard::Out o;
+                g.from_agent("<hello/>]]>]]>", o);
+                g.from_client(hello_of(base11), o);
+                return g;
+            };
+            SessionGuard a = session(), b = session();
+            SessionGuard::Out ao, bo;
+            // A holds 800 bytes of a message not all sent.
+            const std::string big = rpc("<get>" + std::string(800, ' ') + "</get>", "a1");
+            const std::string whole = framed(big);
+            const std::size_t split = base11 ? 810 : 800;
+            feed(a, std::string_view(whole).substr(0, split), ao, piece);
+            EXPECT_GE(budget.held(), 790u);
+            EXPECT_LE(budget.held(), 810u);
+            // B's 500 bytes would pass the budget.
+            const std::string denied =
+                framed(rpc("<get>" + std::string(440, ' ') + "</get>", "b&amp;1"));
+            EXPECT_EQ(feed(b, denied, bo, piece), denied.size());
+            EXPECT_EQ(b.denied(), 1u);
+            EXPECT_EQ(b.unanswered(), 0u);
+            EXPECT_NE(bo.to_client.find("<error-tag>resource-denied</error-tag>"),
+                      std::string::npos);
+            EXPECT_NE(bo.to_client.find("message-id=\"b&amp;1\""), std::string::npos)
+                << bo.to_client;
+            EXPECT_LE(budget.held(), 810u);
+            // B goes on with a request that fits, which holds until answered.
+            bo.to_agent.clear();
+            feed(b, framed(rpc("<get/>", "b2")), bo, piece);
+            EXPECT_EQ(b.unanswered(), 1u);
+            EXPECT_NE(bo.to_agent.find("b2"), std::string::npos);
+            const std::size_t with_b = budget.held();
+            EXPECT_GT(with_b, 810u);
+            b.from_agent(framed("<rpc-reply message-id=\"b2\"/>"), bo);
+            EXPECT_LE(budget.held(), 810u);
+            // A's message, once whole, is handed on, and given back once
+            // answered.
+            feed(a, std::string_view(whole).substr(split), ao, piece);
+            EXPECT_EQ(a.unanswered(), 1u);
+            EXPECT_EQ(a.denied(), 0u);
+            a.from_agent(framed("<rpc-reply message-id=\"a1\"/>"), ao);
+            EXPECT_EQ(budget.held(), 0u);
+            // A session gone gives back what it held.
+            {
+                SessionGuard c = session();
+                SessionGuard::Out co;
+                feed(c, std::string_view(whole).substr(0, split), co, piece);
+                EXPECT_GT(budget.held(), 0u);
+            }
+            EXPECT_EQ(budget.held(), 0u);
+        }
+    }
+}
+
 // ---------------------------------------------------------------- screen
 
 ly_ctx *served()
