@@ -157,6 +157,17 @@ bool Admission::penalised(Account &a, Clock::time_point now) const
     return true;
 }
 
+bool Admission::refuse_penalised(Account &a, Clock::time_point now, Verdict &v) const
+{
+    const bool was_refused = now < a.refused;
+    if (!penalised(a, now))
+        return false;
+    v.refusal = Refusal::penalised;
+    v.log = !was_refused; // once, as the refusal begins
+    v.left = a.refused - now;
+    return true;
+}
+
 Admission::Verdict Admission::admit(const std::string &source)
 {
     std::lock_guard guard(mutex_);
@@ -166,13 +177,8 @@ Admission::Verdict Admission::admit(const std::string &source)
     auto &[key, a] = account(source, now);
     Verdict v;
     v.account = key;
-    const bool was_refused = now < a.refused;
-    if (penalised(a, now)) {
-        v.refusal = Refusal::penalised;
-        v.log = !was_refused;
-        v.left = a.refused - now;
+    if (refuse_penalised(a, now, v))
         return v;
-    }
     if (a.logging_in >= limits_.per_source) {
         v.refusal = Refusal::source_busy;
         v.log = !a.busy_told;
@@ -225,13 +231,8 @@ Admission::Verdict Admission::attempt(const std::string &source)
         return v;
     const Clock::time_point now = now_();
     Account &a = account(source, now).second;
-    const bool was_refused = now < a.refused;
-    if (penalised(a, now)) {
-        v.refusal = Refusal::penalised;
-        v.log = !was_refused;
-        v.left = a.refused - now;
+    if (refuse_penalised(a, now, v))
         return v;
-    }
     a.paid = std::max(a.paid, now) + limits_.penalty;
     return v;
 }

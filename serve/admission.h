@@ -145,6 +145,8 @@ private:
     // Whether `a` is refused now; turns it so when it cannot afford a
     // failure.
     bool penalised(Account &a, Clock::time_point now) const;
+    // penalised(), told in `v`.
+    bool refuse_penalised(Account &a, Clock::time_point now, Verdict &v) const;
 
     AdmissionLimits limits_;
     std::function<Clock::time_point()> now_;

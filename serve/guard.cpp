@@ -190,6 +190,29 @@ MessageCheck refused(std::string tag, std::string message)
     c.message = std::move(message);
     return c;
 }
+// A push parser of libxml2 into `scan`, with the text of elements too when
+// `text` (a whole message) or their names alone (the head of one).
+void start_parser(Scan &scan, bool text)
+{
+    xmlSAXHandler sax;
+    std::memset(&sax, 0, sizeof sax);
+    sax.initialized = XML_SAX2_MAGIC;
+    sax.startElementNs = start_element;
+    sax.endElementNs = end_element;
+    if (text) {
+        sax.characters = characters;
+        sax.cdataBlock = cdata;
+    }
+    sax.internalSubset = internal_subset;
+    sax.serror = structured_error;
+    scan.ctxt = xmlCreatePushParserCtxt(&sax, &scan, nullptr, 0, nullptr);
+    if (scan.ctxt == nullptr)
+        throw std::bad_alloc();
+    // Entities are replaced in attribute values as they are read: only
+    // those of XML itself, as no document type declaration is taken.
+    xmlCtxtUseOptions(scan.ctxt,
+                      XML_PARSE_NONET | XML_PARSE_NOENT | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+}
 
 } // namespace
 
@@ -206,24 +229,9 @@ MessageCheck check_message(std::string_view text, bool hello)
         return refused(hello ? "" : "malformed-message",
                        "the message is not well-formed XML: text before its first element");
 
-    xmlSAXHandler sax;
-    std::memset(&sax, 0, sizeof sax);
-    sax.initialized = XML_SAX2_MAGIC;
-    sax.startElementNs = start_element;
-    sax.endElementNs = end_element;
-    sax.characters = characters;
-    sax.cdataBlock = cdata;
-    sax.internalSubset = internal_subset;
-    sax.serror = structured_error;
     Scan scan;
     scan.hello = hello;
-    scan.ctxt = xmlCreatePushParserCtxt(&sax, &scan, nullptr, 0, nullptr);
-    if (scan.ctxt == nullptr)
-        throw std::bad_alloc();
-    // Entities are replaced in attribute values as they are read: only
-    // those of XML itself, as no document type declaration is taken.
-    xmlCtxtUseOptions(scan.ctxt,
-                      XML_PARSE_NONET | XML_PARSE_NOENT | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    start_parser(scan, true);
     for (std::size_t at = 0;;) {
         const std::size_t n = std::min<std::size_t>(text.size() - at, std::size_t{1} << 20);
         const bool last = at + n == text.size();
@@ -295,20 +303,9 @@ std::string message_id_of_head(std::string_view head)
 {
     static std::once_flag init;
     std::call_once(init, [] { xmlInitParser(); });
-    xmlSAXHandler sax;
-    std::memset(&sax, 0, sizeof sax);
-    sax.initialized = XML_SAX2_MAGIC;
-    sax.startElementNs = start_element;
-    sax.endElementNs = end_element;
-    sax.internalSubset = internal_subset;
-    sax.serror = structured_error;
     Scan scan;
     scan.root_only = true;
-    scan.ctxt = xmlCreatePushParserCtxt(&sax, &scan, nullptr, 0, nullptr);
-    if (scan.ctxt == nullptr)
-        throw std::bad_alloc();
-    xmlCtxtUseOptions(scan.ctxt,
-                      XML_PARSE_NONET | XML_PARSE_NOENT | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    start_parser(scan, false);
     head = head.substr(0, max_refused_head);
     xmlParseChunk(scan.ctxt, head.data(), static_cast<int>(head.size()), 0);
     xmlFreeParserCtxt(scan.ctxt);

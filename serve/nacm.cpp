@@ -1,5 +1,7 @@
 #include "nacm.h"
 
+#include "tree.h"
+
 #include <libyang/libyang.h>
 #include <libyang/plugins_types.h>
 
@@ -526,21 +528,7 @@ void element(std::string &out, const char *name, std::string_view value)
     out += "<";
     out += name;
     out += ">";
-    for (char c : value) {
-        switch (c) {
-        case '&':
-            out += "&amp;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        default:
-            out += c;
-        }
-    }
+    escape_xml(out, value);
     out += "</";
     out += name;
     out += ">";
