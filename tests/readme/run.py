@@ -10,10 +10,14 @@ they cannot drift from the code.
 - "## A first session with the agent": every `$ ` command of its listings
   runs, in order, in one bash from the checkout, and must exit 0; where the
   listing shows what the command prints, its standard output must be that,
-  line for line (`...` stands for any lines; a command shown without output
-  is not compared).  The agent's port, 8830 in the README, is taken from the
-  ephemeral ones here, so that a run never meets another agent.  The session
-  must leave nothing in the checkout.
+  line for line (`...`, indented or not, stands for any lines; a command
+  shown without output is not compared).  The agent's port, 8830 in the
+  README, is taken from the ephemeral ones here, so that a run never meets
+  another agent.  The session must leave nothing in the checkout.
+- The tool's examples ("### EXAMPLES" of the manual page, "## octunnel
+  to-native", "## octunnel to-oc") run the same way, after the session,
+  with the tool it built.  A command may take its input from a here-document
+  (`<<'EOF'` to a line `EOF`).
 
 Exit status 0 when all holds; 1 with the README's line of each command that
 failed and what it printed against what the README shows.
@@ -28,6 +32,8 @@ import sys
 
 QUICK_START = "## Quick start"
 SESSION = "## A first session with the agent"
+# The sections whose commands run after the session, with the tool it built.
+TOOL_EXAMPLES = ("### EXAMPLES", "## octunnel to-native", "## octunnel to-oc")
 # The quick start's commands and where each is run.
 COVERED = {"scripts/demo.sh": "ctest scripts.demo", "scripts/test.sh": ".ci/run"}
 README_PORT = "127.0.0.1:8830"
@@ -39,12 +45,19 @@ class Command:
 
 
 def section(lines, title):
-    """The lines of the `## ` section whose heading starts with title, with
-    their line numbers."""
+    """The lines of the section whose heading starts with title (`## ` or
+    `### `), to the next heading of its level or above, with their line
+    numbers."""
+    level = len(title) - len(title.lstrip("#"))
     start = next((i for i, l in enumerate(lines) if l.startswith(title)), None)
     if start is None:
         sys.exit(f"run.py: the README has no section '{title}'")
-    end = next((i for i in range(start + 1, len(lines)) if lines[i].startswith("## ")), len(lines))
+
+    def heading(line):
+        hashes = len(line) - len(line.lstrip("#"))
+        return 0 < hashes <= level and line[hashes:hashes + 1] == " "
+
+    end = next((i for i in range(start + 1, len(lines)) if heading(lines[i])), len(lines))
     return [(i + 1, lines[i]) for i in range(start + 1, end)]
 
 
@@ -52,7 +65,7 @@ def commands(numbered):
     """The `$ ` commands of the section's indented listings, each with the
     output its listing shows."""
     out, current, in_block = [], None, False
-    pending = None
+    pending, here_doc = None, None
     for number, line in numbered:
         indented = line.startswith("    ")
         if not indented and line.strip():
@@ -63,6 +76,11 @@ def commands(numbered):
                 current.expected.append("")
             continue
         body = line[4:]
+        if here_doc is not None:  # the input of a command, to its end mark
+            current.text += "\n" + body
+            if body == here_doc:
+                here_doc = None
+            continue
         if pending is not None:  # a command continued on the next line
             pending.text += "\n" + body
             if not body.endswith("\\"):
@@ -74,6 +92,8 @@ def commands(numbered):
             in_block = True
             if body.endswith("\\"):
                 pending = current
+            elif m := re.search(r"<<'?(\w+)'?\s*$", body):
+                here_doc = m.group(1)
         elif in_block and current is not None:
             current.expected.append(body)
     for c in out:
@@ -83,10 +103,11 @@ def commands(numbered):
 
 
 def matches(expected, actual):
-    """expected, with `...` lines standing for any run of lines, is actual."""
+    """expected, with `...` lines (indented as the text they cut) standing
+    for any run of lines, is actual."""
     if not expected:
         return not actual
-    if expected[0] == "...":
+    if expected[0].strip() == "...":
         return any(matches(expected[1:], actual[k:]) for k in range(len(actual) + 1))
     return bool(actual) and expected[0] == actual[0] and matches(expected[1:], actual[1:])
 
@@ -125,10 +146,13 @@ def main():
     session = commands(section(lines, SESSION))
     if not session:
         failures.append("the session shows no command")
+    examples = [c for title in TOOL_EXAMPLES for c in commands(section(lines, title))]
+    if not examples:
+        failures.append("the tool's sections show no command")
     port = f"127.0.0.1:{free_port()}"
     mark = "@@readme-" + secrets.token_hex(8)
     script = ["cd " + root]
-    for i, c in enumerate(session):
+    for i, c in enumerate(session + examples):
         c.text = c.text.replace(README_PORT, port)
         c.expected = [l.replace(README_PORT, port) for l in c.expected]
         script += [f"printf '\\n{mark} {i}\\n'", c.text, f"printf '\\n{mark}-rc {i} %d\\n' $?"]
@@ -149,7 +173,7 @@ def main():
             outputs[current] = []
         elif current is not None:
             outputs[current].append(line)
-    for i, c in enumerate(session):
+    for i, c in enumerate(session + examples):
         actual = outputs.get(i, [])
         while actual and not actual[-1]:
             actual.pop()
@@ -171,7 +195,7 @@ def main():
     if failures:
         return 1
     print(f"README: the quick start's {len(quick)} commands are the tests' own; "
-          f"the session's {len(session)} commands ran as shown")
+          f"the session's {len(session)} commands and the tool's {len(examples)} ran as shown")
     return 0
 
 
