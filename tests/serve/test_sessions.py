@@ -3,6 +3,7 @@ editing together, and an agent killed in the middle of a stream of edits."""
 
 import os
 import pwd
+import random
 import re
 import socket
 import subprocess
@@ -256,12 +257,22 @@ def test_clients_editing_at_once_lose_no_acknowledged_edit():
 
 
 def test_an_agent_killed_among_edits_keeps_every_acknowledged_one():
+    # Where the agent dies falls anywhere among the commits and the
+    # writes of the document that follow them: the number of edits
+    # acknowledged first, and whether a pause let the document be written
+    # (a second after the last commit), vary from round to round.
+    rng = random.Random(11)
     with Agent() as agent:
-        for round_ in range(3):
+        for round_ in range(8):
             before = in_file(agent)
-            # The agent dies with edits under way: after the 150th
-            # acknowledged one, while both streams go on.
-            sent, acknowledged = edits_at_once(agent, 2, 10_000, 16 * round_, kill_after=150)
+            if round_ % 2:
+                agent.connect().edit_config(target="running", config=config(
+                    tunnel("tunnel-ip9", address(200 + round_, 0)[1])))
+                time.sleep(rng.uniform(0.9, 1.2))
+                before = in_file(agent)
+            # The agent dies with edits under way, while both streams go on.
+            sent, acknowledged = edits_at_once(agent, 2, 10_000, 16 * round_,
+                                               kill_after=rng.randint(1, 300))
             # The disk holds every acknowledged edit, and nothing no one
             # sent; what a write in flight left beside it goes at the next
             # start.
@@ -271,6 +282,11 @@ def test_an_agent_killed_among_edits_keeps_every_acknowledged_one():
             got = addresses_in(leaves(agent.connect().get_config("running")))
             assert before | acknowledged <= got, (before | acknowledged) - got
             assert got <= before | sent, got - before - sent
+        # Stopped cleanly, the agent leaves the document whole, holding it
+        # all by itself.
+        agent.stop()
+        assert {e.text for e in etree.parse(agent.running).iterfind(
+            ".//{*}regular-address/{*}address")} == got
 
 
 def in_file(agent):
