@@ -148,6 +148,7 @@ while read -r f; do [ ! -e "$f" ] || fail "remove left $f"; done <"$tmp/files"
 # Left: what the operator made, and nothing besides.
 find /etc/default/octunnel /etc/octunnel /var/lib/octunnel -not -type d | sort >"$tmp/left"
 printf '%s\n' /etc/default/octunnel /etc/octunnel/users /var/lib/octunnel/running.xml \
+  /var/lib/octunnel/running.commits /var/lib/octunnel/lock \
   /var/lib/octunnel/ssh_host_ed25519_key | sort >"$tmp/kept"
 diff -u "$tmp/kept" "$tmp/left" || fail "remove kept other than the operator's files"
 grep -q "127.0.0.1:$port" /etc/default/octunnel || fail "remove undid the operator's options"
