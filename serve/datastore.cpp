@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -449,8 +448,9 @@ void write_durably(const std::string &path, std::string_view text, unsigned mode
 
 StateLock::StateLock(const std::string &dir)
 {
-    std::error_code made;
-    std::filesystem::create_directories(dir, made);
+    // Made here as the agent makes it, the agent's own: the lock comes first.
+    if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST)
+        throw std::runtime_error(system_error("make the state directory", dir));
     const std::string path = dir + "/lock";
     fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     if (fd_ < 0)
