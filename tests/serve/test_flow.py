@@ -36,6 +36,14 @@ def seeded_agent(interfaces, *args, **kw):
     return agent
 
 
+def sanitized(agent):
+    """Whether the agent runs under AddressSanitizer, whose allocator keeps
+    what is freed in quarantine and pads what is not: its memory says
+    nothing of the agent's bounds, which the other build's run holds it to."""
+    with open(f"/proc/{agent.proc.pid}/maps", encoding="utf-8") as f:
+        return "libasan" in f.read()
+
+
 def peak_memory(agent):
     """The agent's peak resident memory so far, in bytes."""
     status = read(f"/proc/{agent.proc.pid}/status")
@@ -106,7 +114,7 @@ def test_a_client_that_never_reads_is_dropped_at_its_bound_and_memory_stays_boun
             assert line.startswith(f"octunnel serve: session {sid} of '"), line
             s.close()
         grown = peak_memory(agent) - before
-        assert grown < 48 << 20, f"the agent grew by {grown} bytes"
+        assert sanitized(agent) or grown < 48 << 20, f"the agent grew by {grown} bytes"
         assert leaves(m.get_config("running"))
 
 
@@ -177,7 +185,7 @@ def test_a_flood_of_malformed_messages_behind_a_request_is_answered_within_bound
         assert b"<data" in first[0] and b'message-id="g"' in first[0], first[0][:300]
         assert errors[0] >= n - 10
         grown = peak_memory(agent) - before
-        assert grown < 32 << 20, f"the agent grew by {grown} bytes"
+        assert sanitized(agent) or grown < 32 << 20, f"the agent grew by {grown} bytes"
 
 
 def refused_session(agent, user, password):
