@@ -37,24 +37,13 @@ const char octunnel_monitoring_yang[] = R"(module octunnel-netconf-monitoring {
 
 namespace {
 
-void leaf(std::string &out, std::string_view tag, std::string_view value)
-{
-    out += '<';
-    out += tag;
-    out += '>';
-    escape_xml(out, value);
-    out += "</";
-    out += tag;
-    out += '>';
-}
-
 void counters(std::string &out, const SessionCounters &c)
 {
-    leaf(out, "in-rpcs", std::to_string(c.in_rpcs.load()));
-    leaf(out, "in-bad-rpcs", std::to_string(c.in_bad_rpcs.load()));
-    leaf(out, "out-rpc-errors", std::to_string(c.out_rpc_errors.load()));
+    append_leaf(out, "in-rpcs", std::to_string(c.in_rpcs.load()));
+    append_leaf(out, "in-bad-rpcs", std::to_string(c.in_bad_rpcs.load()));
+    append_leaf(out, "out-rpc-errors", std::to_string(c.out_rpc_errors.load()));
     // The agent sends no notifications.
-    leaf(out, "out-notifications", "0");
+    append_leaf(out, "out-notifications", "0");
 }
 
 } // namespace
@@ -121,8 +110,8 @@ std::string Monitor::netconf_state(const RunningLock &lock) const
     out += "<datastores><datastore><name>running</name>";
     if (lock.session != 0) {
         out += "<locks><global-lock>";
-        leaf(out, "locked-by-session", std::to_string(lock.session));
-        leaf(out, "locked-time", rfc3339(lock.since));
+        append_leaf(out, "locked-by-session", std::to_string(lock.session));
+        append_leaf(out, "locked-time", rfc3339(lock.since));
         out += "</global-lock></locks>";
     }
     out += "</datastore></datastores>";
@@ -130,11 +119,11 @@ std::string Monitor::netconf_state(const RunningLock &lock) const
     out += "<sessions>";
     for (const auto &[id, s] : sessions_) {
         out += "<session>";
-        leaf(out, "session-id", std::to_string(id));
+        append_leaf(out, "session-id", std::to_string(id));
         // An identity of another module than the leaf's is named with the
         // prefix that module's namespace is declared with.
         if (s.transport == Transport::ssh) {
-            leaf(out, "transport", "netconf-ssh");
+            append_leaf(out, "transport", "netconf-ssh");
         } else {
             out += "<transport xmlns:";
             out += octunnel_monitoring_prefix;
@@ -144,18 +133,18 @@ std::string Monitor::netconf_state(const RunningLock &lock) const
             out += octunnel_monitoring_prefix;
             out += ":netconf-unix</transport>";
         }
-        leaf(out, "username", s.user);
+        append_leaf(out, "username", s.user);
         if (!s.source_host.empty())
-            leaf(out, "source-host", s.source_host);
-        leaf(out, "login-time", rfc3339(s.login));
+            append_leaf(out, "source-host", s.source_host);
+        append_leaf(out, "login-time", rfc3339(s.login));
         counters(out, *s.counters);
         out += "</session>";
     }
     out += "</sessions><statistics>";
-    leaf(out, "netconf-start-time", rfc3339(start_));
-    leaf(out, "in-bad-hellos", std::to_string(bad_hellos_.load()));
-    leaf(out, "in-sessions", std::to_string(sessions_in_.load()));
-    leaf(out, "dropped-sessions", std::to_string(dropped_.load()));
+    append_leaf(out, "netconf-start-time", rfc3339(start_));
+    append_leaf(out, "in-bad-hellos", std::to_string(bad_hellos_.load()));
+    append_leaf(out, "in-sessions", std::to_string(sessions_in_.load()));
+    append_leaf(out, "dropped-sessions", std::to_string(dropped_.load()));
     counters(out, all_);
     return out + "</statistics></netconf-state>";
 }

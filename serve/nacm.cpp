@@ -523,17 +523,6 @@ std::optional<Denial> first_denied_change(const Subject &subject, const lyd_node
 
 namespace {
 
-void element(std::string &out, const char *name, std::string_view value)
-{
-    out += "<";
-    out += name;
-    out += ">";
-    escape_xml(out, value);
-    out += "</";
-    out += name;
-    out += ">";
-}
-
 const char *action(bool permit)
 {
     return permit ? "permit" : "deny";
@@ -561,40 +550,40 @@ std::string state_xml(const Rules *rules, uint32_t denied_operations, uint32_t d
     Rules none;
     none.enabled = false;
     const Rules &r = rules != nullptr ? *rules : none;
-    element(out, "enable-nacm", r.enabled ? "true" : "false");
-    element(out, "read-default", action(r.read_permit));
-    element(out, "write-default", action(r.write_permit));
-    element(out, "exec-default", action(r.exec_permit));
-    element(out, "enable-external-groups", r.external_groups ? "true" : "false");
-    element(out, "denied-operations", std::to_string(denied_operations));
-    element(out, "denied-data-writes", std::to_string(denied_writes));
-    element(out, "denied-notifications", "0");
+    append_leaf(out, "enable-nacm", r.enabled ? "true" : "false");
+    append_leaf(out, "read-default", action(r.read_permit));
+    append_leaf(out, "write-default", action(r.write_permit));
+    append_leaf(out, "exec-default", action(r.exec_permit));
+    append_leaf(out, "enable-external-groups", r.external_groups ? "true" : "false");
+    append_leaf(out, "denied-operations", std::to_string(denied_operations));
+    append_leaf(out, "denied-data-writes", std::to_string(denied_writes));
+    append_leaf(out, "denied-notifications", "0");
     if (!r.groups.empty()) {
         out += "<groups>";
         for (const Group &g : r.groups) {
             out += "<group>";
-            element(out, "name", g.name);
+            append_leaf(out, "name", g.name);
             for (const std::string &u : g.users)
-                element(out, "user-name", u);
+                append_leaf(out, "user-name", u);
             out += "</group>";
         }
         out += "</groups>";
     }
     for (const RuleList &list : r.lists) {
         out += "<rule-list>";
-        element(out, "name", list.name);
+        append_leaf(out, "name", list.name);
         for (const std::string &g : list.groups)
-            element(out, "group", g);
+            append_leaf(out, "group", g);
         for (const Rule &rule : list.rules) {
             out += "<rule>";
-            element(out, "name", rule.name);
-            element(out, "module-name", rule.module);
+            append_leaf(out, "name", rule.name);
+            append_leaf(out, "module-name", rule.module);
             if (rule.type == Rule::Type::operation)
-                element(out, "rpc-name", rule.rpc);
+                append_leaf(out, "rpc-name", rule.rpc);
             else if (rule.type == Rule::Type::data)
-                element(out, "path", rule.path_text);
-            element(out, "access-operations", access_text(rule.access));
-            element(out, "action", action(rule.permit));
+                append_leaf(out, "path", rule.path_text);
+            append_leaf(out, "access-operations", access_text(rule.access));
+            append_leaf(out, "action", action(rule.permit));
             out += "</rule>";
         }
         out += "</rule-list>";

@@ -334,6 +334,17 @@ Document HostSink::finish()
     return doc;
 }
 
+void append_leaf(std::string &out, std::string_view tag, std::string_view value)
+{
+    out += '<';
+    out += tag;
+    out += '>';
+    escape_xml(out, value);
+    out += "</";
+    out += tag;
+    out += '>';
+}
+
 void escape_xml(std::string &out, std::string_view s, bool attribute)
 {
     for (char ch : s) {

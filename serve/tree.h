@@ -213,5 +213,7 @@ private:
 
 // Appends `s` to `out` escaped for XML text (or an attribute).
 void escape_xml(std::string &out, std::string_view s, bool attribute = false);
+// Appends the element `tag` holding the text `value` to `out`.
+void append_leaf(std::string &out, std::string_view tag, std::string_view value);
 
 } // namespace octunnel::serve
