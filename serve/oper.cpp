@@ -223,6 +223,9 @@ struct OperationalData::Reader {
     // What requests and subscribers see.
     mutable std::mutex published_mutex;
     mutable std::condition_variable published_cv;
+    // The last snapshot every listener has heard of: waiters wake on it,
+    // so that what they then ask of a listener has happened.
+    uint64_t heard = 0;
     std::shared_ptr<const OperationalSnapshot> current = std::make_shared<OperationalSnapshot>();
     std::mutex listeners_mutex;
     std::map<uint64_t, Listener> listeners;
@@ -615,14 +618,20 @@ void OperationalData::Reader::publish()
         std::lock_guard guard(published_mutex);
         last = std::exchange(current, std::move(next));
     }
-    published_cv.notify_all();
     // The snapshot before goes here, and the documents only it held with
     // it, unless a request holds it still.
     last.reset();
     trim();
-    std::lock_guard guard(listeners_mutex);
-    for (const auto &[id, listener] : listeners)
-        listener(now);
+    {
+        std::lock_guard guard(listeners_mutex);
+        for (const auto &[id, listener] : listeners)
+            listener(now);
+    }
+    {
+        std::lock_guard guard(published_mutex);
+        heard = now->sequence;
+    }
+    published_cv.notify_all();
 }
 
 OperationalData::OperationalData(std::string dir, std::function<void(const std::string &)> warn,
@@ -658,7 +667,7 @@ void OperationalData::unsubscribe(uint64_t id)
 std::shared_ptr<const OperationalSnapshot> OperationalData::wait_after(uint64_t sequence) const
 {
     std::unique_lock guard(reader_->published_mutex);
-    reader_->published_cv.wait(guard, [&] { return reader_->current->sequence > sequence; });
+    reader_->published_cv.wait(guard, [&] { return reader_->heard > sequence; });
     return reader_->current;
 }
 

@@ -100,8 +100,8 @@ public:
     uint64_t subscribe(Listener listener);
     // Once this returns, the listener is not called again.
     void unsubscribe(uint64_t id);
-    // Waits until a snapshot later than `sequence` is published, and
-    // returns the last one.
+    // Waits until a snapshot later than `sequence` is published and every
+    // listener has heard of it, and returns the last one.
     std::shared_ptr<const OperationalSnapshot> wait_after(uint64_t sequence) const;
 
 private:
