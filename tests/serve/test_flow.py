@@ -4,11 +4,15 @@ past their sessions, and clients that end their input with requests still
 to answer."""
 
 import contextlib
+import fcntl
 import os
 import re
 import socket
+import struct
 import subprocess
+import termios
 import threading
+import time
 
 import paramiko
 from lxml import etree
@@ -121,15 +125,23 @@ def test_a_client_that_never_reads_is_dropped_at_its_bound_and_memory_stays_boun
 def test_requests_past_the_budget_are_refused_resource_denied_and_the_session_goes_on():
     budget = 1_500_000
     with Agent("--max-in-flight", str(budget), unix=True) as agent:
-        a, b = agent.raw(), agent.raw(unix=True)
+        a, b = agent.raw(unix=True), agent.raw()
         # A holds a message of a megabyte, not all of it sent yet: taken,
-        # not answered.
+        # not answered.  Its socket's queue empties once the agent has read
+        # (and so counted) every byte of it; B asks only then, or B's
+        # request could be the one taken and A's the one refused.
         body = p.rpc("<get>" + " " * 1_000_000 + "</get>", "a1")
         a.send(f"\n#{len(body)}\n{body[:1_000_000]}", raw=True)
+        for _ in range(3000):
+            if fcntl.ioctl(a.chan, termios.TIOCOUTQ, struct.pack("i", 0)) == struct.pack("i", 0):
+                break
+            time.sleep(0.01)
+        else:
+            raise AssertionError("the agent never read what A sent")
         # B's message of a megabyte would pass the budget: resource-denied,
-        # with its message-id, as soon as A's bytes are in (B asks again
-        # until then: nothing else is taken that long).
-        for attempt in range(1000):
+        # with its message-id.  The agent counts A's bytes just after it
+        # reads them: B asks again while they are not yet counted.
+        for attempt in range(100):
             reply = b.rpc("<get>" + " " * 1_000_000 + "</get>", f"b{attempt}")
             if error_tag(reply) == "resource-denied":
                 break
