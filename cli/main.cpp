@@ -5,9 +5,10 @@
 // Exit codes: 0 the translation succeeded; 1 the module refused it (its code
 // and error details on stderr, nothing on stdout); 2 the tool could not run
 // it (usage, unreadable or malformed input, a module that does not load).
-#include "document.h"
-#include "options.h"
-#include "translate.h"
+#include "cli/options.h"
+#include "cli/translate.h"
+#include "translate/document.h"
+#include "translate/install.h"
 
 #include "octunnel/model_tables.h"
 
@@ -33,8 +34,8 @@ int run_serve(int argc, char **argv)
     using namespace octunnel;
     const std::string program = serve_program();
     const Options defaults;
-    setenv("OCTUNNEL_MODULE", Translator::module_path(defaults).c_str(), 1);
-    setenv("OCTUNNEL_YANG_DIR", yang_dir(defaults).c_str(), 1);
+    setenv("OCTUNNEL_MODULE", module_path(defaults.module).c_str(), 1);
+    setenv("OCTUNNEL_YANG_DIR", yang_dir(defaults.yang_dir).c_str(), 1);
     std::vector<char *> args(argv + 1, argv + argc + 1);
     args[0] = const_cast<char *>(program.c_str());
     execv(program.c_str(), args.data());

@@ -2,7 +2,7 @@
 // whole, or not at all.
 #pragma once
 
-#include "document.h"
+#include "translate/document.h"
 
 #include <cstdio>
 #include <optional>

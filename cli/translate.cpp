@@ -1,11 +1,14 @@
-#include "translate.h"
+#include "cli/translate.h"
 
-#include "document.h"
-#include "json_io.h"
-#include "json_schema.h"
-#include "oc_models.h"
-#include "output_file.h"
-#include "xml_io.h"
+#include "translate/install.h"
+#include "translate/walk.h"
+
+#include "cli/output_file.h"
+#include "translate/document.h"
+#include "translate/json_io.h"
+#include "translate/json_schema.h"
+#include "translate/oc_models.h"
+#include "translate/xml_io.h"
 
 #include "octunnel/model_tables.h"
 #include "octunnel/yfw_namespaces.h"
@@ -24,36 +27,6 @@
 
 namespace octunnel {
 namespace {
-
-// A failure of the tool itself rather than of the input: a file it cannot
-// write, a module without a walker.
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-// A native document's roots are the models' exported roots (the one the
-// registration names goes to the registration's walker, as the framework
-// does); a child of a root from a model that augments the root goes to
-// that model's augment entry.
-const models::root *find_route(const vidl_yfw_datatree &root)
-{
-    for (const models::root &r : models::native_roots)
-        if (std::string_view(root.tag) == r.tag && yfwhost::ns_match(r.ns, root.ns))
-            return &r;
-    return nullptr;
-}
-
-const models::root &route(const vidl_yfw_datatree &root)
-{
-    if (const models::root *r = find_route(root); r != nullptr)
-        return *r;
-    std::string known;
-    for (const models::root &r : models::native_roots)
-        known += std::string(known.empty() ? "" : ", ") + r.tag;
-    throw InputError(static_cast<int>(root.fw_line),
-                     element_name(root.tag) + " in namespace '" + root.ns +
-                         "' is not a native root this module translates (roots: " + known + ")");
-}
 
 std::string source_name(const std::string &file)
 {
@@ -235,7 +208,7 @@ std::string json_content(const std::string &text)
 void validate(const Options &o, const Document &doc, const std::string &text, bool read)
 {
     ly_log_options(LY_LOSTORE_LAST); // libyang's words come in the refusal, not on stderr
-    const OpenConfigModels models(yang_dir(o));
+    const OpenConfigModels models(yang_dir(o.yang_dir));
     auto refuse = [](const ModelError &e) {
         throw InputError(static_cast<int>(e.line), e.tag + (e.path.empty() ? "" : " at " + e.path) +
                                                        ": " + as_sentence(e.message));
@@ -255,61 +228,6 @@ void validate(const Options &o, const Document &doc, const std::string &text, bo
 
 Translator::Translator() = default;
 Translator::~Translator() = default;
-
-namespace {
-
-// The directory of the running program, with its trailing '/'.
-std::string program_dir()
-{
-    char exe[4096];
-    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    std::string dir = n > 0 ? std::string(exe, static_cast<std::size_t>(n)) : std::string("./");
-    return dir.substr(0, dir.find_last_of('/') + 1);
-}
-
-// The first of `candidates`, relative to the program, that exists; else the
-// last, so that the error that follows names where an install puts it.
-std::string beside_program(std::initializer_list<const char *> candidates)
-{
-    const std::string dir = program_dir();
-    std::string path;
-    for (const char *c : candidates) {
-        path = dir + c;
-        if (access(path.c_str(), F_OK) == 0)
-            break;
-    }
-    return path;
-}
-
-} // namespace
-
-// The build tree has the module beside the tool; an install has it in a
-// directory of its own, found relative to the tool so that the installed
-// tree may be moved.
-std::string Translator::module_path(const Options &o)
-{
-    if (!o.module.empty())
-        return o.module;
-    if (const char *env = std::getenv("OCTUNNEL_MODULE"); env != nullptr && *env != '\0')
-        return env;
-    return beside_program({"liboctunnel.so", OCTUNNEL_MODULE_FROM_BIN});
-}
-
-// The build tree links share/octunnel/yang beside the tool to the vendored
-// models; an install puts them in its data directory.
-std::string yang_dir(const Options &o)
-{
-    if (!o.yang_dir.empty())
-        return o.yang_dir;
-    if (const char *env = std::getenv("OCTUNNEL_YANG_DIR"); env != nullptr && *env != '\0')
-        return env;
-    return beside_program({"share/octunnel/yang", OCTUNNEL_YANG_FROM_BIN});
-}
-
-std::string serve_program()
-{
-    return beside_program({"octunnel-serve", OCTUNNEL_SERVE_FROM_BIN});
-}
 
 const yfwhost::Module &Translator::module(const std::string &path)
 {
@@ -360,12 +278,12 @@ int Translator::translate(const Options &o, Direction d, Input &input, std::FILE
         // The models that type a JSON answer load on the other core while
         // the document is read and translated.
         std::shared_future<std::shared_ptr<OpenConfigSchema>> *schema =
-            o.json ? &models(yang_dir(o)) : nullptr;
+            o.json ? &models(yang_dir(o.yang_dir)) : nullptr;
         Document doc = read_input(o, input);
         for (const vidl_yfw_datatree *root : doc.roots)
-            route(*root);
+            check_native_root(*root);
 
-        const yfwhost::Module &mod = module(module_path(o));
+        const yfwhost::Module &mod = module(module_path(o.module));
         Session session(o, "data", err);
         yfwhost::Request &req = session.request();
         req.add_input(doc.tree.get());
@@ -394,64 +312,12 @@ int Translator::translate(const Options &o, Direction d, Input &input, std::FILE
     yfwhost::set_resolve_names(o.resolve_names);
 
     static const ModelSchema schema;
-    const yfwhost::Module &mod = module(module_path(o));
+    const yfwhost::Module &mod = module(module_path(o.module));
     Session session(o, read ? "filter" : "config", err);
     yfwhost::Request &req = session.request();
     req.add_input(doc.tree.get());
     verrno rc = walk_to_native(mod, req, doc.roots);
     return session.finish(rc, &schema, answer);
-}
-
-bool native_root_known(const vidl_yfw_datatree &root)
-{
-    return find_route(root) != nullptr;
-}
-
-void check_oc_root(const vidl_yfw_datatree &root)
-{
-    if (std::string_view(root.tag) != "interfaces" || !yfwhost::ns_match(NS_OC_INTERFACES, root.ns))
-        throw InputError(static_cast<int>(root.fw_line),
-                         element_name(root.tag) + " in namespace '" + root.ns +
-                             "' is not the OpenConfig <interfaces> root (" NS_OC_INTERFACES ")");
-}
-
-verrno walk_to_oc(const yfwhost::Module &mod, yfwhost::Request &req,
-                  std::span<vidl_yfw_datatree *const> roots)
-{
-    verrno rc = YFW_OK;
-    for (std::size_t i = 0; i < roots.size() && rc == YFW_OK; ++i) {
-        vidl_yfw_datatree *root = roots[i];
-        const models::root &r = route(*root);
-        map_function walker =
-            r.registered ? mod.registration().native_to_oc_root : mod.function(r.name);
-        if (walker == nullptr)
-            throw UsageError(std::string("the module does not export ") + r.name);
-        rc = walker(req.ctx(), root, req.out());
-        const std::string at = std::string("/") + r.tag;
-        for (const models::entry &e : models::entries) {
-            if (at != e.target)
-                continue;
-            map_function entry = mod.function(e.name);
-            if (entry == nullptr)
-                throw UsageError(std::string("the module does not export ") + e.name);
-            for (std::size_t c = 0; c < yfwhost::tree_child_count(root) && rc == YFW_OK; ++c)
-                if (yfwhost::ns_match(e.ns, root->subtrees[c].ns))
-                    rc = entry(req.ctx(), &root->subtrees[c], req.out());
-        }
-    }
-    return rc;
-}
-
-verrno walk_to_native(const yfwhost::Module &mod, yfwhost::Request &req,
-                      std::span<vidl_yfw_datatree *const> roots)
-{
-    for (const vidl_yfw_datatree *root : roots)
-        check_oc_root(*root);
-    map_function root_walker = mod.registration().oc_to_native_root;
-    verrno rc = YFW_OK;
-    for (std::size_t i = 0; i < roots.size() && rc == YFW_OK; ++i)
-        rc = root_walker(req.ctx(), roots[i], req.out());
-    return rc;
 }
 
 } // namespace octunnel

@@ -2,8 +2,8 @@
 // runs it: read, walk, and write the answer and what the module did.
 #pragma once
 
+#include "cli/options.h"
 #include "octunnel/yfw_types.h"
-#include "options.h"
 
 #include <cstdio>
 #include <future>
@@ -48,9 +48,6 @@ public:
     // and --ring are written whole, or not at all.  Never throws.
     int run(const Options &o, Direction d, Input &input, std::FILE *answer, std::ostream &err);
 
-    // The module of `o`: --module, else $OCTUNNEL_MODULE, else the one
-    // installed with the program, found relative to it.
-    static std::string module_path(const Options &o);
     // The module at `path`, loaded on first use.  Throws std::runtime_error
     // when it does not load.
     const yfwhost::Module &module(const std::string &path);
@@ -66,30 +63,5 @@ private:
     std::string module_path_;
     std::map<std::string, std::shared_future<std::shared_ptr<OpenConfigSchema>>> models_;
 };
-
-// The walks of one request apart from reading and writing, for callers that
-// hold their trees themselves (the agent of `octunnel serve`).  The request
-// must have been given the trees the roots belong to (Request::add_input).
-//
-// Native data to the OpenConfig answer: each root goes to the walker of its
-// native root.  Throws InputError for a root that no walker takes.
-verrno walk_to_oc(const yfwhost::Module &mod, yfwhost::Request &req,
-                  std::span<vidl_yfw_datatree *const> roots);
-// Whether walk_to_oc takes `root`.
-bool native_root_known(const vidl_yfw_datatree &root);
-// An OpenConfig request on /interfaces to the native request tree.  Throws
-// InputError for a root other than the OpenConfig <interfaces>.
-verrno walk_to_native(const yfwhost::Module &mod, yfwhost::Request &req,
-                      std::span<vidl_yfw_datatree *const> roots);
-void check_oc_root(const vidl_yfw_datatree &root);
-
-// Where the OpenConfig YANG models of a JSON answer are read from: --yang-dir,
-// else $OCTUNNEL_YANG_DIR, else the models installed with the tool, found
-// relative to it.
-std::string yang_dir(const Options &o);
-
-// The agent's program, which `octunnel serve` runs: beside the tool in a
-// build tree, beside the module in an install.
-std::string serve_program();
 
 } // namespace octunnel

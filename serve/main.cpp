@@ -5,10 +5,11 @@
 // `octunnel serve` hands it, in OCTUNNEL_MODULE and OCTUNNEL_YANG_DIR, the
 // module and models the tool itself would use; --module and --yang-dir
 // override them as they do for the tool.
-#include "datastore.h"
-#include "options.h"
-#include "server.h"
-#include "translate.h"
+#include "agent/datastore.h"
+#include "cli/options.h"
+#include "cli/translate.h"
+#include "netconf/server.h"
+#include "translate/install.h"
 
 #include <CLI/CLI.hpp>
 #include <cstddef>
@@ -41,7 +42,7 @@ int main(int argc, char **argv)
 {
     using namespace octunnel;
     serve::ServerOptions so;
-    Options serve_options;
+    std::string serve_module, serve_yang_dir;
     std::string serve_router_type = "0", serve_max_request, serve_max_oper, serve_startups,
                 serve_penalty, serve_max_in_flight, serve_max_unread;
     unsigned serve_per_source = so.admission.per_source;
@@ -125,10 +126,9 @@ int main(int argc, char **argv)
                      "Print the native running configuration of --state-dir as committed (its "
                      "document with the commits logged since) and exit; an agent serving it goes "
                      "on undisturbed");
-    server->add_option("--module", serve_options.module, "The mapping module to load")
-        ->type_name("PATH");
+    server->add_option("--module", serve_module, "The mapping module to load")->type_name("PATH");
     server
-        ->add_option("--yang-dir", serve_options.yang_dir,
+        ->add_option("--yang-dir", serve_yang_dir,
                      "The YANG models advertised and served by <get-schema> (default: "
                      "$OCTUNNEL_YANG_DIR, else the models installed with the tool)")
         ->type_name("DIR");
@@ -228,7 +228,7 @@ int main(int argc, char **argv)
         }
     }
     so.agent.verbose = so.verbose;
-    so.agent.module_path = Translator::module_path(serve_options);
-    so.yang_dir = yang_dir(serve_options);
+    so.agent.module_path = module_path(serve_module);
+    so.yang_dir = yang_dir(serve_yang_dir);
     return serve::serve(so, std::cerr);
 }

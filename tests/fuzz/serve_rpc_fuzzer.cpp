@@ -38,11 +38,11 @@
 // tools/fuzz_corpus.py writes the seeds in this form; with
 // OCTUNNEL_FUZZ_SHOW set, what the client got goes to stderr.  Built
 // without libFuzzer, it replays its inputs (replay_main.h).
-#include "agent.h"
-#include "datastore.h"
-#include "guard.h"
-#include "requests.h"
-#include "screen.h"
+#include "agent/agent.h"
+#include "agent/datastore.h"
+#include "netconf/guard.h"
+#include "netconf/requests.h"
+#include "netconf/screen.h"
 
 #include <libxml/parser.h>
 #include <libyang/libyang.h>

@@ -22,8 +22,9 @@
 // With libFuzzer it is a fuzz target; built without, its main() replays
 // the files and directories it is given, as CI does with the inputs that
 // once failed.
-#include "document.h"
-#include "translate.h"
+#include "cli/translate.h"
+#include "translate/document.h"
+#include "translate/install.h"
 
 #include <libxml/parser.h>
 #include <rapidjson/document.h>
@@ -132,7 +133,7 @@ Harness &harness()
 Options options(const uint8_t *header)
 {
     Options o;
-    o.module = Translator::module_path(o);
+    o.module = module_path(o.module);
     const char *kinds[] = {"get-config", "edit", "get"};
     o.kind_text = header[0] % 4 < 3 ? kinds[header[0] % 4] : std::to_string(header[0] / 4);
     o.router_type_text = std::to_string(header[1] % 2 == 1 ? 13 : header[1] / 2);

@@ -4,8 +4,8 @@
 // test's own.  What the options of a key do at a login, and the attacks
 // themselves, are tested over SSH with real clients (tests/serve/
 // test_logins.py).
-#include "access.h"
-#include "admission.h"
+#include "agent/access.h"
+#include "agent/admission.h"
 
 #include <gtest/gtest.h>
 

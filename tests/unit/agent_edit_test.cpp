@@ -3,7 +3,7 @@
 // (RFC 6241's operations are held by edit_property_test.cpp).  Each refusal
 // names its error-tag and the OpenConfig node, and leaves the configuration
 // and its file as they were.
-#include "agent.h"
+#include "agent/agent.h"
 
 #include <gtest/gtest.h>
 #include <libyang/libyang.h>

@@ -27,7 +27,7 @@
 // missing-element (an entry without its key), invalid-value (a value that
 // does not fit, read-only data).  Of several errors an edit meets, any may
 // be the one named: RFC 6241 leaves the order of the checks to the server.
-#include "agent.h"
+#include "agent/agent.h"
 
 #include <gtest/gtest.h>
 #include <libxml/parser.h>

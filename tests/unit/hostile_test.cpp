@@ -2,8 +2,8 @@
 // each is refused with exit 2, one line that names the problem and its
 // place, nothing on the answer stream and no file left behind; or, where
 // the input is good, it translates the same whether observed or not.
-#include "document.h"
-#include "translate.h"
+#include "cli/translate.h"
+#include "translate/document.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // The JSON type of an OpenConfig value, as the writer tells it, against
 // libyang's own judgement of the value: the writer takes canonical numbers
 // and booleans without asking libyang, and must agree with it on every one.
-#include "json_schema.h"
+#include "translate/json_schema.h"
 
 #include <gtest/gtest.h>
 #include <libyang/libyang.h>

@@ -2,8 +2,8 @@
 // served: which rule decides, in what order, with which defaults, for
 // which user; what a rules file must be; which changes of an edit are
 // checked.
-#include "nacm.h"
-#include "oc_models.h"
+#include "agent/nacm.h"
+#include "translate/oc_models.h"
 
 #include <gtest/gtest.h>
 #include <libyang/libyang.h>

@@ -3,7 +3,7 @@
 // version that is not whole, too large or configuration is named in the log
 // and leaves what <get> answers as the promise says; subscribers are told of
 // every publication, in order.
-#include "agent.h"
+#include "agent/agent.h"
 
 #include <gtest/gtest.h>
 #include <libyang/libyang.h>

@@ -3,8 +3,8 @@
 // replaced by a regular file, a regular file replaced whole with its mode;
 // two outputs on one file, or one on the input, refused before anything is
 // written; and an exit 2 leaves no file behind.
-#include "document.h"
-#include "translate.h"
+#include "cli/translate.h"
+#include "translate/document.h"
 
 #include <gtest/gtest.h>
 

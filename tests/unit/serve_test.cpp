@@ -1,12 +1,12 @@
 // The agent's parts without a network: subtree filtering of native data, the
 // datastore's edits and its file, the relay's guard and its screen.  What the
 // agent does through the module is driven end to end by tests/serve/.
-#include "datastore.h"
-#include "filter.h"
-#include "guard.h"
-#include "requests.h"
-#include "screen.h"
-#include "tree.h"
+#include "agent/datastore.h"
+#include "agent/filter.h"
+#include "agent/tree.h"
+#include "netconf/guard.h"
+#include "netconf/requests.h"
+#include "netconf/screen.h"
 
 #include <gtest/gtest.h>
 #include <libyang/libyang.h>

@@ -1,0 +1,212 @@
+// What the agent does with each request, apart from the protocol: edits go
+// through the mapping module to the native running configuration, reads go
+// through it to the native configuration and operational data and back to
+// OpenConfig.  Requests come in as the XML texts of their parameters and are
+// answered with the XML text of the data or with NETCONF errors, so that
+// everything here can be driven without a network.
+#pragma once
+
+#include "agent/datastore.h"
+#include "agent/nacm.h"
+#include "agent/oper.h"
+#include "translate/oc_models.h"
+#include "translate/walk.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace octunnel::serve {
+
+// The lock of the running configuration: the session that holds it (0:
+// none) and since when.
+struct RunningLock {
+    uint32_t session = 0;
+    std::time_t since = 0;
+};
+
+// One <rpc-error> (RFC 6241, section 4.3).
+struct RpcError {
+    std::string type = "application"; // transport, rpc, protocol, application
+    std::string tag;                  // error-tag
+    std::string message;              // error-message
+    std::string path;                 // error-path
+    // The namespaces of the prefixes `path` uses (prefix, namespace), to be
+    // declared where error-path is written so that the path reads as an
+    // instance identifier.
+    std::vector<std::pair<std::string, std::string>> path_namespaces;
+    std::string app_tag; // error-app-tag
+    // error-info
+    std::string bad_element, bad_attribute, bad_namespace;
+    uint32_t session_id = 0;
+};
+
+// An answer: errors, or (when there are none) data when the request reads.
+struct Outcome {
+    std::vector<RpcError> errors;
+    std::string data; // XML elements, the content of <data>
+
+    bool ok() const { return errors.empty(); }
+    static Outcome error(RpcError e)
+    {
+        Outcome o;
+        o.errors.push_back(std::move(e));
+        return o;
+    }
+};
+
+struct AgentOptions {
+    std::string state_dir;
+    std::string oper_dir;    // none: no operational data
+    std::string module_path; // the mapping module
+    std::string yang_dir;    // the OpenConfig models requests are checked against
+    // Or the models themselves, loaded once for many agents (tests).
+    std::shared_ptr<const OpenConfigModels> models;
+    uint32_t router_type = 0;
+    bool resolve_names = false;
+    // The largest <config> or <filter> taken, in bytes; beyond: too-big.
+    std::size_t max_content = std::size_t{256} << 20;
+    // The access control rules (ietf-netconf-acm data in XML); none: no
+    // access control, every user may do everything.
+    std::string nacm_file;
+    // Or the rules themselves (tests); nacm_file is read over them.
+    std::shared_ptr<const nacm::Rules> rules;
+    // The largest operational document read, in bytes.
+    std::size_t max_oper_document = std::size_t{256} << 20;
+    // Log each operational document as it is answered, and as it goes.
+    bool verbose = false;
+    // Called by the reader of operational documents as it begins one
+    // (tests hold it there).
+    std::function<void(const std::string &)> oper_reading;
+};
+
+class Agent {
+public:
+    // Loads the module and reads the running configuration of the state
+    // directory (creating the directory if need be).  Throws
+    // std::runtime_error naming what is wrong (the file and line of a
+    // configuration that is not a document).
+    Agent(const AgentOptions &o, std::function<void(const std::string &)> log);
+    ~Agent();
+
+    // <edit-config> on running: `config` is the text of its <config>, the
+    // top-level elements each with the namespaces it uses declared.  The
+    // edit is checked against the OpenConfig models, applied by RFC 6241's
+    // rules to the configuration as <get-config> shows it, and carried to
+    // the native configuration as the difference; it is kept only when the
+    // configuration then reads back as intended.
+    Outcome edit_config(uint32_t session, std::string_view config, DefaultOperation op,
+                        bool test_only);
+    // <validate> of an inline configuration: whether it would be taken as
+    // the whole running configuration, by every check of an edit.
+    Outcome validate(uint32_t session, std::string_view config);
+    // <get-config> on running (`config_only`) or <get>: `filter` is the text
+    // of a subtree filter, or none for everything.
+    Outcome read(uint32_t session, bool config_only, const std::optional<std::string> &filter);
+    Outcome lock(uint32_t session);
+    Outcome unlock(uint32_t session);
+    // The session is gone: its lock goes with it.
+    void session_ended(uint32_t session);
+
+    // Access control.  A session is its user's from here on; a recovery
+    // session (the agent's own administrator) is never restricted.  A
+    // session never named here is a user of no group.
+    void session_began(uint32_t session, std::string user, bool recovery);
+    // Whether the session may run the protocol operation `operation`: an
+    // access-denied error (of the protocol) where it may not.
+    std::optional<RpcError> authorize(uint32_t session, const lysc_node *operation);
+    // The rules read again from --nacm's file; on a fault (a RulesError
+    // naming file and line) those in force stay.
+    void reload_rules();
+    // What the session may do under the rules in force.
+    nacm::Subject subject(uint32_t session) const;
+    uint32_t denied_operations() const { return denied_operations_; }
+    uint32_t denied_data_writes() const { return denied_writes_; }
+    // State data of the server itself (the YANG library, NETCONF
+    // monitoring) that <get> answers beside the OpenConfig interfaces, as
+    // XML elements: written by `state` each time a <get> may select some of
+    // it, given the lock of running as it stands, so that it is current.
+    // Its identities of modules other than their leaf's are named with
+    // `value_prefixes`.  A text that is no document is an operation-failed.
+    using ServerState = std::function<std::string(const RunningLock &)>;
+    void set_server_state(ServerState state, std::vector<PrefixNs> value_prefixes = {});
+
+    const std::string &running_path() const;
+    // The operational data <get> answers from, to be told when it changes.
+    OperationalData &operational() { return oper_; }
+
+private:
+    Outcome read_locked(uint32_t session, bool config_only,
+                        const std::optional<std::string> &filter);
+    // `checked`: whether what the edit writes is held to the session's
+    // access (not for <validate>, which writes nothing).
+    Outcome edit_locked(uint32_t session, std::string_view config, DefaultOperation op,
+                        bool test_only, bool checked = true);
+    // Takes out of the top-level nodes of `holder` what the subject may
+    // not read.
+    void leave_out_unreadable(const nacm::Subject &who, Node &holder) const;
+    std::string user_of(uint32_t session) const;
+    // The OpenConfig answer of a read of `kind` through the module, into
+    // `answer`: of the native data the module's filter of `filter` selects,
+    // or of all of it when `filter` is null.
+    std::optional<RpcError> read_oc(uint32_t kind, const Document *filter, Tree &answer);
+    // The OpenConfig configuration of the interfaces `names` (all of them
+    // when none), as <get-config> shows it, settled.
+    std::optional<RpcError> configuration(const std::optional<std::vector<std::string>> &names,
+                                          DataTree &config);
+
+    // Writes the running configuration's document again once edits pause
+    // (Datastore::fold), so that the file a person reads is current within
+    // `fold_delay` of the last commit.
+    void fold_loop();
+
+    std::mutex mutex_; // one request at a time sees the datastore and the module
+    AgentOptions options_;
+    std::function<void(const std::string &)> log_;
+    std::unique_ptr<yfwhost::Module> module_;
+    std::shared_ptr<const OpenConfigModels> models_ptr_;
+    const OpenConfigModels &models_;
+    Datastore running_;
+    OperationalData oper_;
+    ServerState server_state_;
+    std::vector<PrefixNs> value_prefixes_;
+    uint32_t lock_owner_ = 0;
+    std::time_t lock_time_ = 0;
+
+    struct SessionUser {
+        std::string user;
+        bool recovery = false;
+    };
+    mutable std::mutex access_mutex_; // the rules and the sessions' users
+    std::shared_ptr<const nacm::Rules> rules_;
+    std::unordered_map<uint32_t, SessionUser> session_users_;
+    std::atomic<uint32_t> denied_operations_{0}, denied_writes_{0};
+
+    std::chrono::steady_clock::time_point last_commit_{};
+    std::string fold_failure_; // the last one logged, to log each once
+    bool stopping_ = false;
+    std::condition_variable fold_cv_;
+    std::thread folder_; // last: it starts once everything else is made
+};
+
+// How long after the last commit the running configuration's document is
+// written again: long enough that a burst of edits pays for it once, short
+// enough that the file an operator opens is all but current.
+inline constexpr std::chrono::milliseconds fold_delay{1000};
+
+// The request kind of an edit, as the module knows it.
+inline constexpr uint32_t edit_kind = 1;
+
+} // namespace octunnel::serve

@@ -1,0 +1,167 @@
+#include "netconf/requests.h"
+
+#include "netconf/monitor.h"
+#include "translate/oc_models.h"
+
+#include <libyang/libyang.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <iterator>
+#include <new>
+#include <stdexcept>
+
+namespace octunnel::serve {
+namespace {
+
+// The XML text an anyxml parameter holds.  Its elements are printed
+// whatever they hold: an empty one (<interfaces/>) is a selection node of
+// a filter, which libyang's own text of the value would leave out.
+std::string content_of(const lyd_node *node)
+{
+    const auto *any = reinterpret_cast<const lyd_node_any *>(node);
+    char *text = nullptr;
+    switch (any->value_type) {
+    case LYD_ANYDATA_DATATREE:
+        if (any->value.tree == nullptr)
+            return {};
+        if (lyd_print_mem(&text, any->value.tree, LYD_XML,
+                          LYD_PRINT_WITHSIBLINGS | LYD_PRINT_KEEPEMPTYCONT | LYD_PRINT_SHRINK) !=
+            LY_SUCCESS)
+            throw std::bad_alloc();
+        break;
+    case LYD_ANYDATA_XML:
+    case LYD_ANYDATA_STRING:
+        return any->value.str != nullptr ? any->value.str : "";
+    default:
+        if (lyd_any_value_str(node, &text) != LY_SUCCESS)
+            throw std::bad_alloc();
+    }
+    std::string s = text != nullptr ? text : "";
+    std::free(text);
+    return s;
+}
+
+Outcome only_running()
+{
+    return failure("operation-not-supported", "only the running configuration is served",
+                   "application");
+}
+
+Reply edit_config(Agent &agent, const lyd_node *rpc, uint32_t sid)
+{
+    if (param(rpc, "target/running") == nullptr)
+        return {only_running()};
+    const lyd_node *config = param(rpc, "config");
+    if (config == nullptr)
+        return {
+            failure("operation-not-supported", "only an inline <config> is taken", "application")};
+    DefaultOperation op = DefaultOperation::merge;
+    if (const std::string d = text_of(param(rpc, "default-operation")); d == "replace")
+        op = DefaultOperation::replace;
+    else if (d == "none")
+        op = DefaultOperation::none;
+    const bool test_only = text_of(param(rpc, "test-option")) == "test-only";
+    return {agent.edit_config(sid, content_of(config), op, test_only)};
+}
+
+Reply validate(Agent &agent, const lyd_node *rpc, uint32_t sid)
+{
+    // The running configuration is valid as it stands; an inline one is
+    // tried as the whole configuration, and not kept.
+    if (const lyd_node *config = param(rpc, "source/config"); config != nullptr)
+        return {agent.validate(sid, content_of(config))};
+    if (param(rpc, "source/running") != nullptr)
+        return {};
+    return {failure("operation-not-supported",
+                    "only the running configuration or an inline one is validated", "application")};
+}
+
+Reply read(Agent &agent, const lyd_node *rpc, uint32_t sid, bool config_only)
+{
+    if (config_only && param(rpc, "source/running") == nullptr)
+        return {only_running()};
+    std::optional<std::string> filter;
+    if (const lyd_node *f = param(rpc, "filter"); f != nullptr) {
+        const lyd_meta *type = lyd_find_meta(f->meta, nullptr, "ietf-netconf:type");
+        if (type != nullptr && std::string_view(lyd_get_meta_value(type)) != "subtree") {
+            RpcError e;
+            e.tag = "bad-attribute";
+            e.type = "protocol";
+            e.bad_attribute = "type";
+            e.bad_element = "filter";
+            e.message = "only subtree filters are taken";
+            return {Outcome::error(e)};
+        }
+        filter = content_of(f);
+    }
+    Reply r{agent.read(sid, config_only, filter), true};
+    return r;
+}
+
+} // namespace
+
+ly_ctx *served_context(const std::string &yang_dir)
+{
+    ly_ctx *ctx = load_served_models(yang_dir);
+    // The agent's own identities of monitoring, built in.
+    if (lys_parse_mem(ctx, octunnel_monitoring_yang, LYS_IN_YANG, nullptr) != LY_SUCCESS) {
+        ly_ctx_destroy(ctx);
+        throw std::runtime_error("cannot load the model " +
+                                 std::string(octunnel_monitoring_module));
+    }
+    return ctx;
+}
+
+std::string text_of(const lyd_node *node)
+{
+    return node != nullptr && lyd_get_value(node) != nullptr ? lyd_get_value(node) : "";
+}
+
+const lyd_node *param(const lyd_node *rpc, const char *path)
+{
+    lyd_node *found = nullptr;
+    return lyd_find_path(rpc, path, 0, &found) == LY_SUCCESS ? found : nullptr;
+}
+
+Outcome failure(const char *tag, std::string message, const char *type)
+{
+    RpcError e;
+    e.tag = tag;
+    e.type = type;
+    e.message = std::move(message);
+    return Outcome::error(e);
+}
+
+bool performs(std::string_view module, std::string_view name)
+{
+    static constexpr std::string_view netconf[] = {"edit-config",   "get-config",  "get",
+                                                   "lock",          "unlock",      "validate",
+                                                   "close-session", "kill-session"};
+    if (module == "ietf-netconf")
+        return std::find(std::begin(netconf), std::end(netconf), name) != std::end(netconf);
+    return module == "ietf-netconf-monitoring" && name == "get-schema";
+}
+
+std::optional<Reply> handle_request(Agent &agent, const lyd_node *rpc, uint32_t session)
+{
+    if (rpc->schema == nullptr || std::string_view(rpc->schema->module->name) != "ietf-netconf")
+        return std::nullopt;
+    const std::string_view name = LYD_NAME(rpc);
+    if (name == "edit-config")
+        return edit_config(agent, rpc, session);
+    if (name == "get-config")
+        return read(agent, rpc, session, true);
+    if (name == "get")
+        return read(agent, rpc, session, false);
+    if (name == "lock" || name == "unlock") {
+        if (param(rpc, "target/running") == nullptr)
+            return Reply{only_running()};
+        return Reply{name == "lock" ? agent.lock(session) : agent.unlock(session)};
+    }
+    if (name == "validate")
+        return validate(agent, rpc, session);
+    return std::nullopt;
+}
+
+} // namespace octunnel::serve
