@@ -248,8 +248,8 @@ def test_clients_editing_at_once_lose_no_acknowledged_edit():
     with Agent() as agent:
         # Every client writes into the same tunnel: the edits meet in one
         # native list.
-        _, acknowledged = edits_at_once(agent, 8, 200, 0)
-        assert len(acknowledged) == 8 * 200
+        _, acknowledged = edits_at_once(agent, 4, 100, 0)
+        assert len(acknowledged) == 4 * 100
         assert addresses_in(leaves(agent.connect().get_config("running"))) == acknowledged
         # ... and so does the file, read after the agent is gone.
         agent.stop()
@@ -272,7 +272,7 @@ def test_an_agent_killed_among_edits_keeps_every_acknowledged_one():
                 before = in_file(agent)
             # The agent dies with edits under way, while both streams go on.
             sent, acknowledged = edits_at_once(agent, 2, 10_000, 16 * round_,
-                                               kill_after=rng.randint(1, 300))
+                                               kill_after=rng.randint(1, 150))
             # The disk holds every acknowledged edit, and nothing no one
             # sent; what a write in flight left beside it goes at the next
             # start.
