@@ -439,6 +439,15 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
             return Outcome::error(e);
         }
 
+    // What those who watch the configuration will hear of, once it is
+    // committed.
+    std::optional<ConfigChange> told;
+    if (change_listener_ && !test_only) {
+        told.emplace();
+        told->session = session;
+        told->edits = edits_between(before.get(), intended.get());
+    }
+
     // The difference, through the module, into the native configuration:
     // first what goes, then what comes.
     Change change = difference(before.get(), intended.get());
@@ -494,6 +503,8 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
         log_(e.message);
         return Outcome::error(e);
     }
+    if (told)
+        change_listener_(*told);
     return {};
 }
 

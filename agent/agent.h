@@ -6,6 +6,7 @@
 // everything here can be driven without a network.
 #pragma once
 
+#include "agent/changes.h"
 #include "agent/datastore.h"
 #include "agent/nacm.h"
 #include "agent/oper.h"
@@ -143,6 +144,11 @@ public:
     using ServerState = std::function<std::string(const RunningLock &)>;
     void set_server_state(ServerState state, std::vector<PrefixNs> value_prefixes = {});
 
+    // Told of every change committed to the running configuration, by
+    // the thread that commits it with the configuration's lock held: it
+    // must not wait, nor ask anything of the agent.  Set before serving.
+    void on_change(ChangeListener listener) { change_listener_ = std::move(listener); }
+
     const std::string &running_path() const;
     // The operational data <get> answers from, to be told when it changes.
     OperationalData &operational() { return oper_; }
@@ -181,6 +187,7 @@ private:
     Datastore running_;
     OperationalData oper_;
     ServerState server_state_;
+    ChangeListener change_listener_;
     std::vector<PrefixNs> value_prefixes_;
     uint32_t lock_owner_ = 0;
     std::time_t lock_time_ = 0;

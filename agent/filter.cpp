@@ -56,8 +56,8 @@ void mark(const Node &d, Selection &s, uint8_t level)
 }
 
 // The keys of a list entry: as the models give them, and for the lists of
-// NETCONF monitoring that the server's own state holds, which the models
-// do not describe, as ietf-netconf-monitoring does.
+// the server's own state (NETCONF monitoring, event streams), which the
+// models do not describe, as their modules do.
 std::span<const std::string_view> keys_of(const Node &d)
 {
     if (d.place() != nullptr)
@@ -65,6 +65,10 @@ std::span<const std::string_view> keys_of(const Node &d)
     static constexpr std::string_view session[] = {"session-id"};
     static constexpr std::string_view datastore[] = {"name"};
     static constexpr std::string_view schema[] = {"identifier", "version", "format"};
+    static constexpr std::string_view stream[] = {"name"};
+    if (std::string_view(d.ns()) == "urn:ietf:params:xml:ns:netmod:notification" &&
+        std::string_view(d.tag()) == "stream")
+        return stream;
     if (d.ns() != monitoring_ns)
         return {};
     const std::string_view tag = d.tag();

@@ -667,17 +667,32 @@ std::size_t SessionGuard::from_client(std::string_view bytes, Out &out)
     return i;
 }
 
+void SessionGuard::back_head(std::string_view bytes)
+{
+    for (const char c : bytes) {
+        if (back_head_size_ == sizeof back_head_)
+            return;
+        if (back_head_size_ == 0 && (c == ' ' || c == '\n' || c == '\r' || c == '\t'))
+            continue;
+        back_head_[back_head_size_++] = c;
+    }
+}
+
 void SessionGuard::from_agent(std::string_view bytes, Out &out)
 {
     // libnetconf2's messages end where its frames say; each that ends lets
-    // the answers of the guard that wait for it go after it.
+    // the answers of the guard that wait for it go after it, but for an
+    // event notification, which answers nothing.
+    static constexpr std::string_view notification = "<notification";
     std::size_t sent = 0;
     auto message_ended = [&](std::size_t upto) {
         out.to_client.append(bytes.substr(sent, upto - sent));
         sent = upto;
+        const bool event = std::string_view(back_head_, back_head_size_).starts_with(notification);
+        back_head_size_ = 0;
         if (!agent_hello_done_) {
             agent_hello_done_ = true;
-        } else {
+        } else if (!event) {
             ++answered_;
             if (!in_flight_.empty()) {
                 charge_.give_back(in_flight_.front());
@@ -692,6 +707,8 @@ void SessionGuard::from_agent(std::string_view bytes, Out &out)
         // end mark; those of a base:1.1 session are chunks.
         const bool chunks = agent_hello_done_ && chunked_;
         if (!chunks) {
+            if (back_head_size_ < sizeof back_head_)
+                back_head({&c, 1});
             while (back_matched_ > 0 && c != end_mark[back_matched_])
                 back_matched_ = border[back_matched_];
             if (c == end_mark[back_matched_])
@@ -739,6 +756,8 @@ void SessionGuard::from_agent(std::string_view bytes, Out &out)
         case Back::data: {
             const std::size_t take = static_cast<std::size_t>(
                 std::min<uint64_t>(back_left_, static_cast<uint64_t>(bytes.size() - i)));
+            if (back_head_size_ < sizeof back_head_)
+                back_head(bytes.substr(i, take));
             back_left_ -= take;
             i += take;
             if (back_left_ == 0)

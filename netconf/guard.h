@@ -219,12 +219,18 @@ private:
     uint64_t left_ = 0;
 
     // libnetconf2's side: its messages counted as they end.  Its first is
-    // its hello; then one answer for each request handed on.
+    // its hello; then one answer for each request handed on, and the event
+    // notifications of a subscription among them, which answer nothing:
+    // told apart by the head of the message (back_head_, its first bytes
+    // but for blanks).
     enum class Back { message, newline, hash, first, digits, end_newline, data };
     Back back_ = Back::message;
     std::size_t back_matched_ = 0;
     uint64_t back_left_ = 0;
     bool agent_hello_done_ = false;
+    char back_head_[13] = {};
+    std::size_t back_head_size_ = 0;
+    void back_head(std::string_view bytes);
 
     // The budget: what the message in hand holds of it, whether that message
     // is refused for it (and how large it is then, kept or not), and what

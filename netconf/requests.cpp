@@ -140,6 +140,8 @@ bool performs(std::string_view module, std::string_view name)
                                                    "close-session", "kill-session"};
     if (module == "ietf-netconf")
         return std::find(std::begin(netconf), std::end(netconf), name) != std::end(netconf);
+    if (module == "notifications")
+        return name == "create-subscription";
     return module == "ietf-netconf-monitoring" && name == "get-schema";
 }
 

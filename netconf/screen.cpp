@@ -1,6 +1,7 @@
 #include "netconf/screen.h"
 
 #include "netconf/guard.h"
+#include "netconf/notifications.h"
 #include "netconf/requests.h"
 #include "translate/input_error.h"
 
@@ -271,6 +272,14 @@ private:
                 return fail(u, steps);
             }
             const lysc_node *sc = lys_find_child(s, m, name(c).data(), 0, 0, 0);
+            if (name(c) == "filter" && std::string_view(s->name) == "create-subscription") {
+                // Clients write it in either namespace (RFC 5277's own, or
+                // NETCONF's, as its examples may be read): neither is taken.
+                RpcError u =
+                    refusal("operation-not-supported", events_filter_refusal, "application");
+                u.bad_element = name(c);
+                return fail(u, steps);
+            }
             if (sc == nullptr) {
                 if (datastore(s, m, name(c)))
                     return fail(refusal("operation-not-supported",

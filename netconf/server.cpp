@@ -1,5 +1,6 @@
 #include "netconf/server.h"
 #include "netconf/monitor.h"
+#include "netconf/notifications.h"
 
 #include "agent/access.h"
 #include "netconf/relay.h"
@@ -430,6 +431,7 @@ private:
     std::unique_ptr<StateLock> state_lock_;
     std::unique_ptr<Agent> agent_;
     Monitor monitor_;
+    std::unique_ptr<Notifications> notifications_;
     std::string yang_library_;
     Users users_;
     AuthorizedKeys keys_;
@@ -531,6 +533,8 @@ nc_server_reply *Server::rpc(lyd_node *rpc, nc_session *session)
                 return kill_session(rpc, sid);
         } else if (module == "ietf-netconf-monitoring" && name == "get-schema") {
             return get_schema(rpc);
+        } else if (module == "notifications" && name == "create-subscription") {
+            return answer(rpc, notifications_->subscribe(session, sid, rpc), false);
         }
         return error(ctx, "operation-not-supported",
                      "<" + std::string(name) + "> is not an operation this agent performs");
@@ -612,6 +616,7 @@ void Server::add(nc_session *session, int fd, const Client &from)
     agent_->session_began(id, from.user, from.recovery);
     monitor_.started({id, from.user, from.transport, from.host,
                       login != 0 ? login : std::time(nullptr), from.counters});
+    notifications_->session_started({id, from.user, from.host});
     log("session " + std::to_string(id) + " of " + user_name(from.user) + " began, " +
         (from.transport == Transport::ssh ? "over SSH from " + from.host + " port " + from.port
                                           : std::string("on the UNIX socket")));
@@ -629,27 +634,34 @@ void Server::end(nc_session *session)
 {
     const uint32_t id = nc_session_get_id(session);
     // Closed and killed sessions ended as asked; any other was dropped.
-    std::string how;
+    std::string how, reason;
     bool dropped = false;
     switch (nc_session_get_term_reason(session)) {
     case NC_SESSION_TERM_CLOSED:
-        how = "closed";
+        how = reason = "closed";
         break;
     case NC_SESSION_TERM_KILLED:
         how = "killed by session " + std::to_string(nc_session_get_killed_by(session));
+        reason = "killed";
         break;
     case NC_SESSION_TERM_TIMEOUT:
         how = "dropped: it timed out";
+        reason = "timeout";
         dropped = true;
         break;
     case NC_SESSION_TERM_DROPPED:
         how = "dropped: its connection ended";
+        reason = "dropped";
         dropped = true;
         break;
     default:
         how = "dropped";
+        reason = "other";
         dropped = true;
     }
+    // Nothing more is sent to it, and nothing is being sent, before it is
+    // freed.
+    notifications_->forget(id);
     monitor_.ended(id, dropped);
     std::string line = "session " + std::to_string(id);
     int fd = -1;
@@ -665,6 +677,7 @@ void Server::end(nc_session *session)
         nc_ps_del_session(ps_, session);
     }
     agent_->session_ended(id);
+    notifications_->session_ended(id, reason, nc_session_get_killed_by(session));
     nc_session_free(session, nullptr);
     // libnetconf2 leaves the descriptors it was handed to their owner;
     // closing this one ends the relay of the session.
@@ -692,6 +705,10 @@ void Server::poll_loop()
                 monitor_.bad_rpc(*c);
         if ((r & (NC_PSPOLL_SESSION_TERM | NC_PSPOLL_SESSION_ERROR)) && session != nullptr)
             end(session);
+        // A subscription made by the request just answered begins now
+        // that its <ok/> is out.
+        else if ((r & NC_PSPOLL_RPC) && session != nullptr)
+            notifications_->start(nc_session_get_id(session));
     }
 }
 
@@ -1144,10 +1161,17 @@ void Server::start()
     if (nc_server_init(ctx_) != 0)
         throw std::runtime_error("cannot start libnetconf2");
     nc_started_ = true;
+    for (const char *capability : {notification_capability, interleave_capability})
+        nc_server_set_capability(capability);
+    notifications_ =
+        std::make_unique<Notifications>(ctx_, [this](const std::string &l) { log(l); });
+    agent_->on_change([this](const ConfigChange &c) { notifications_->config_changed(c); });
     yang_library_ = yang_library(ctx_);
     set_served(monitor_, ctx_);
     agent_->set_server_state(
-        [this](const RunningLock &lock) { return yang_library_ + monitor_.netconf_state(lock); },
+        [this](const RunningLock &lock) {
+            return yang_library_ + monitor_.netconf_state(lock) + notifications_->streams();
+        },
         {PrefixNs(octunnel_monitoring_prefix, octunnel_monitoring_ns)});
     nc_server_set_hello_timeout(60);
     nc_server_set_idle_timeout(0);
@@ -1213,6 +1237,8 @@ int Server::run()
 
 Server::~Server()
 {
+    // Its thread sends to the sessions, of the context, that go next.
+    notifications_.reset();
     if (ps_ != nullptr) {
         nc_ps_clear(ps_, 1, nullptr);
         nc_ps_free(ps_);

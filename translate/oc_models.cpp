@@ -136,6 +136,10 @@ ly_ctx *load_served_models(const std::string &yang_dir)
         missing = "ietf-netconf-monitoring";
     else if (ly_ctx_load_module(ctx, "ietf-netconf-acm", nullptr, nullptr) == nullptr)
         missing = "ietf-netconf-acm";
+    // Event notifications: <create-subscription>, the streams, the events.
+    for (const char *m : {"notifications", "nc-notifications", "ietf-netconf-notifications"})
+        if (missing.empty() && ly_ctx_load_module(ctx, m, nullptr, nullptr) == nullptr)
+            missing = m;
     for (const char *m : served_modules)
         if (missing.empty() && ly_ctx_load_module(ctx, m, nullptr, nullptr) == nullptr)
             missing = m;

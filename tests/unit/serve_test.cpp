@@ -433,6 +433,15 @@ TEST(SessionGuard, ItsAnswersWaitForLibnetconf2sToEarlierRequests)
     EXPECT_TRUE(out.to_client.empty());
     EXPECT_EQ(s.unanswered(), 1u);
     const std::string reply = chunk("<rpc-reply message-id=\"1\"><data/></rpc-reply>");
+    // An event notification of a subscription answers nothing: it goes,
+    // split in its head as it may come, and the guard's answer still waits.
+    const std::string event =
+        "\n#12\n  <notificat\n#20\nion><eventTime/></no\n#11\ntification>\n##\n";
+    s.from_agent(event.substr(0, 9), out);
+    s.from_agent(event.substr(9), out);
+    EXPECT_EQ(out.to_client, event);
+    EXPECT_EQ(s.unanswered(), 1u);
+    out.to_client.clear();
     // libnetconf2's reply in pieces: the guard's answer goes right after
     // its end.
     s.from_agent(reply.substr(0, 10), out);

@@ -1,0 +1,44 @@
+// What a commit changed in the OpenConfig configuration, as those who
+// watch the configuration hear of it: the nodes highest in the tree that
+// the commit created, deleted or replaced, each by its path.  A protocol's
+// front makes its own notice of it (NETCONF's netconf-config-change).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+struct lyd_node;
+
+namespace octunnel::serve {
+
+struct ConfigChange {
+    struct Edit {
+        // The node's path as libyang writes it: module names before the
+        // first node and wherever the module changes, keys in predicates
+        // (/openconfig-interfaces:interfaces/interface[name='tunnel-ip12']).
+        std::string path;
+        // What became of it: "create", "delete" or "replace" (a leaf given
+        // another value).
+        std::string operation;
+    };
+    uint32_t session = 0; // the session that committed it
+    std::string datastore = "running";
+    std::vector<Edit> edits;
+};
+
+// The edits a notice names at most: past them, one edit of the whole
+// configuration ("replace" of /interfaces) says what changed, so that a
+// change of 100,000 interfaces is not told one by one.
+inline constexpr std::size_t max_change_edits = 1000;
+
+using ChangeListener = std::function<void(const ConfigChange &)>;
+
+// The edits that turn the configuration `before` into `after` (siblings of
+// the top level, either null when empty); in document order, linear in
+// the size of both.
+std::vector<ConfigChange::Edit> edits_between(const lyd_node *before, const lyd_node *after);
+
+} // namespace octunnel::serve
