@@ -582,10 +582,10 @@ Outcome Agent::read_locked(uint32_t session, bool config_only,
                 std::lock_guard access(access_mutex_);
                 rules = rules_;
             }
-            adopt(state,
-                  read_xml(server_state_(RunningLock{lock_owner_, lock_time_}) +
-                               nacm::state_xml(rules.get(), denied_operations_, denied_writes_),
-                           max_document_bytes));
+            adopt(state, read_xml(server_state_(RunningLock{lock_owner_, lock_time_}) +
+                                      nacm::state_xml(rules.get(), denied_operations_,
+                                                      denied_writes_, denied_notifications_),
+                                  max_document_bytes));
         } catch (const InputError &e) {
             RpcError err;
             err.tag = "operation-failed";
@@ -717,6 +717,14 @@ Outcome Agent::unlock(uint32_t session)
     if (lock_owner_ != 0)
         e.session_id = lock_owner_;
     return Outcome::error(e);
+}
+
+bool Agent::may_receive(uint32_t session, std::string_view module, std::string_view name)
+{
+    if (subject(session).may_receive(module, name))
+        return true;
+    ++denied_notifications_;
+    return false;
 }
 
 void Agent::set_server_state(ServerState state, std::vector<PrefixNs> value_prefixes)

@@ -128,6 +128,9 @@ public:
     // Whether the session may run the protocol operation `operation`: an
     // access-denied error (of the protocol) where it may not.
     std::optional<RpcError> authorize(uint32_t session, const lysc_node *operation);
+    // Whether the event notification `name` of `module` may be sent to the
+    // session under the rules in force; one that may not is counted.
+    bool may_receive(uint32_t session, std::string_view module, std::string_view name);
     // The rules read again from --nacm's file; on a fault (a RulesError
     // naming file and line) those in force stay.
     void reload_rules();
@@ -199,7 +202,7 @@ private:
     mutable std::mutex access_mutex_; // the rules and the sessions' users
     std::shared_ptr<const nacm::Rules> rules_;
     std::unordered_map<uint32_t, SessionUser> session_users_;
-    std::atomic<uint32_t> denied_operations_{0}, denied_writes_{0};
+    std::atomic<uint32_t> denied_operations_{0}, denied_writes_{0}, denied_notifications_{0};
 
     std::chrono::steady_clock::time_point last_commit_{};
     std::string fold_failure_; // the last one logged, to log each once

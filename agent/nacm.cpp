@@ -183,9 +183,10 @@ Rule rule_of(const lyd_node *entry, const std::string &file, const std::string &
         else if (n == "rpc-name") {
             r.type = Rule::Type::operation;
             r.rpc = value_of(c);
-        } else if (n == "notification-name")
+        } else if (n == "notification-name") {
             r.type = Rule::Type::notification;
-        else if (n == "path") {
+            r.rpc = value_of(c);
+        } else if (n == "path") {
             r.type = Rule::Type::data;
             r.path_text = json_path(c);
             std::string why;
@@ -447,6 +448,25 @@ bool Subject::may_execute(const lysc_node *operation) const
     return may_execute(operation->module->name, operation->name, default_deny(operation, false));
 }
 
+bool Subject::may_receive(std::string_view module, std::string_view name) const
+{
+    if (unrestricted_ || (module == "nc-notifications" &&
+                          (name == "replayComplete" || name == "notificationComplete")))
+        return true;
+    for (const Rule *r : rules_in_order_) {
+        if ((r->access & Access::read) == 0)
+            continue;
+        if (r->type != Rule::Type::any && r->type != Rule::Type::notification)
+            continue;
+        if (r->module != "*" && r->module != module)
+            continue;
+        if (r->type == Rule::Type::notification && r->rpc != "*" && r->rpc != name)
+            continue;
+        return r->permit;
+    }
+    return rules_->read_permit;
+}
+
 bool Subject::may(Access access, std::span<const DataStep> path) const
 {
     if (unrestricted_ || path.empty())
@@ -544,7 +564,8 @@ std::string access_text(uint8_t bits)
 
 } // namespace
 
-std::string state_xml(const Rules *rules, uint32_t denied_operations, uint32_t denied_writes)
+std::string state_xml(const Rules *rules, uint32_t denied_operations, uint32_t denied_writes,
+                      uint32_t denied_notifications)
 {
     std::string out = "<nacm xmlns=\"" + std::string(ns) + "\">";
     Rules none;
@@ -557,7 +578,7 @@ std::string state_xml(const Rules *rules, uint32_t denied_operations, uint32_t d
     append_leaf(out, "enable-external-groups", r.external_groups ? "true" : "false");
     append_leaf(out, "denied-operations", std::to_string(denied_operations));
     append_leaf(out, "denied-data-writes", std::to_string(denied_writes));
-    append_leaf(out, "denied-notifications", "0");
+    append_leaf(out, "denied-notifications", std::to_string(denied_notifications));
     if (!r.groups.empty()) {
         out += "<groups>";
         for (const Group &g : r.groups) {

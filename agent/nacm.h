@@ -53,7 +53,7 @@ struct Rule {
     std::string name;
     std::string module = "*"; // module-name
     enum class Type { any, operation, notification, data } type = Type::any;
-    std::string rpc;            // rpc-name (operation), "*" for every one
+    std::string rpc;            // rpc-name or notification-name, "*" for every one
     std::vector<PathStep> path; // data: none is "/", every node
     std::string path_text;      // as written, module names for prefixes
     uint8_t access = Access::all;
@@ -117,6 +117,9 @@ public:
     // close-session always may.
     bool may_execute(std::string_view module, std::string_view name, bool default_deny_all) const;
     bool may_execute(const lysc_node *operation) const;
+    // Whether the event notification `name` of `module` may be sent to it;
+    // replayComplete and notificationComplete always may.
+    bool may_receive(std::string_view module, std::string_view name) const;
 
     // Whether `access` (read, create, update or delete) is permitted on the
     // data node whose path from the top is `path`.
@@ -149,7 +152,8 @@ std::optional<Denial> first_denied_change(const Subject &subject, const lyd_node
 
 // The ietf-netconf-acm data that <get> shows: the rules in force (or
 // enable-nacm false when there are none) and the counters, as XML.
-std::string state_xml(const Rules *rules, uint32_t denied_operations, uint32_t denied_writes);
+std::string state_xml(const Rules *rules, uint32_t denied_operations, uint32_t denied_writes,
+                      uint32_t denied_notifications);
 
 inline constexpr const char *ns = "urn:ietf:params:xml:ns:yang:ietf-netconf-acm";
 

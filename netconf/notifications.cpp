@@ -131,8 +131,10 @@ struct Notifications::Subscription {
     bool replay_told = false;
 };
 
-Notifications::Notifications(const ly_ctx *ctx, std::function<void(const std::string &)> log)
-    : ctx_(ctx), log_(std::move(log)), sender_([this] { send_loop(); })
+Notifications::Notifications(const ly_ctx *ctx, std::function<void(const std::string &)> log,
+                             Permitted permitted)
+    : ctx_(ctx), log_(std::move(log)), permitted_(std::move(permitted)),
+      sender_([this] { send_loop(); })
 {
 }
 
@@ -379,6 +381,12 @@ void Notifications::send_loop()
             };
             bool blocked = false;
             for (const auto &e : d.events) {
+                // An event the session's user may not receive is passed
+                // over (and counted), as if it had been sent.
+                if (!permitted_(sub.id, e->tree->schema->module->name, LYD_NAME(e->tree))) {
+                    sub.next = e->seq + 1;
+                    continue;
+                }
                 const NC_MSG_TYPE r = send(e->tree, e->time_text);
                 if (r == NC_MSG_WOULDBLOCK) {
                     blocked = true;

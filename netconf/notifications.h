@@ -21,6 +21,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 
@@ -58,8 +59,13 @@ struct SessionWho {
 class Notifications {
 public:
     // `ctx` holds the modules of the events (ietf-netconf-notifications,
-    // notifications, nc-notifications) and outlives this.
-    Notifications(const ly_ctx *ctx, std::function<void(const std::string &)> log);
+    // notifications, nc-notifications) and outlives this.  `permitted`
+    // says whether a session may be sent an event (module, name): access
+    // control, asked at each send, so that rules read again hold at once.
+    using Permitted =
+        std::function<bool(uint32_t session, std::string_view module, std::string_view name)>;
+    Notifications(const ly_ctx *ctx, std::function<void(const std::string &)> log,
+                  Permitted permitted);
     ~Notifications();
     Notifications(const Notifications &) = delete;
     Notifications &operator=(const Notifications &) = delete;
@@ -93,6 +99,7 @@ private:
 
     const ly_ctx *ctx_;
     std::function<void(const std::string &)> log_;
+    Permitted permitted_;
     const Clock::time_point created_ = Clock::now();
 
     mutable std::mutex mutex_; // the log and the subscriptions

@@ -1163,8 +1163,11 @@ void Server::start()
     nc_started_ = true;
     for (const char *capability : {notification_capability, interleave_capability})
         nc_server_set_capability(capability);
-    notifications_ =
-        std::make_unique<Notifications>(ctx_, [this](const std::string &l) { log(l); });
+    notifications_ = std::make_unique<Notifications>(
+        ctx_, [this](const std::string &l) { log(l); },
+        [this](uint32_t session, std::string_view module, std::string_view name) {
+            return agent_->may_receive(session, module, name);
+        });
     agent_->on_change([this](const ConfigChange &c) { notifications_->config_changed(c); });
     yang_library_ = yang_library(ctx_);
     set_served(monitor_, ctx_);

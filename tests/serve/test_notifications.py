@@ -4,11 +4,15 @@ that begin and end; replay from a start time, a stop time that ends the
 subscription; and the subscriptions the agent refuses."""
 
 import datetime
+import os
+import shutil
+import tempfile
 
 from lxml import etree
 from ncclient.operations.rpc import RPCError
 
-from harness import seeded
+from harness import Agent, seeded
+from test_nacm import ACM, READ_ONLY, USERS
 from payloads import config, tunnel
 
 NCN = "{urn:ietf:params:xml:ns:yang:ietf-netconf-notifications}"
@@ -171,3 +175,34 @@ def test_subscriptions_the_agent_cannot_honour_are_refused_naming_the_parameter(
             assert e.tag == "operation-failed", e
         else:
             raise AssertionError("a second subscription of one session was taken")
+
+
+def test_access_control_keeps_events_from_those_who_may_not_receive_them():
+    # The read-only group may not receive session events; configuration
+    # changes it may.  The counter of /nacm says how many were kept back.
+    work = tempfile.mkdtemp(prefix="octunnel-notif-")
+    rules = os.path.join(work, "nacm.xml")
+    with open(READ_ONLY, encoding="utf-8") as f:
+        text = f.read()
+    deny = ("<rule><name>no-session-events</name>"
+            "<module-name>ietf-netconf-notifications</module-name>"
+            "<notification-name>netconf-session-start</notification-name>"
+            "<access-operations>read</access-operations><action>deny</action></rule>")
+    with open(rules, "w", encoding="utf-8") as f:
+        f.write(text.replace("<group>read-only</group>", "<group>read-only</group>" + deny))
+    try:
+        with Agent("--nacm", rules, users=USERS) as agent:
+            monitor, admin = agent.connect("monitor", "watching"), agent.connect()
+            monitor.create_subscription()
+            admin.create_subscription()
+            agent.connect().edit_config(target="running", config=config(
+                tunnel("tunnel-ip12", "<config><ttl>9</ttl></config>")))
+            assert [etree.QName(e).localname for e in events(admin, 2)] == \
+                ["netconf-session-start", "netconf-config-change"]
+            assert [etree.QName(e).localname for e in events(monitor, 1)] == \
+                ["netconf-config-change"]
+            state = etree.fromstring(admin.get(filter=("subtree", f'<nacm xmlns="{ACM}"/>'))
+                                     .data_xml.encode())
+            assert state.findtext(f".//{{{ACM}}}denied-notifications") == "1"
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
