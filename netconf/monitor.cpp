@@ -42,8 +42,7 @@ void counters(std::string &out, const SessionCounters &c)
     append_leaf(out, "in-rpcs", std::to_string(c.in_rpcs.load()));
     append_leaf(out, "in-bad-rpcs", std::to_string(c.in_bad_rpcs.load()));
     append_leaf(out, "out-rpc-errors", std::to_string(c.out_rpc_errors.load()));
-    // The agent sends no notifications.
-    append_leaf(out, "out-notifications", "0");
+    append_leaf(out, "out-notifications", std::to_string(c.out_notifications.load()));
 }
 
 } // namespace
@@ -84,6 +83,12 @@ void Monitor::rpc_error(SessionCounters &c)
 {
     ++c.out_rpc_errors;
     ++all_.out_rpc_errors;
+}
+
+void Monitor::notification(SessionCounters &c)
+{
+    ++c.out_notifications;
+    ++all_.out_notifications;
 }
 
 void Monitor::bad_rpc(SessionCounters &c)

@@ -41,6 +41,7 @@ struct SessionCounters {
     std::atomic<uint32_t> in_rpcs{0};
     std::atomic<uint32_t> in_bad_rpcs{0};
     std::atomic<uint32_t> out_rpc_errors{0};
+    std::atomic<uint32_t> out_notifications{0};
 };
 
 // A time as RFC 3339 writes it, in UTC: 2026-11-25T17:00:40Z.
@@ -73,6 +74,8 @@ public:
     void rpc_error(SessionCounters &c);
     // A message that was no correct <rpc>, answered with <rpc-error>.
     void bad_rpc(SessionCounters &c);
+    // An event notification sent.
+    void notification(SessionCounters &c);
 
     // What does not change once the agent serves: netconf-state's
     // capabilities and schemas, XML elements (<capability>..., <schema>...).

@@ -131,10 +131,8 @@ struct Notifications::Subscription {
     bool replay_told = false;
 };
 
-Notifications::Notifications(const ly_ctx *ctx, std::function<void(const std::string &)> log,
-                             Permitted permitted)
-    : ctx_(ctx), log_(std::move(log)), permitted_(std::move(permitted)),
-      sender_([this] { send_loop(); })
+Notifications::Notifications(const ly_ctx *ctx, Hooks hooks)
+    : ctx_(ctx), hooks_(std::move(hooks)), sender_([this] { send_loop(); })
 {
 }
 
@@ -377,13 +375,15 @@ void Notifications::send_loop()
                 // others.
                 const NC_MSG_TYPE r = nc_server_notif_send(sub.session, n, 100);
                 nc_server_notif_free(n);
+                if (r == NC_MSG_NOTIF)
+                    hooks_.sent(sub.session);
                 return r;
             };
             bool blocked = false;
             for (const auto &e : d.events) {
                 // An event the session's user may not receive is passed
                 // over (and counted), as if it had been sent.
-                if (!permitted_(sub.id, e->tree->schema->module->name, LYD_NAME(e->tree))) {
+                if (!hooks_.permitted(sub.id, e->tree->schema->module->name, LYD_NAME(e->tree))) {
                     sub.next = e->seq + 1;
                     continue;
                 }
@@ -424,7 +424,7 @@ void Notifications::send_loop()
                     ended.push_back(sub.id);
                 }
             } catch (const std::exception &e) {
-                log_(std::string("a notification not sent: ") + e.what());
+                hooks_.log(std::string("a notification not sent: ") + e.what());
             }
         }
         lock.lock();

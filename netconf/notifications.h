@@ -58,14 +58,20 @@ struct SessionWho {
 
 class Notifications {
 public:
+    // What the server is told and asked as events go.
+    struct Hooks {
+        std::function<void(const std::string &)> log;
+        // Whether a session may be sent an event (module, name): access
+        // control, asked at each send, so that rules read again hold at
+        // once.
+        std::function<bool(uint32_t session, std::string_view module, std::string_view name)>
+            permitted;
+        // An event went to the session (its counters).
+        std::function<void(nc_session *)> sent;
+    };
     // `ctx` holds the modules of the events (ietf-netconf-notifications,
-    // notifications, nc-notifications) and outlives this.  `permitted`
-    // says whether a session may be sent an event (module, name): access
-    // control, asked at each send, so that rules read again hold at once.
-    using Permitted =
-        std::function<bool(uint32_t session, std::string_view module, std::string_view name)>;
-    Notifications(const ly_ctx *ctx, std::function<void(const std::string &)> log,
-                  Permitted permitted);
+    // notifications, nc-notifications) and outlives this.
+    Notifications(const ly_ctx *ctx, Hooks hooks);
     ~Notifications();
     Notifications(const Notifications &) = delete;
     Notifications &operator=(const Notifications &) = delete;
@@ -98,8 +104,7 @@ private:
     void send_loop();
 
     const ly_ctx *ctx_;
-    std::function<void(const std::string &)> log_;
-    Permitted permitted_;
+    Hooks hooks_;
     const Clock::time_point created_ = Clock::now();
 
     mutable std::mutex mutex_; // the log and the subscriptions

@@ -1164,10 +1164,15 @@ void Server::start()
     for (const char *capability : {notification_capability, interleave_capability})
         nc_server_set_capability(capability);
     notifications_ = std::make_unique<Notifications>(
-        ctx_, [this](const std::string &l) { log(l); },
-        [this](uint32_t session, std::string_view module, std::string_view name) {
-            return agent_->may_receive(session, module, name);
-        });
+        ctx_, Notifications::Hooks{
+                  [this](const std::string &l) { log(l); },
+                  [this](uint32_t session, std::string_view module, std::string_view name) {
+                      return agent_->may_receive(session, module, name);
+                  },
+                  [this](nc_session *session) {
+                      if (auto *c = static_cast<SessionCounters *>(nc_session_get_data(session)))
+                          monitor_.notification(*c);
+                  }});
     agent_->on_change([this](const ConfigChange &c) { notifications_->config_changed(c); });
     yang_library_ = yang_library(ctx_);
     set_served(monitor_, ctx_);

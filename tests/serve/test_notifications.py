@@ -72,6 +72,13 @@ def test_a_commit_by_another_session_is_told_with_its_paths_and_who_made_it():
             ("/oc-if:interfaces/oc-if:interface[oc-if:name='tunnel-ip13']", "delete"),
             ("/oc-if:interfaces/oc-if:interface[oc-if:name='tunnel-ip99']", "create"),
         ]
+        # Its session's monitoring counts what it was sent.
+        mon = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
+        state = etree.fromstring(watcher.get(filter=(
+            "subtree", f'<netconf-state xmlns="{mon}"><sessions/></netconf-state>')).data_xml.encode())
+        mine = [s for s in state.iter(f"{{{mon}}}session")
+                if s.findtext(f"{{{mon}}}session-id") == watcher.session_id]
+        assert mine[0].findtext(f"{{{mon}}}out-notifications") == "2"
         # An edit that changes nothing is no change; a refused one neither.
         editor.edit_config(target="running", config=config(
             tunnel("tunnel-ip12", "<config><ttl>9</ttl></config>")))
