@@ -10,17 +10,6 @@
 namespace octunnel::serve {
 namespace {
 
-// The operation libyang's difference gives a node: create, delete,
-// replace, or none for a node that only holds changes.
-std::string_view operation_of(const lyd_node *node)
-{
-    for (const lyd_meta *m = node->meta; m != nullptr; m = m->next)
-        if (std::string_view(m->name) == "operation" &&
-            std::string_view(m->annotation->module->name) == "yang")
-            return lyd_get_meta_value(m);
-    return "none";
-}
-
 std::string path_of(const lyd_node *node)
 {
     std::unique_ptr<char, decltype(&free)> p(lyd_path(node, LYD_PATH_STD, nullptr, 0), &free);
@@ -29,41 +18,74 @@ std::string path_of(const lyd_node *node)
     return p.get();
 }
 
+bool same_value(const lyd_node *a, const lyd_node *b)
+{
+    return std::string_view(lyd_get_value(a)) == lyd_get_value(b);
+}
+
 } // namespace
 
 std::vector<ConfigChange::Edit> edits_between(const lyd_node *before, const lyd_node *after)
 {
-    lyd_node *diff = nullptr;
-    if (lyd_diff_siblings(before, after, LYD_DIFF_DEFAULTS, &diff) != LY_SUCCESS)
-        throw std::bad_alloc();
-    std::unique_ptr<lyd_node, decltype(&lyd_free_all)> held(diff, &lyd_free_all);
     std::vector<ConfigChange::Edit> edits;
-    bool too_many = false;
-    // Depth first, without recursion: a node the difference creates,
-    // deletes or replaces is named, and nothing below it.
-    for (const lyd_node *top = diff; top != nullptr && !too_many; top = top->next) {
-        const lyd_node *node = top;
-        while (node != nullptr) {
-            const std::string_view op = operation_of(node);
-            const lyd_node *child = op == "none" ? lyd_child(node) : nullptr;
-            if (op != "none") {
-                if (edits.size() == max_change_edits) {
-                    too_many = true;
-                    break;
-                }
-                edits.push_back({path_of(node), std::string(op)});
+    // Depth first, without recursion: at each level, the nodes of `before`
+    // in their order, each found among its siblings in `after` by
+    // libyang's hashes (gone: delete; a leaf of another value: replace;
+    // else, what is below it), then the nodes of `after` that `before`
+    // lacks (create).  The configuration compared may be the part of it a
+    // change touched: a container it lacks may still be there.  Once past the most a notice names,
+    // the walk stops.
+    struct Level {
+        const lyd_node *before, *after; // the first siblings of each
+        const lyd_node *next;           // the next of `before`, then of `after`
+        bool creating = false;
+    };
+    std::vector<Level> levels{{before, after, before}};
+    const auto add = [&](const lyd_node *node, const char *operation) {
+        if (edits.size() == max_change_edits)
+            return false;
+        edits.push_back({path_of(node), operation});
+        return true;
+    };
+    bool whole = false;
+    while (!levels.empty() && !whole) {
+        Level &level = levels.back();
+        if (level.next == nullptr) {
+            if (level.creating) {
+                levels.pop_back();
+            } else {
+                level.creating = true;
+                level.next = level.after;
             }
-            if (child != nullptr) {
-                node = child;
+            continue;
+        }
+        const lyd_node *node = level.next;
+        level.next = node->next;
+        lyd_node *match = nullptr;
+        // A container without a presence of its own is never created or
+        // deleted: what it holds is.
+        const bool np = lysc_is_np_cont(node->schema);
+        if (level.creating) {
+            if (level.before != nullptr &&
+                lyd_find_sibling_first(level.before, node, &match) == LY_SUCCESS)
                 continue;
-            }
-            // On to the next sibling, or up to an ancestor's, within `top`.
-            while (node != top && node->next == nullptr)
-                node = lyd_parent(node);
-            node = node == top ? nullptr : node->next;
+            if (np)
+                levels.push_back({nullptr, lyd_child(node), nullptr});
+            else
+                whole = !add(node, "create");
+        } else if (level.after == nullptr ||
+                   lyd_find_sibling_first(level.after, node, &match) != LY_SUCCESS) {
+            if (np)
+                levels.push_back({lyd_child(node), nullptr, lyd_child(node)});
+            else
+                whole = !add(node, "delete");
+        } else if (node->schema->nodetype & LYD_NODE_TERM) {
+            whole = !same_value(node, match) && !add(node, "replace");
+        } else if (lyd_child(node) != nullptr || lyd_child(match) != nullptr) {
+            levels.push_back({lyd_child(node), lyd_child(match), lyd_child(node)});
         }
     }
-    if (too_many) {
+    if (whole) {
         const lyd_node *any = after != nullptr ? after : before;
         std::string top = "/";
         top += any->schema->module->name;

@@ -38,7 +38,7 @@ using ChangeListener = std::function<void(const ConfigChange &)>;
 
 // The edits that turn the configuration `before` into `after` (siblings of
 // the top level, either null when empty); in document order, linear in
-// the size of both.
+// what they hold, and stops early past max_change_edits.
 std::vector<ConfigChange::Edit> edits_between(const lyd_node *before, const lyd_node *after);
 
 } // namespace octunnel::serve

@@ -87,6 +87,11 @@ def test_a_commit_by_another_session_is_told_with_its_paths_and_who_made_it():
                 tunnel("tunnel-ip12", "<config><ttl>300</ttl></config>")))
         except RPCError:
             pass
+        # A change of more nodes than a notice names is told as one of the
+        # whole configuration.
+        editor.edit_config(target="running", config=config("".join(
+            tunnel(f"tunnel-ip{1000 + i}", "<config><ttl>5</ttl></config>") for i in range(1001))))
+        assert edits_of(events(watcher, 1)[0]) == [("/oc-if:interfaces", "replace")]
         editor.close_session()
         ended = events(watcher, 1)[0]
         assert ended.tag == f"{NCN}netconf-session-end"
