@@ -442,7 +442,7 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
     // What those who watch the configuration will hear of, once it is
     // committed.
     std::optional<ConfigChange> told;
-    if (change_listener_ && !test_only) {
+    if (!change_listeners_.empty() && !test_only) {
         told.emplace();
         told->session = session;
         told->edits = edits_between(before.get(), intended.get());
@@ -504,7 +504,8 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
         return Outcome::error(e);
     }
     if (told)
-        change_listener_(*told);
+        for (const ChangeListener &listener : change_listeners_)
+            listener(*told);
     return {};
 }
 

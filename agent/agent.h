@@ -147,10 +147,11 @@ public:
     using ServerState = std::function<std::string(const RunningLock &)>;
     void set_server_state(ServerState state, std::vector<PrefixNs> value_prefixes = {});
 
-    // Told of every change committed to the running configuration, by
-    // the thread that commits it with the configuration's lock held: it
-    // must not wait, nor ask anything of the agent.  Set before serving.
-    void on_change(ChangeListener listener) { change_listener_ = std::move(listener); }
+    // Each listener is told of every change committed to the running
+    // configuration, by the thread that commits it with the
+    // configuration's lock held: it must not wait, nor ask anything of the
+    // agent.  Added before serving, one for each front that tells changes.
+    void on_change(ChangeListener listener) { change_listeners_.push_back(std::move(listener)); }
 
     const std::string &running_path() const;
     // The operational data <get> answers from, to be told when it changes.
@@ -190,7 +191,7 @@ private:
     Datastore running_;
     OperationalData oper_;
     ServerState server_state_;
-    ChangeListener change_listener_;
+    std::vector<ChangeListener> change_listeners_;
     std::vector<PrefixNs> value_prefixes_;
     uint32_t lock_owner_ = 0;
     std::time_t lock_time_ = 0;
