@@ -1147,7 +1147,9 @@ void Server::start()
     yang_library_ = yang_library(ctx_);
     set_served(monitor_, ctx_);
     agent_->set_server_state(
-        [this](const RunningLock &lock) { return yang_library_ + monitor_.netconf_state(lock); },
+        [this](const DatastoreLocks &locks) {
+            return yang_library_ + monitor_.netconf_state(locks);
+        },
         {PrefixNs(octunnel_monitoring_prefix, octunnel_monitoring_ns)});
     nc_server_set_hello_timeout(60);
     nc_server_set_idle_timeout(0);
