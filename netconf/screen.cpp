@@ -274,7 +274,8 @@ private:
             if (sc == nullptr) {
                 if (datastore(s, m, name(c)))
                     return fail(refusal("operation-not-supported",
-                                        "only the running configuration is served, not " +
+                                        "the datastores served are running, candidate "
+                                        "and startup, not " +
                                             element_name(name(c)),
                                         "application"),
                                 steps);
