@@ -216,8 +216,10 @@ private:
     // A read of the OpenConfig configuration `text`, as read_locked answers.
     Outcome answer_config(uint32_t session, const std::string &text,
                           const std::optional<std::string> &filter);
-    // `text` checked as an edit of the candidate would be, into `config`.
-    std::optional<RpcError> checked_config(uint32_t session, std::string_view text,
+    // `text` checked as the whole configuration of `target` (candidate or
+    // startup), the session's access to what changes in it included, into
+    // `config`.
+    std::optional<RpcError> checked_config(uint32_t session, std::string_view text, Store target,
                                            DataTree &config);
     std::optional<RpcError> locked_by_other(uint32_t session, const RunningLock &lock,
                                             const char *store) const;

@@ -154,7 +154,7 @@ std::optional<RpcError> Agent::locked_by_other(uint32_t session, const RunningLo
     return e;
 }
 
-std::optional<RpcError> Agent::checked_config(uint32_t session, std::string_view text,
+std::optional<RpcError> Agent::checked_config(uint32_t session, std::string_view text, Store target,
                                               DataTree &config)
 {
     if (text.size() > options_.max_content)
@@ -172,11 +172,22 @@ std::optional<RpcError> Agent::checked_config(uint32_t session, std::string_view
         return from_model(*e);
     settle(whole);
     // What the session would create, change or delete of the configuration
-    // the datastore shows now.
-    DataTree before = candidate_ ? copy_of(candidate_.get()) : DataTree();
-    if (!candidate_)
-        if (auto e = configuration(std::nullopt, before))
+    // the datastore holds now.
+    DataTree before;
+    if (target == Store::startup) {
+        std::string stored;
+        if (auto e = startup_text(stored))
             return e;
+        std::optional<ModelError> invalid;
+        if (!blank(stored))
+            before = models_.parse_edit(stored, false, invalid);
+        if (invalid)
+            return from_model(*invalid);
+    } else if (candidate_) {
+        before = copy_of(candidate_.get());
+    } else if (auto e = configuration(std::nullopt, before)) {
+        return e;
+    }
     if (auto d = nacm::first_denied_change(subject(session), before.get(), whole.get())) {
         ++denied_writes_;
         ModelError where;
@@ -445,7 +456,7 @@ Outcome Agent::copy_config(uint32_t session, Store target, std::optional<Store> 
             return {};
         }
         DataTree whole;
-        if (auto e = checked_config(session, text, whole))
+        if (auto e = checked_config(session, text, Store::candidate, whole))
             return Outcome::error(*e);
         candidate_ = std::move(whole);
         candidate_changed_ = true;

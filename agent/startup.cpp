@@ -60,19 +60,17 @@ Outcome Agent::store_startup(uint32_t session, const std::string &text, bool tru
 {
     if (auto e = locked_by_other(session, startup_lock_, "startup"))
         return Outcome::error(*e);
-    std::string kept = text;
-    if (!trusted) {
-        // Checked as the agent will take it at a start: every check of an
-        // edit that makes it running's whole configuration, kept in the
-        // models' canonical form.
-        DataTree whole;
-        if (auto e = checked_config(session, text, whole))
-            return Outcome::error(*e);
-        kept = text_of(whole.get());
-        Outcome o = edit_locked(session, kept, DefaultOperation::replace, true, false);
-        if (!o.ok())
+    // Kept in the models' canonical form, what the session may write of it
+    // checked; and, unless it is running's own, checked as the agent will
+    // take it at a start: every check of an edit that makes it running's
+    // whole configuration.
+    DataTree whole;
+    if (auto e = checked_config(session, text, Store::startup, whole))
+        return Outcome::error(*e);
+    const std::string kept = text_of(whole.get());
+    if (!trusted)
+        if (Outcome o = edit_locked(session, kept, DefaultOperation::replace, true, false); !o.ok())
             return o;
-    }
     try {
         write_durably(startup_path(), kept, 0600);
     } catch (const std::exception &err) {

@@ -324,5 +324,12 @@ def test_access_control_holds_the_new_operations():
         assert error_of(lambda: monitor.copy_config(source="candidate", target="running")).tag \
             == "access-denied"
         assert leaves(m.get_config("running")) == running
+        # Nor startup, whatever the source.
+        for src in ("running", "candidate"):
+            assert error_of(lambda: monitor.copy_config(source=src, target="startup")).tag \
+                == "access-denied", src
+        assert not os.path.exists(os.path.join(agent.state, "startup.xml"))
         m.commit()
         assert ttl_of(m) == "81"
+        m.copy_config(source="running", target="startup")
+        assert ttl_of(monitor, "startup") == "81"
