@@ -32,10 +32,13 @@ std::string Agent::startup_path() const
 
 bool Agent::never_written(const AgentOptions &o)
 {
+    // Neither the document nor the log of the commits made since it was
+    // written (datastore.h).
     struct stat st {};
-    const std::string running = o.state_dir + "/running.xml";
-    return stat(running.c_str(), &st) != 0 && errno == ENOENT &&
-           stat((running + ".commits").c_str(), &st) != 0 && errno == ENOENT;
+    for (const char *name : {"/running.xml", "/running.commits"})
+        if (stat((o.state_dir + name).c_str(), &st) == 0 || errno != ENOENT)
+            return false;
+    return true;
 }
 
 std::optional<RpcError> Agent::startup_text(std::string &text) const

@@ -291,9 +291,9 @@ def test_startup_copied_deleted_and_loaded_only_into_a_new_running():
         assert ttl_of(m) == "73"
         # A running configuration never written starts from startup.
         agent.stop()
-        os.unlink(agent.running)
-        if os.path.exists(agent.running + ".commits"):
-            os.unlink(agent.running + ".commits")
+        for name in ("running.xml", "running.commits"):
+            if os.path.exists(os.path.join(agent.state, name)):
+                os.unlink(os.path.join(agent.state, name))
         agent.log.clear()
         agent.start()
         assert "running starts from the startup configuration" in "".join(agent.log)

@@ -172,13 +172,13 @@ TEST_F(Datastores, StartupIsLoadedIntoARunningNeverWrittenAlone)
     EXPECT_EQ(running(), written) << "startup replaced a running configuration";
     agent_.reset();
     fs::remove(dir_ / "running.xml");
-    fs::remove(dir_ / "running.xml.commits");
+    fs::remove(dir_ / "running.commits");
     start();
     EXPECT_EQ(running(), startup);
     // A startup the agent cannot take stops it, naming the file.
     agent_.reset();
     fs::remove(dir_ / "running.xml");
-    fs::remove(dir_ / "running.xml.commits");
+    fs::remove(dir_ / "running.commits");
     write("startup.xml", "<interfaces xmlns=\"" + OC + "\"><frob/></interfaces>");
     EXPECT_THROW(start(), std::runtime_error);
 }
