@@ -276,8 +276,9 @@ private:
     std::condition_variable fold_cv_;
     std::thread folder_; // it starts once everything else is made
 
-    // The candidate: null while it is running's configuration (nothing is
-    // held twice), else the OpenConfig configuration it holds.
+    // The candidate: running's configuration until it is changed, and then
+    // (candidate_changed_) the OpenConfig configuration it holds, null when
+    // that has no interface.  Nothing is held twice while it is running's.
     DataTree candidate_;
     bool candidate_changed_ = false;
     uint32_t candidate_by_ = 0; // the session that changed it last

@@ -2,9 +2,9 @@
 // apart from running and made running's, whole, by <commit>.
 //
 // The candidate is held as the OpenConfig configuration it stands for, a
-// libyang tree of the models, and only once it differs from running: until
-// an edit, a <commit> or a <discard-changes> it is running itself, and a
-// read of it is a read of running.  Its edits are checked against the
+// libyang tree of the models, and only once it is changed: from a <commit>
+// or a <discard-changes> to the next edit it is running itself, and a read
+// of it is a read of running.  Its edits are checked against the
 // models and applied by the rules of an edit of running; the module sees
 // nothing of them until <commit>, which hands running's edit path the
 // candidate as its whole configuration (a default operation of replace),
@@ -183,7 +183,7 @@ std::optional<RpcError> Agent::checked_config(uint32_t session, std::string_view
             before = models_.parse_edit(stored, false, invalid);
         if (invalid)
             return from_model(*invalid);
-    } else if (candidate_) {
+    } else if (candidate_changed_) {
         before = copy_of(candidate_.get());
     } else if (auto e = configuration(std::nullopt, before)) {
         return e;
@@ -220,7 +220,7 @@ Outcome Agent::edit_candidate(uint32_t session, std::string_view config, Default
     // The candidate as it stands: running's configuration until it is
     // changed.
     DataTree before;
-    if (candidate_)
+    if (candidate_changed_)
         before = copy_of(candidate_.get());
     else if (auto e = configuration(std::nullopt, before))
         return Outcome::error(*e);
@@ -299,7 +299,7 @@ Outcome Agent::read_store(uint32_t session, Store source, const std::optional<st
                                         " bytes is larger than the agent takes (" +
                                         std::to_string(options_.max_content) + " bytes)"));
     std::lock_guard guard(mutex_);
-    if (source == Store::running || (source == Store::candidate && !candidate_))
+    if (source == Store::running || (source == Store::candidate && !candidate_changed_))
         return read_locked(session, true, filter);
     if (source == Store::candidate)
         return answer_config(session, text_of(candidate_.get()), filter);
@@ -313,7 +313,7 @@ Outcome Agent::validate_store(uint32_t session, Store source)
 {
     std::lock_guard guard(mutex_);
     std::string text;
-    if (source == Store::running || (source == Store::candidate && !candidate_))
+    if (source == Store::running || (source == Store::candidate && !candidate_changed_))
         return {}; // running is valid as it stands
     if (source == Store::candidate)
         text = text_of(candidate_.get());
@@ -396,7 +396,7 @@ Outcome Agent::discard_changes(uint32_t session)
 
 Outcome Agent::commit_candidate(uint32_t session)
 {
-    if (!candidate_)
+    if (!candidate_changed_)
         return {}; // running is the candidate already
     Outcome o = edit_locked(session, text_of(candidate_.get()), DefaultOperation::replace, false);
     if (o.ok())
@@ -435,7 +435,7 @@ Outcome Agent::copy_config(uint32_t session, Store target, std::optional<Store> 
     std::string text;
     if (!source) {
         text = config;
-    } else if (*source == Store::candidate && candidate_) {
+    } else if (*source == Store::candidate && candidate_changed_) {
         text = text_of(candidate_.get());
     } else if (*source == Store::startup) {
         if (auto e = startup_text(text))
