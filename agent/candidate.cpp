@@ -319,7 +319,9 @@ Outcome Agent::validate_store(uint32_t session, Store source)
         text = text_of(candidate_.get());
     else if (auto e = startup_text(text))
         return Outcome::error(*e);
-    return edit_locked(session, text, DefaultOperation::replace, true, false);
+    // A check that keeps nothing is not held up by running's lock.
+    return edit_locked(lock_owner_ != 0 ? lock_owner_ : session, text, DefaultOperation::replace,
+                       true, false);
 }
 
 Outcome Agent::lock(uint32_t session, Store target)

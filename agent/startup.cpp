@@ -72,7 +72,10 @@ Outcome Agent::store_startup(uint32_t session, const std::string &text, bool tru
         return Outcome::error(*e);
     const std::string kept = text_of(whole.get());
     if (!trusted)
-        if (Outcome o = edit_locked(session, kept, DefaultOperation::replace, true, false); !o.ok())
+        // A check that keeps nothing is not held up by running's lock.
+        if (Outcome o = edit_locked(lock_owner_ != 0 ? lock_owner_ : session, kept,
+                                    DefaultOperation::replace, true, false);
+            !o.ok())
             return o;
     try {
         write_durably(startup_path(), kept, 0600);

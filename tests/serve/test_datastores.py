@@ -302,8 +302,17 @@ def test_startup_copied_deleted_and_loaded_only_into_a_new_running():
         m.delete_config("startup")
         assert leaves(m.get_config("startup")) == set()
         assert not os.path.exists(os.path.join(agent.state, "startup.xml"))
-        # Locked by another session, startup is not written.
+        # Running locked by another session holds up no check that keeps
+        # nothing: a copy to startup, a <validate> of the candidate.
         other = agent.connect("bob", "other-side")
+        other.lock("running")
+        m.edit_config(target="candidate", config=ttl(74))
+        m.validate(source="candidate")
+        m.copy_config(source="candidate", target="startup")
+        assert ttl_of(m, "startup") == "74"
+        assert error_of(m.commit).tag == "lock-denied"
+        other.unlock("running")
+        # Locked by another session, startup is not written.
         other.lock("startup")
         assert error_of(lambda: m.copy_config(source="running", target="startup")).tag \
             == "lock-denied"
