@@ -255,7 +255,7 @@ std::string prepare(const AgentOptions &o)
 Agent::Agent(const AgentOptions &o, std::function<void(const std::string &)> log)
     : options_(o), log_(std::move(log)), module_(std::make_unique<yfwhost::Module>(o.module_path)),
       models_ptr_(o.models ? o.models : std::make_shared<const OpenConfigModels>(o.yang_dir)),
-      models_(*models_ptr_), running_(prepare(o)),
+      models_(*models_ptr_), running_new_(never_written(o)), running_(prepare(o)),
       oper_(o.oper_dir, log_, {o.max_oper_document, o.verbose ? log_ : nullptr, o.oper_reading})
 {
     yfwhost::set_router_type(static_cast<int>(o.router_type));
@@ -263,7 +263,9 @@ Agent::Agent(const AgentOptions &o, std::function<void(const std::string &)> log
     rules_ = o.nacm_file.empty() ? o.rules : nacm::load_rules(models_.context(), o.nacm_file);
     if (!running_.note().empty())
         log_(running_.note());
+    resume_datastores();
     folder_ = std::thread([this] { fold_loop(); });
+    confirmer_ = std::jthread([this](std::stop_token stop) { confirm_loop(stop); });
 }
 
 Agent::~Agent()
@@ -445,6 +447,7 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
     if (!change_listeners_.empty() && !test_only) {
         told.emplace();
         told->session = session;
+        told->by_server = !checked;
         told->edits = edits_between(before.get(), intended.get());
     }
 
@@ -504,8 +507,7 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
         return Outcome::error(e);
     }
     if (told)
-        for (const ChangeListener &listener : change_listeners_)
-            listener(*told);
+        tell(*told);
     return {};
 }
 
@@ -583,7 +585,8 @@ Outcome Agent::read_locked(uint32_t session, bool config_only,
                 std::lock_guard access(access_mutex_);
                 rules = rules_;
             }
-            adopt(state, read_xml(server_state_(RunningLock{lock_owner_, lock_time_}) +
+            adopt(state, read_xml(server_state_(DatastoreLocks{RunningLock{lock_owner_, lock_time_},
+                                                               candidate_lock_, startup_lock_}) +
                                       nacm::state_xml(rules.get(), denied_operations_,
                                                       denied_writes_, denied_notifications_),
                                   max_document_bytes));
@@ -720,6 +723,18 @@ Outcome Agent::unlock(uint32_t session)
     return Outcome::error(e);
 }
 
+void Agent::tell(const ConfigChange &change) const
+{
+    for (const ChangeListener &listener : change_listeners_)
+        listener(change);
+}
+
+void Agent::tell(const ConfirmedCommitEvent &event) const
+{
+    for (const ConfirmedCommitListener &listener : confirmed_listeners_)
+        listener(event);
+}
+
 bool Agent::may_receive(uint32_t session, std::string_view module, std::string_view name)
 {
     if (subject(session).may_receive(module, name))
@@ -742,6 +757,7 @@ void Agent::session_ended(uint32_t session)
         if (lock_owner_ == session)
             lock_owner_ = 0;
     }
+    datastores_session_ended(session);
     std::lock_guard access(access_mutex_);
     session_users_.erase(session);
 }

@@ -22,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -36,6 +37,22 @@ namespace octunnel::serve {
 struct RunningLock {
     uint32_t session = 0;
     std::time_t since = 0;
+};
+
+// The configuration datastores of RFC 6241 the agent serves.
+enum class Store { running, candidate, startup };
+
+// The lock of each datastore, as NETCONF monitoring shows them.
+struct DatastoreLocks {
+    RunningLock running, candidate, startup;
+};
+
+// A <commit> and its parameters (RFC 6241, 8.3.4.1 and 8.4.5.1).
+struct CommitRequest {
+    bool confirmed = false;
+    uint32_t timeout = 600; // seconds, <confirm-timeout>
+    std::optional<std::string> persist;
+    std::optional<std::string> persist_id;
 };
 
 // One <rpc-error> (RFC 6241, section 4.3).
@@ -118,6 +135,28 @@ public:
     Outcome read(uint32_t session, bool config_only, const std::optional<std::string> &filter);
     Outcome lock(uint32_t session);
     Outcome unlock(uint32_t session);
+
+    // The candidate and startup datastores (agent/candidate.cpp,
+    // agent/startup.cpp) and the confirmed commit (agent/confirmed_commit.cpp).
+    // <edit-config> on candidate: checked against the models and applied by
+    // RFC 6241's rules to the candidate; the module sees it at <commit>.
+    Outcome edit_candidate(uint32_t session, std::string_view config, DefaultOperation op,
+                           bool test_only);
+    // <get-config> of candidate or startup.
+    Outcome read_store(uint32_t session, Store source, const std::optional<std::string> &filter);
+    // <validate> of a datastore: every check of an edit that would make it
+    // running's whole configuration.
+    Outcome validate_store(uint32_t session, Store source);
+    Outcome lock(uint32_t session, Store target);
+    Outcome unlock(uint32_t session, Store target);
+    Outcome commit(uint32_t session, const CommitRequest &request);
+    Outcome cancel_commit(uint32_t session, const std::optional<std::string> &persist_id);
+    Outcome discard_changes(uint32_t session);
+    // <copy-config> from a datastore (`source`) or, when none, the inline
+    // configuration `config`.
+    Outcome copy_config(uint32_t session, Store target, std::optional<Store> source,
+                        std::string_view config);
+    Outcome delete_config(uint32_t session, Store target);
     // The session is gone: its lock goes with it.
     void session_ended(uint32_t session);
 
@@ -144,7 +183,7 @@ public:
     // it, given the lock of running as it stands, so that it is current.
     // Its identities of modules other than their leaf's are named with
     // `value_prefixes`.  A text that is no document is an operation-failed.
-    using ServerState = std::function<std::string(const RunningLock &)>;
+    using ServerState = std::function<std::string(const DatastoreLocks &)>;
     void set_server_state(ServerState state, std::vector<PrefixNs> value_prefixes = {});
 
     // Each listener is told of every change committed to the running
@@ -152,6 +191,11 @@ public:
     // configuration's lock held: it must not wait, nor ask anything of the
     // agent.  Added before serving, one for each front that tells changes.
     void on_change(ChangeListener listener) { change_listeners_.push_back(std::move(listener)); }
+    // The same of the steps of confirmed commits.
+    void on_confirmed_commit(ConfirmedCommitListener listener)
+    {
+        confirmed_listeners_.push_back(std::move(listener));
+    }
 
     const std::string &running_path() const;
     // The operational data <get> answers from, to be told when it changes.
@@ -177,6 +221,40 @@ private:
     std::optional<RpcError> configuration(const std::optional<std::vector<std::string>> &names,
                                           DataTree &config);
 
+    // The datastores beside running, at start and as sessions end.
+    void resume_datastores();
+    void datastores_session_ended(uint32_t session);
+    // running's whole configuration, as the text of an inline <config>.
+    std::optional<RpcError> running_text(std::string &text);
+    // The text of `config` (null: no interface), as an inline <config>.
+    static std::string text_of(const lyd_node *config);
+    // A read of the OpenConfig configuration `text`, as read_locked answers.
+    Outcome answer_config(uint32_t session, const std::string &text,
+                          const std::optional<std::string> &filter);
+    // `text` checked as the whole configuration of `target` (candidate or
+    // startup), the session's access to what changes in it included, into
+    // `config`.
+    std::optional<RpcError> checked_config(uint32_t session, std::string_view text, Store target,
+                                           DataTree &config);
+    std::optional<RpcError> locked_by_other(uint32_t session, const RunningLock &lock,
+                                            const char *store) const;
+    // The candidate becomes running's configuration.
+    Outcome commit_candidate(uint32_t session);
+    void drop_candidate();
+    // The confirmed commit: its state file, the rollback it promises, the
+    // timer that keeps the promise.
+    std::string confirm_path() const;
+    void save_pending();
+    void roll_back(const std::string &why);
+    void confirm_loop(std::stop_token stop);
+    std::string startup_path() const;
+    // The startup configuration's text (empty: none stored).
+    std::optional<RpcError> startup_text(std::string &text) const;
+    // Stores `text` as startup, checked as <validate> checks unless it is
+    // running's own (`trusted`).
+    Outcome store_startup(uint32_t session, const std::string &text, bool trusted);
+    static bool never_written(const AgentOptions &o);
+
     // Writes the running configuration's document again once edits pause
     // (Datastore::fold), so that the file a person reads is current within
     // `fold_delay` of the last commit.
@@ -188,10 +266,16 @@ private:
     std::unique_ptr<yfwhost::Module> module_;
     std::shared_ptr<const OpenConfigModels> models_ptr_;
     const OpenConfigModels &models_;
+    // Whether running had never been written when the agent started: then
+    // it starts from startup.  Known before running_ is read.
+    bool running_new_;
     Datastore running_;
     OperationalData oper_;
     ServerState server_state_;
     std::vector<ChangeListener> change_listeners_;
+    std::vector<ConfirmedCommitListener> confirmed_listeners_;
+    void tell(const ConfigChange &change) const;
+    void tell(const ConfirmedCommitEvent &event) const;
     std::vector<PrefixNs> value_prefixes_;
     uint32_t lock_owner_ = 0;
     std::time_t lock_time_ = 0;
@@ -209,7 +293,25 @@ private:
     std::string fold_failure_; // the last one logged, to log each once
     bool stopping_ = false;
     std::condition_variable fold_cv_;
-    std::thread folder_; // last: it starts once everything else is made
+    std::thread folder_; // it starts once everything else is made
+
+    // The candidate: running's configuration until it is changed, and then
+    // (candidate_changed_) the OpenConfig configuration it holds, null when
+    // that has no interface.  Nothing is held twice while it is running's.
+    DataTree candidate_;
+    bool candidate_changed_ = false;
+    uint32_t candidate_by_ = 0; // the session that changed it last
+    RunningLock candidate_lock_, startup_lock_;
+    // The confirmed commit waiting for its confirmation.
+    struct Pending {
+        std::string rollback; // running's configuration before it
+        std::time_t deadline = 0;
+        uint32_t session = 0; // 0: made before the agent started
+        std::optional<std::string> persist;
+    };
+    std::optional<Pending> pending_;
+    std::condition_variable_any confirm_cv_;
+    std::jthread confirmer_; // last: joined before anything else goes
 };
 
 // How long after the last commit the running configuration's document is

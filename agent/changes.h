@@ -25,7 +25,10 @@ struct ConfigChange {
         std::string operation;
     };
     uint32_t session = 0; // the session that committed it
-    std::string datastore = "running";
+    // The agent's own act (a confirmed commit taken back, startup loaded):
+    // no session made it.
+    bool by_server = false;
+    std::string datastore = "running"; // or "startup", whose edits are not told
     std::vector<Edit> edits;
 };
 
@@ -35,6 +38,17 @@ struct ConfigChange {
 inline constexpr std::size_t max_change_edits = 1000;
 
 using ChangeListener = std::function<void(const ConfigChange &)>;
+
+// A step of a confirmed commit: "start", "extend", "complete" (confirmed),
+// "cancel" (by <cancel-commit>, or its session ended) or "timeout" (taken
+// back when no confirmation came, by no session).
+struct ConfirmedCommitEvent {
+    std::string event;
+    uint32_t session = 0;
+    uint32_t timeout = 0; // seconds left, for start and extend
+};
+
+using ConfirmedCommitListener = std::function<void(const ConfirmedCommitEvent &)>;
 
 // The edits that turn the configuration `before` into `after` (siblings of
 // the top level, either null when empty); in document order, linear in

@@ -105,21 +105,29 @@ void Monitor::set_served(std::string capabilities, std::string schemas)
     schemas_ = std::move(schemas);
 }
 
-std::string Monitor::netconf_state(const RunningLock &lock) const
+std::string Monitor::netconf_state(const DatastoreLocks &locks) const
 {
     std::string out = "<netconf-state xmlns=\"";
     out += monitoring_ns;
     out += "\">";
     std::lock_guard guard(mutex_);
     out += "<capabilities>" + capabilities_ + "</capabilities>";
-    out += "<datastores><datastore><name>running</name>";
-    if (lock.session != 0) {
-        out += "<locks><global-lock>";
-        append_leaf(out, "locked-by-session", std::to_string(lock.session));
-        append_leaf(out, "locked-time", rfc3339(lock.since));
-        out += "</global-lock></locks>";
+    out += "<datastores>";
+    for (const auto &[name, lock] :
+         {std::pair{"running", &locks.running}, std::pair{"candidate", &locks.candidate},
+          std::pair{"startup", &locks.startup}}) {
+        out += "<datastore><name>";
+        out += name;
+        out += "</name>";
+        if (lock->session != 0) {
+            out += "<locks><global-lock>";
+            append_leaf(out, "locked-by-session", std::to_string(lock->session));
+            append_leaf(out, "locked-time", rfc3339(lock->since));
+            out += "</global-lock></locks>";
+        }
+        out += "</datastore>";
     }
-    out += "</datastore></datastores>";
+    out += "</datastores>";
     out += "<schemas>" + schemas_ + "</schemas>";
     out += "<sessions>";
     for (const auto &[id, s] : sessions_) {

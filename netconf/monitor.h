@@ -81,8 +81,8 @@ public:
     // capabilities and schemas, XML elements (<capability>..., <schema>...).
     void set_served(std::string capabilities, std::string schemas);
 
-    // netconf-state as it stands, with `lock` on running: XML.
-    std::string netconf_state(const RunningLock &lock) const;
+    // netconf-state as it stands, with the datastores' `locks`: XML.
+    std::string netconf_state(const DatastoreLocks &locks) const;
 
 private:
     const std::time_t start_;

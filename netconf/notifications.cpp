@@ -175,20 +175,24 @@ void Notifications::publish(lyd_node *tree)
     wake_.notify_all();
 }
 
+SessionWho Notifications::who(uint32_t session) const
+{
+    std::lock_guard guard(mutex_);
+    auto it = sessions_.find(session);
+    return it != sessions_.end() ? it->second : SessionWho{session, "", ""};
+}
+
 void Notifications::config_changed(const ConfigChange &change)
 {
-    SessionWho who{change.session, "", ""};
-    {
-        std::lock_guard guard(mutex_);
-        if (auto it = sessions_.find(change.session); it != sessions_.end())
-            who = it->second;
-    }
     const lys_module *m = nullptr;
     Owned t{event_node(ctx_, "ietf-netconf-notifications", "netconf-config-change", m)};
     lyd_node *by = nullptr;
     if (lyd_new_inner(t.root, m, "changed-by", 0, &by) != LY_SUCCESS)
         throw std::bad_alloc();
-    session_leaves(by, m, who);
+    if (change.by_server)
+        leaf(by, m, "server", "");
+    else
+        session_leaves(by, m, who(change.session));
     leaf(t.root, m, "datastore", change.datastore);
     for (const ConfigChange::Edit &edit : change.edits) {
         lyd_node *entry = nullptr;
@@ -197,6 +201,19 @@ void Notifications::config_changed(const ConfigChange &change)
         leaf(entry, m, "target", edit.path);
         leaf(entry, m, "operation", edit.operation);
     }
+    publish(t.root);
+    t.root = nullptr;
+}
+
+void Notifications::confirmed_commit(const ConfirmedCommitEvent &event)
+{
+    const lys_module *m = nullptr;
+    Owned t{event_node(ctx_, "ietf-netconf-notifications", "netconf-confirmed-commit", m)};
+    if (event.event != "timeout")
+        session_leaves(t.root, m, who(event.session));
+    leaf(t.root, m, "confirm-event", event.event);
+    if (event.event == "start" || event.event == "extend")
+        leaf(t.root, m, "timeout", std::to_string(event.timeout));
     publish(t.root);
     t.root = nullptr;
 }

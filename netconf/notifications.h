@@ -79,6 +79,7 @@ public:
     // The events.  A session is known from its start to its end, and a
     // change is told as made by its session's user.
     void config_changed(const ConfigChange &change);
+    void confirmed_commit(const ConfirmedCommitEvent &event);
     void session_started(const SessionWho &who);
     // `reason`: closed, killed, dropped, timeout, bad-hello or other.
     void session_ended(uint32_t session, const std::string &reason, uint32_t killed_by);
@@ -101,6 +102,7 @@ private:
     using Clock = std::chrono::system_clock;
 
     void publish(lyd_node *event);
+    SessionWho who(uint32_t session) const;
     void send_loop();
 
     const ly_ctx *ctx_;

@@ -42,16 +42,31 @@ std::string content_of(const lyd_node *node)
     return s;
 }
 
-Outcome only_running()
+Outcome no_datastore(const char *which)
 {
-    return failure("operation-not-supported", "only the running configuration is served",
+    return failure("operation-not-supported",
+                   std::string("the ") + which + " names no datastore the agent serves",
                    "application");
+}
+
+// The datastore <target> or <source> (`which`) names, if one of those the
+// agent serves.
+std::optional<Store> store_of(const lyd_node *rpc, const std::string &which)
+{
+    if (param(rpc, (which + "/running").c_str()) != nullptr)
+        return Store::running;
+    if (param(rpc, (which + "/candidate").c_str()) != nullptr)
+        return Store::candidate;
+    if (param(rpc, (which + "/startup").c_str()) != nullptr)
+        return Store::startup;
+    return std::nullopt;
 }
 
 Reply edit_config(Agent &agent, const lyd_node *rpc, uint32_t sid)
 {
-    if (param(rpc, "target/running") == nullptr)
-        return {only_running()};
+    const std::optional<Store> target = store_of(rpc, "target");
+    if (target != Store::running && target != Store::candidate)
+        return {no_datastore("target")};
     const lyd_node *config = param(rpc, "config");
     if (config == nullptr)
         return {
@@ -62,6 +77,8 @@ Reply edit_config(Agent &agent, const lyd_node *rpc, uint32_t sid)
     else if (d == "none")
         op = DefaultOperation::none;
     const bool test_only = text_of(param(rpc, "test-option")) == "test-only";
+    if (target == Store::candidate)
+        return {agent.edit_candidate(sid, content_of(config), op, test_only)};
     return {agent.edit_config(sid, content_of(config), op, test_only)};
 }
 
@@ -71,16 +88,51 @@ Reply validate(Agent &agent, const lyd_node *rpc, uint32_t sid)
     // tried as the whole configuration, and not kept.
     if (const lyd_node *config = param(rpc, "source/config"); config != nullptr)
         return {agent.validate(sid, content_of(config))};
-    if (param(rpc, "source/running") != nullptr)
-        return {};
-    return {failure("operation-not-supported",
-                    "only the running configuration or an inline one is validated", "application")};
+    if (const std::optional<Store> source = store_of(rpc, "source"))
+        return {agent.validate_store(sid, *source)};
+    return {no_datastore("source")};
+}
+
+// <commit> (RFC 6241, 8.3.4.1 and 8.4.5.1).
+Reply commit(Agent &agent, const lyd_node *rpc, uint32_t sid)
+{
+    CommitRequest r;
+    r.confirmed = param(rpc, "confirmed") != nullptr;
+    if (const lyd_node *t = param(rpc, "confirm-timeout"); t != nullptr)
+        r.timeout = static_cast<uint32_t>(std::strtoul(text_of(t).c_str(), nullptr, 10));
+    if (const lyd_node *p = param(rpc, "persist"); p != nullptr)
+        r.persist = text_of(p);
+    if (const lyd_node *p = param(rpc, "persist-id"); p != nullptr)
+        r.persist_id = text_of(p);
+    if (!r.confirmed && (param(rpc, "confirm-timeout") != nullptr || r.persist)) {
+        RpcError e;
+        e.type = "protocol";
+        e.tag = "invalid-value";
+        e.message = "<confirm-timeout> and <persist> go with <confirmed/>";
+        e.bad_element = r.persist ? "persist" : "confirm-timeout";
+        return {Outcome::error(e)};
+    }
+    return {agent.commit(sid, r)};
+}
+
+Reply copy_config(Agent &agent, const lyd_node *rpc, uint32_t sid)
+{
+    const std::optional<Store> target = store_of(rpc, "target");
+    if (!target)
+        return {no_datastore("target")};
+    if (const lyd_node *config = param(rpc, "source/config"); config != nullptr)
+        return {agent.copy_config(sid, *target, std::nullopt, content_of(config))};
+    const std::optional<Store> source = store_of(rpc, "source");
+    if (!source)
+        return {no_datastore("source")};
+    return {agent.copy_config(sid, *target, source, {})};
 }
 
 Reply read(Agent &agent, const lyd_node *rpc, uint32_t sid, bool config_only)
 {
-    if (config_only && param(rpc, "source/running") == nullptr)
-        return {only_running()};
+    const std::optional<Store> source = config_only ? store_of(rpc, "source") : Store::running;
+    if (!source)
+        return {no_datastore("source")};
     std::optional<std::string> filter;
     if (const lyd_node *f = param(rpc, "filter"); f != nullptr) {
         const lyd_meta *type = lyd_find_meta(f->meta, nullptr, "ietf-netconf:type");
@@ -95,6 +147,8 @@ Reply read(Agent &agent, const lyd_node *rpc, uint32_t sid, bool config_only)
         }
         filter = content_of(f);
     }
+    if (*source != Store::running)
+        return {agent.read_store(sid, *source, filter), true};
     Reply r{agent.read(sid, config_only, filter), true};
     return r;
 }
@@ -135,9 +189,11 @@ Outcome failure(const char *tag, std::string message, const char *type)
 
 bool performs(std::string_view module, std::string_view name)
 {
-    static constexpr std::string_view netconf[] = {"edit-config",   "get-config",  "get",
-                                                   "lock",          "unlock",      "validate",
-                                                   "close-session", "kill-session"};
+    static constexpr std::string_view netconf[] = {
+        "edit-config",   "get-config",  "get",           "lock",
+        "unlock",        "validate",    "commit",        "discard-changes",
+        "cancel-commit", "copy-config", "delete-config", "close-session",
+        "kill-session"};
     if (module == "ietf-netconf")
         return std::find(std::begin(netconf), std::end(netconf), name) != std::end(netconf);
     if (module == "notifications")
@@ -157,12 +213,32 @@ std::optional<Reply> handle_request(Agent &agent, const lyd_node *rpc, uint32_t 
     if (name == "get")
         return read(agent, rpc, session, false);
     if (name == "lock" || name == "unlock") {
-        if (param(rpc, "target/running") == nullptr)
-            return Reply{only_running()};
-        return Reply{name == "lock" ? agent.lock(session) : agent.unlock(session)};
+        const std::optional<Store> target = store_of(rpc, "target");
+        if (!target)
+            return Reply{no_datastore("target")};
+        return Reply{name == "lock" ? agent.lock(session, *target)
+                                    : agent.unlock(session, *target)};
     }
     if (name == "validate")
         return validate(agent, rpc, session);
+    if (name == "commit")
+        return commit(agent, rpc, session);
+    if (name == "cancel-commit") {
+        std::optional<std::string> persist_id;
+        if (const lyd_node *p = param(rpc, "persist-id"); p != nullptr)
+            persist_id = text_of(p);
+        return Reply{agent.cancel_commit(session, persist_id)};
+    }
+    if (name == "discard-changes")
+        return Reply{agent.discard_changes(session)};
+    if (name == "copy-config")
+        return copy_config(agent, rpc, session);
+    if (name == "delete-config") {
+        const std::optional<Store> target = store_of(rpc, "target");
+        if (!target)
+            return Reply{no_datastore("target")};
+        return Reply{agent.delete_config(session, *target)};
+    }
     return std::nullopt;
 }
 

@@ -1,4 +1,4 @@
-// The operations on the running configuration as libnetconf2 hands them
+// The operations on the configuration datastores as libnetconf2 hands them
 // over, parsed by libyang, answered by the agent; apart from libnetconf2, so
 // that tests and the fuzzer run the same handlers in process.
 #pragma once
@@ -24,8 +24,10 @@ struct Reply {
     bool data = false;
 };
 
-// Answers <edit-config>, <get-config>, <get>, <lock>, <unlock> and
-// <validate> of `session`; nothing for any other operation.
+// Answers <edit-config>, <get-config>, <get>, <lock>, <unlock>,
+// <validate>, <commit>, <cancel-commit>, <discard-changes>, <copy-config>
+// and <delete-config> of `session`, on running, candidate and startup;
+// nothing for any other operation.
 std::optional<Reply> handle_request(Agent &agent, const lyd_node *rpc, uint32_t session);
 
 // Whether the agent performs operation `name` of YANG module `module`:

@@ -137,8 +137,13 @@ std::optional<RpcError> lacking(const lysc_node *schema, const lyd_node *data,
             for (const lyd_node *d = lyd_child(data); d != nullptr && !present; d = d->next)
                 for (const lysc_node *p = d->schema; p != nullptr && p != schema; p = p->parent)
                     present |= p == c;
-            // A choice is no element: the first of its own names it.
+            // A choice is no element: one of its own names it, running
+            // where it is one (a datastore that every operation takes),
+            // else the first.
             const lysc_node *first = lys_getnext(nullptr, c, nullptr, 0);
+            for (const lysc_node *n = first; n != nullptr; n = lys_getnext(n, c, nullptr, 0))
+                if (std::string_view(n->name) == "running")
+                    first = n;
             if (!present && first != nullptr)
                 return missing(first, schema->name, steps);
             continue;
@@ -283,7 +288,8 @@ private:
             if (sc == nullptr) {
                 if (datastore(s, m, name(c)))
                     return fail(refusal("operation-not-supported",
-                                        "only the running configuration is served, not " +
+                                        "the datastores served are running, candidate "
+                                        "and startup, not " +
                                             element_name(name(c)),
                                         "application"),
                                 steps);

@@ -1174,11 +1174,13 @@ void Server::start()
                           monitor_.notification(*c);
                   }});
     agent_->on_change([this](const ConfigChange &c) { notifications_->config_changed(c); });
+    agent_->on_confirmed_commit(
+        [this](const ConfirmedCommitEvent &e) { notifications_->confirmed_commit(e); });
     yang_library_ = yang_library(ctx_);
     set_served(monitor_, ctx_);
     agent_->set_server_state(
-        [this](const RunningLock &lock) {
-            return yang_library_ + monitor_.netconf_state(lock) + notifications_->streams();
+        [this](const DatastoreLocks &locks) {
+            return yang_library_ + monitor_.netconf_state(locks) + notifications_->streams();
         },
         {PrefixNs(octunnel_monitoring_prefix, octunnel_monitoring_ns)});
     nc_server_set_hello_timeout(60);

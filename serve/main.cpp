@@ -53,8 +53,9 @@ int main(int argc, char **argv)
     CLI::App *server = &app;
     server
         ->add_option("--state-dir", so.agent.state_dir,
-                     "Where the native running configuration (running.xml) and the SSH host key "
-                     "are kept; made if missing")
+                     "Where the native running configuration (running.xml), startup "
+                     "(startup.xml), a confirmed commit's rollback and the SSH host key are "
+                     "kept; made if missing")
         ->type_name("DIR")
         ->required();
     server
@@ -168,10 +169,12 @@ int main(int argc, char **argv)
                      "Log sessions, each operational document as it is read, and what "
                      "libnetconf2 says");
     server->footer(
-        "The agent serves the running configuration alone (no candidate or startup). An edit\n"
-        "is checked against the OpenConfig models, applied by RFC 6241's rules to what\n"
-        "<get-config> shows, and kept only when the configuration then reads back as the\n"
-        "edit says; it applies whole or not at all and is on disk before it is answered.\n"
+        "The agent serves running, candidate and startup. An edit of running, or a <commit>\n"
+        "of the candidate, is checked against the OpenConfig models, applied by RFC 6241's\n"
+        "rules to what <get-config> shows, and kept only when the configuration then reads\n"
+        "back as the edit says; it applies whole or not at all and is on disk before it is\n"
+        "answered. A confirmed commit not confirmed in time is taken back, also across a\n"
+        "restart. Startup is loaded only into a running configuration never written.\n"
         "It stops on SIGINT or SIGTERM.\n"
         "Every message a client sends is checked before libnetconf2 reads it: one that is not\n"
         "well-formed XML in UTF-8, holds no element or is no <rpc> is answered\n"

@@ -128,7 +128,10 @@ ly_ctx *load_served_models(const std::string &yang_dir)
     ly_ctx *ctx = nullptr;
     if (ly_ctx_new(yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx) != LY_SUCCESS)
         throw std::runtime_error("cannot set up libyang with the models of " + yang_dir);
-    const char *netconf_features[] = {"writable-running", "rollback-on-error", "validate", nullptr};
+    // Each feature enabled is a capability libnetconf2's hello advertises.
+    const char *netconf_features[] = {
+        "writable-running", "candidate", "confirmed-commit", "rollback-on-error", "validate",
+        "startup",          nullptr};
     std::string missing;
     if (ly_ctx_load_module(ctx, "ietf-netconf", nullptr, netconf_features) == nullptr)
         missing = "ietf-netconf";

@@ -218,3 +218,35 @@ def test_access_control_keeps_events_from_those_who_may_not_receive_them():
             assert state.findtext(f".//{{{ACM}}}denied-notifications") == "1"
     finally:
         shutil.rmtree(work, ignore_errors=True)
+
+
+def test_confirmed_commits_and_startup_are_told_and_a_rollback_is_the_servers():
+    with seeded() as (agent, watcher):
+        editor = agent.connect()
+        watcher.create_subscription()
+        agent.wait_log(f"session {editor.session_id} of 'alice' began")
+        editor.edit_config(target="candidate", config=config(
+            tunnel("tunnel-ip12", "<config><ttl>21</ttl></config>")))
+        editor.commit(confirmed=True, timeout="1")
+        change, start = events(watcher, 2)
+        assert edits_of(change) == [(T12 + "/oc-tun:tunnel/oc-tun:config/oc-tun:ttl", "replace")]
+        assert (start.tag, start.findtext(f"{NCN}confirm-event"), start.findtext(f"{NCN}timeout"),
+                start.findtext(f"{NCN}session-id")) == \
+            (f"{NCN}netconf-confirmed-commit", "start", "1", editor.session_id)
+        # No confirmation: running goes back, by the server's own act, and
+        # the timeout names no session.
+        back, timeout = events(watcher, 2, timeout=10)
+        assert back.find(f"{NCN}changed-by/{NCN}server") is not None
+        assert edits_of(back) == [(T12 + "/oc-tun:tunnel/oc-tun:config/oc-tun:ttl", "replace")]
+        assert (timeout.findtext(f"{NCN}confirm-event"), timeout.find(f"{NCN}session-id")) == \
+            ("timeout", None)
+        # Confirmed, then written to startup.
+        editor.edit_config(target="candidate", config=config(
+            tunnel("tunnel-ip12", "<config><ttl>22</ttl></config>")))
+        editor.commit(confirmed=True, timeout="60")
+        editor.commit()
+        editor.copy_config(source="running", target="startup")
+        assert [(etree.QName(e).localname, e.findtext(f"{NCN}confirm-event") or
+                 e.findtext(f"{NCN}datastore")) for e in events(watcher, 4)] == [
+            ("netconf-config-change", "running"), ("netconf-confirmed-commit", "start"),
+            ("netconf-confirmed-commit", "complete"), ("netconf-config-change", "startup")]

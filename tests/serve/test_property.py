@@ -63,3 +63,33 @@ def test_random_edits_answer_and_leave_what_the_model_does():
     # Edits were answered every way.
     assert {"ok", "data-missing", "data-exists", "invalid-value", "operation-not-supported",
             "unknown-element"} <= set(answers), answers
+
+
+def test_the_same_edits_through_the_candidate_leave_running_as_the_model_does():
+    """Each edit made on the candidate and committed: the commit answers
+    what the edit of running would have (a refusal of the models at the
+    edit, of the tunnel mapping at the commit, the candidate then
+    discarded), and running ends as the model says."""
+    steps = script()
+    with Agent() as agent:
+        m = agent.connect()
+        for i, step in enumerate(steps):
+            text = ('<config xmlns="urn:ietf:params:xml:ns:netconf:base:1.0">' + step["edit"] +
+                    "</config>")
+            before = leaves(m.get_config("running"))
+            got = "ok"
+            try:
+                m.edit_config(target="candidate", config=text, default_operation=step["default"],
+                              test_option="test-only" if step["test_only"] else None)
+                if not step["test_only"]:
+                    m.commit()
+            except RPCError as e:
+                got = e.errors[0].tag if getattr(e, "errors", None) else e.tag
+                m.discard_changes()
+            after = leaves(m.get_config("running"))
+            where = f"step {i}: {step}\n  agent: {sorted(after)}"
+            assert got in step["answers"] if step["answers"] else got == "ok", (got, where)
+            assert after == set(step["leaves"]), where
+            if step["answers"] or step["test_only"]:
+                assert after == before, where
+            assert leaves(m.get_config("candidate")) == after, where

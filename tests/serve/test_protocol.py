@@ -28,7 +28,11 @@ def test_the_hello_advertises_netconf_and_the_openconfig_modules():
         assert {"urn:ietf:params:netconf:base:1.0", "urn:ietf:params:netconf:base:1.1",
                 "urn:ietf:params:netconf:capability:writable-running:1.0",
                 "urn:ietf:params:netconf:capability:rollback-on-error:1.0"} <= caps, caps
-        assert not any(":candidate:" in c for c in caps), caps
+        assert {"urn:ietf:params:netconf:capability:candidate:1.0",
+                "urn:ietf:params:netconf:capability:confirmed-commit:1.1",
+                "urn:ietf:params:netconf:capability:startup:1.0",
+                "urn:ietf:params:netconf:capability:validate:1.1"} <= caps, caps
+        assert not any(":url:" in c for c in caps), caps
         modules = {c.split("module=")[1].split("&")[0] for c in caps if "module=" in c}
         assert {"openconfig-interfaces", "openconfig-if-ip", "openconfig-if-tunnel",
                 "openconfig-types", "openconfig-inet-types", "openconfig-yang-types",
@@ -95,9 +99,9 @@ def test_what_no_request_should_be_is_answered_in_turn_and_the_session_goes_on()
     rows = p.BAD_MESSAGES + [(p.rpc(body, "r"), tag, said) for body, tag, said in (
         ('<frobnicate xmlns="urn:example:x"/>', "operation-not-supported", "urn:example:x"),
         ("<copy-config><target><running/></target><source><running/></source></copy-config>",
-         "operation-not-supported", "copy-config"),
-        ("<get-config><source><candidate/></source></get-config>", "operation-not-supported",
-         "candidate"),
+         "invalid-value", "onto itself"),
+        ("<get-config><source><url>file:///x</url></source></get-config>",
+         "operation-not-supported", "url"),
         ("<edit-config><target><running/></target></edit-config>", "missing-element",
          "<bad-element>config</bad-element>"),
         ('<get-config><source><running/></source><filter type="xpath" select="/a"/></get-config>',

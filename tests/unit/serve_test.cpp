@@ -651,12 +651,16 @@ TEST(Screen, AnswersWhatLibnetconf2WouldRefuseInNetconfsTerms)
              // Operations the agent does not perform, whatever they hold.
              {"<frobnicate/>", "operation-not-supported"},
              {"<get xmlns=\"urn:example:x\"/>", "operation-not-supported"},
-             {"<commit/>", "operation-not-supported"},
+             // The datastores served: running, candidate and startup.
+             {"<commit><confirmed/><confirm-timeout>5</confirm-timeout></commit>", ""},
              {"<copy-config><target><startup/></target><source><running/></"
               "source></copy-config>",
-              "operation-not-supported"},
-             {"<delete-config><target><running/></target></delete-config>",
-              "operation-not-supported"},
+              ""},
+             {"<get-config><source><candidate/></source></get-config>", ""},
+             {"<delete-config><target><running/></target></delete-config>", "unknown-element",
+              "running", "", "/nc:rpc/nc:delete-config/nc:target/nc:running"},
+             {"<commit><confirm-timeout>0</confirm-timeout></commit>", "bad-element",
+              "confirm-timeout", "", "/nc:rpc/nc:commit/nc:confirm-timeout"},
              // Parameters missing, an operation's or a container's; a choice
              // named by its element.
              {"<get-config/>", "missing-element", "source", "", "/nc:rpc/nc:get-config"},
@@ -677,8 +681,8 @@ TEST(Screen, AnswersWhatLibnetconf2WouldRefuseInNetconfsTerms)
               "frob", "", "/nc:rpc/nc:get-config/nc:source/nc:frob"},
              {"<get><frob xmlns=\"urn:x\"/></get>", "unknown-namespace", "frob", "",
               "/nc:rpc/nc:get"},
-             {"<get-config><source><candidate/></source></get-config>", "operation-not-supported",
-              "", "", "/nc:rpc/nc:get-config/nc:source"},
+             {"<get-config><source><url>file:///x</url></source></get-config>",
+              "operation-not-supported", "", "", "/nc:rpc/nc:get-config/nc:source"},
              // Values that are not of their element's type.
              {"<kill-session><session-id>abc</session-id></kill-session>", "bad-element",
               "session-id", "", "/nc:rpc/nc:kill-session/nc:session-id"},
