@@ -42,17 +42,36 @@ std::string content_of(const lyd_node *node)
     return s;
 }
 
+// The XML text of the anyxml parameter `node`, taken out of the request:
+// libyang holds it as a tree many times the size of the text, which would
+// otherwise stay beside every tree the agent builds of the text until the
+// reply is sent.
+std::string take_content(lyd_node *node)
+{
+    std::string text = content_of(node);
+    if (lyd_any_copy_value(node, nullptr, LYD_ANYDATA_STRING) != LY_SUCCESS)
+        throw std::bad_alloc();
+    return text;
+}
+
+// The node at `path` below `rpc`, to be changed.
+lyd_node *param_in(lyd_node *rpc, const char *path)
+{
+    lyd_node *found = nullptr;
+    return lyd_find_path(rpc, path, 0, &found) == LY_SUCCESS ? found : nullptr;
+}
+
 Outcome only_running()
 {
     return failure("operation-not-supported", "only the running configuration is served",
                    "application");
 }
 
-Reply edit_config(Agent &agent, const lyd_node *rpc, uint32_t sid)
+Reply edit_config(Agent &agent, lyd_node *rpc, uint32_t sid)
 {
     if (param(rpc, "target/running") == nullptr)
         return {only_running()};
-    const lyd_node *config = param(rpc, "config");
+    lyd_node *config = param_in(rpc, "config");
     if (config == nullptr)
         return {
             failure("operation-not-supported", "only an inline <config> is taken", "application")};
@@ -62,15 +81,15 @@ Reply edit_config(Agent &agent, const lyd_node *rpc, uint32_t sid)
     else if (d == "none")
         op = DefaultOperation::none;
     const bool test_only = text_of(param(rpc, "test-option")) == "test-only";
-    return {agent.edit_config(sid, content_of(config), op, test_only)};
+    return {agent.edit_config(sid, take_content(config), op, test_only)};
 }
 
-Reply validate(Agent &agent, const lyd_node *rpc, uint32_t sid)
+Reply validate(Agent &agent, lyd_node *rpc, uint32_t sid)
 {
     // The running configuration is valid as it stands; an inline one is
     // tried as the whole configuration, and not kept.
-    if (const lyd_node *config = param(rpc, "source/config"); config != nullptr)
-        return {agent.validate(sid, content_of(config))};
+    if (lyd_node *config = param_in(rpc, "source/config"); config != nullptr)
+        return {agent.validate(sid, take_content(config))};
     if (param(rpc, "source/running") != nullptr)
         return {};
     return {failure("operation-not-supported",
@@ -143,7 +162,7 @@ bool performs(std::string_view module, std::string_view name)
     return module == "ietf-netconf-monitoring" && name == "get-schema";
 }
 
-std::optional<Reply> handle_request(Agent &agent, const lyd_node *rpc, uint32_t session)
+std::optional<Reply> handle_request(Agent &agent, lyd_node *rpc, uint32_t session)
 {
     if (rpc->schema == nullptr || std::string_view(rpc->schema->module->name) != "ietf-netconf")
         return std::nullopt;

@@ -25,8 +25,11 @@ struct Reply {
 };
 
 // Answers <edit-config>, <get-config>, <get>, <lock>, <unlock> and
-// <validate> of `session`; nothing for any other operation.
-std::optional<Reply> handle_request(Agent &agent, const lyd_node *rpc, uint32_t session);
+// <validate> of `session`; nothing for any other operation.  The
+// configuration an edit or a validate carries is taken out of `rpc` (its
+// text goes to the agent), so that the tree of it is not held while the
+// agent works.
+std::optional<Reply> handle_request(Agent &agent, lyd_node *rpc, uint32_t session);
 
 // Whether the agent performs operation `name` of YANG module `module`:
 // those handle_request answers, and <close-session>, <kill-session> and
