@@ -104,6 +104,14 @@ public:
         changes_.push_back({Change::inserted, &parent, n.slot(), nullptr, nullptr, {}, false});
         return n;
     }
+    // Puts `node` below `parent`, which this change inserted: taking the
+    // parent back takes the node with it, so nothing is kept of it (an
+    // entry for each node of a whole new configuration would outweigh the
+    // configuration).
+    Node &insert_below_new(Node &parent, std::unique_ptr<Node> node, std::size_t slot)
+    {
+        return parent.put(std::move(node), slot);
+    }
     // Takes `n` out of the tree, and returns its slot.
     std::size_t remove(Node &n)
     {
@@ -194,11 +202,16 @@ private:
         Node *d;       // the data node they apply to
         int op;        // what an operation-less child does
         std::size_t next;
+        bool made; // whether this edit made `d`
+    };
+    struct Into {
+        Node *d;
+        bool made;
     };
 
     void walk(const Node &edit_root, Node &data_root, int op)
     {
-        std::vector<Step> stack{{&edit_root, &data_root, op, 0}};
+        std::vector<Step> stack{{&edit_root, &data_root, op, 0, false}};
         while (!stack.empty()) {
             Step &s = stack.back();
             if (s.next == s.e->slots().size()) {
@@ -210,9 +223,10 @@ private:
                 continue;
             const int inherited = e->op() >= 0 ? e->op() : s.op;
             into_.clear();
+            parent_made_ = s.made;
             apply_one(*e, *s.d, s.op);
-            for (Node *d : into_)
-                stack.push_back({e, d, inherited, 0});
+            for (const Into &i : into_)
+                stack.push_back({e, i.d, inherited, 0, i.made});
         }
     }
 
@@ -251,27 +265,27 @@ private:
         case YFW_OP_CREATE:
             if (d != nullptr)
                 fail("data-exists", e, element_name(e.tag()) + " exists already");
-            into_.push_back(&create(e, parent, parent.slots().size()));
+            into_.push_back({&create(e, parent, parent.slots().size()), true});
             return;
         case YFW_OP_REPLACE: {
             std::size_t slot = parent.slots().size();
             if (d != nullptr)
                 slot = journal_.remove(*d);
-            into_.push_back(&create(e, parent, slot));
+            into_.push_back({&create(e, parent, slot), true});
             return;
         }
         case YFW_OP_MERGE:
             if (d == nullptr) {
-                into_.push_back(&create(e, parent, parent.slots().size()));
+                into_.push_back({&create(e, parent, parent.slots().size()), true});
                 return;
             }
             if (e.has_value())
                 journal_.set_value(*d, e.value());
-            into_.push_back(d);
+            into_.push_back({d, parent_made_});
             return;
         case op_none:
             if (d != nullptr)
-                into_.push_back(d);
+                into_.push_back({d, parent_made_});
             else if (!only_removes(e, op_none))
                 fail("data-missing", e,
                      "there is no " + element_name(e.tag()) +
@@ -300,7 +314,8 @@ private:
             return;
         case YFW_OP_MERGE:
         case op_none:
-            into_.insert(into_.end(), entries.begin(), entries.end());
+            for (Node *d : entries)
+                into_.push_back({d, parent_made_});
             return;
         default:
             for (std::string_view key : models().keys(e.place()))
@@ -320,7 +335,8 @@ private:
                 const Node *k = e.child(key);
                 n->add(k->tag(), k->ns()).set_value(k->value());
             }
-        Node &made = journal_.insert(parent, std::move(n), slot);
+        Node &made = parent_made_ ? journal_.insert_below_new(parent, std::move(n), slot)
+                                  : journal_.insert(parent, std::move(n), slot);
         created_.push_back(&made);
         return made;
     }
@@ -366,7 +382,8 @@ private:
     Journal &journal_;
     std::vector<Node *> emptied_;
     std::vector<Node *> created_;
-    std::vector<Node *> into_;
+    std::vector<Into> into_;
+    bool parent_made_ = false; // whether this edit made the parent at hand
 };
 
 } // namespace
