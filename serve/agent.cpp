@@ -314,7 +314,7 @@ void Agent::fold_loop()
             auto [text, through] = running_.snapshot();
             guard.unlock();
             try {
-                running_.write_document(text);
+                running_.write_document(text, through);
             } catch (...) {
                 guard.lock();
                 throw;
@@ -375,6 +375,7 @@ Outcome Agent::edit_locked(uint32_t session, std::string &config, DefaultOperati
         e.session_id = lock_owner_;
         return Outcome::error(e);
     }
+    const bool large = config.size() >= large_edit;
     // The edit as the models take it: its shape, then its values.  An
     // empty <config> is an edit of nothing (all there is, with a default
     // operation of replace).
@@ -441,7 +442,7 @@ Outcome Agent::edit_locked(uint32_t session, std::string &config, DefaultOperati
     if (names && names->size() >= configured_entries())
         names.reset();
     DataTree before;
-    if (auto e = configuration(names, before))
+    if (auto e = configuration(names, before, large))
         return Outcome::error(*e);
     lyd_node *copy = nullptr;
     if (before && lyd_dup_siblings(before.get(), nullptr, LYD_DUP_RECURSIVE, &copy) != LY_SUCCESS)
@@ -508,9 +509,14 @@ Outcome Agent::edit_locked(uint32_t session, std::string &config, DefaultOperati
             return Outcome::error(e);
         }
     }
+    // What the forms of the edit freed is small pieces the read back's
+    // large arrays and text cannot use: handed back first, it is not held
+    // beside them.
+    if (large)
+        give_back_memory();
     // The promise of the answer: the configuration reads back as intended.
     DataTree after;
-    if (auto e = configuration(names, after))
+    if (auto e = configuration(names, after, large))
         return Outcome::error(*e);
     leave_out_by_design(intended);
     leave_out_by_design(after);
@@ -535,7 +541,7 @@ Outcome Agent::edit_locked(uint32_t session, std::string &config, DefaultOperati
 }
 
 std::optional<RpcError> Agent::configuration(const std::optional<std::vector<std::string>> &names,
-                                             DataTree &config)
+                                             DataTree &config, bool large)
 {
     // The module's answer goes straight to text, and the text once libyang
     // has read it: of a whole configuration, each is large.
@@ -544,6 +550,11 @@ std::optional<RpcError> Agent::configuration(const std::optional<std::vector<std
         const Document filter = names ? interfaces_filter(*names) : Document{};
         if (auto e = read_oc(YFW_MAP_REQ_GET_CONFIG, names ? &filter : nullptr,
                              [&](const yfwhost::Answer &answer) {
+                                 // The native data the module walked, in
+                                 // small pieces, goes back before the text
+                                 // grows.
+                                 if (large)
+                                     give_back_memory();
                                  XmlSink sink(text);
                                  write(answer, sink, Prune::state);
                              }))

@@ -164,9 +164,11 @@ private:
     // containers: at least as many as the interfaces it configures.
     std::size_t configured_entries() const;
     // The OpenConfig configuration of the interfaces `names` (all of them
-    // when none), as <get-config> shows it, settled.
+    // when none), as <get-config> shows it, settled.  `large`: for an edit
+    // of a large text, which hands back to the system what the read freed
+    // before it writes the answer's text.
     std::optional<RpcError> configuration(const std::optional<std::vector<std::string>> &names,
-                                          DataTree &config);
+                                          DataTree &config, bool large = false);
 
     // Writes the running configuration's document again once edits pause
     // (Datastore::fold), so that the file a person reads is current within

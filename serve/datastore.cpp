@@ -624,10 +624,22 @@ void Datastore::commit(std::vector<CommitLog::Edit> edits)
     try {
         const std::string text = document();
         write_durably(path_, text);
+        written_through_ = number_;
         folded(number_, text.size());
     } catch (const std::exception &) {
         fold_at_ = 2 * log_->size();
     }
+}
+
+void Datastore::commit_whole()
+{
+    // Waits for a document being written: the one written here must be
+    // the last.
+    std::lock_guard writing(writing_);
+    const std::string text = native_document(tree_.root(), number_ + 1);
+    write_durably(path_, text);
+    written_through_ = ++number_;
+    folded(number_, text.size());
 }
 
 std::string Datastore::document() const
@@ -640,13 +652,19 @@ void Datastore::fold()
     std::lock_guard writing(writing_);
     const std::string text = document();
     write_durably(path_, text);
+    written_through_ = number_;
     folded(number_, text.size());
 }
 
-void Datastore::write_document(const std::string &text)
+void Datastore::write_document(const std::string &text, uint64_t through)
 {
     std::lock_guard writing(writing_);
+    // A commit wrote a later document meanwhile: this one would take its
+    // commits off the disk.
+    if (through < written_through_)
+        return;
     write_durably(path_, text);
+    written_through_ = through;
 }
 
 void Datastore::folded(uint64_t through, std::size_t document_size)
@@ -679,12 +697,22 @@ void Datastore::Change::apply(const Tree &edit, DefaultOperation default_operati
     if (own.empty())
         return;
     journal_->append(own);
+    if (whole_)
+        return;
     // Logged as it was given, to be applied again at start as it was now.
     std::string text;
     XmlSink sink(text);
     sink.with_operations();
     write(edit.root(), sink);
+    logged_ += text.size();
     edits_.push_back({default_operation_name(default_operation), std::move(text)});
+    // A log this large would have the document written at once: the
+    // change is written as the document instead, and its text is not held
+    // until then.
+    if (logged_ >= store_.fold_at_) {
+        whole_ = true;
+        std::vector<CommitLog::Edit>().swap(edits_);
+    }
 }
 
 bool Datastore::Change::changed() const
@@ -694,8 +722,11 @@ bool Datastore::Change::changed() const
 
 void Datastore::Change::commit()
 {
-    if (!journal_->empty())
-        store_.commit(std::move(edits_)); // throws, and the destructor takes the change back
+    // Either throws, and the destructor takes the change back.
+    if (!journal_->empty() && whole_)
+        store_.commit_whole();
+    else if (!journal_->empty())
+        store_.commit(std::move(edits_));
     journal_->commit();
     done_ = true;
 }

@@ -444,6 +444,33 @@ TEST_F(DatastoreTest, ALogLargerThanTheDocumentIsFoldedByTheCommit)
     EXPECT_TRUE(disk() == ds.document());
 }
 
+// A change whose text would outgrow the log is committed by writing the
+// document whole (its text is not held for the log), and a document taken
+// before it (as the agent's writer takes one, to write it without holding
+// requests up) cannot be written over it afterwards.
+TEST_F(DatastoreTest, AChangeLargerThanTheLogIsCommittedAsTheDocument)
+{
+    Datastore ds(path);
+    EXPECT_EQ(edit(ds, one("<description>first</description>")), "");
+    ASSERT_TRUE(ds.behind());
+    const auto [older, through] = ds.snapshot();
+    // More than a MiB of log, in less than a MiB of edit.
+    std::vector<int> ids(4000);
+    std::iota(ids.begin(), ids.end(), 2);
+    EXPECT_EQ(edit(ds, tunnels(ids)), "");
+    EXPECT_FALSE(ds.behind());
+    EXPECT_TRUE(file() == ds.document());
+    EXPECT_NE(file().find("through commit 2."), std::string::npos);
+    ds.write_document(older, through);
+    EXPECT_TRUE(file() == ds.document());
+    EXPECT_TRUE(disk() == ds.document());
+    // The next commits are logged after it, and read again with it.
+    EXPECT_EQ(edit(ds, one("<description>after</description>")), "");
+    EXPECT_TRUE(ds.behind());
+    EXPECT_TRUE(disk() == ds.document());
+    EXPECT_EQ(count(disk(), "<interface-configuration>"), 4001u);
+}
+
 // ---------------------------------------------------------------- guard
 
 const std::string NC = "urn:ietf:params:xml:ns:netconf:base:1.0";
