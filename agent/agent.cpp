@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <unordered_map>
@@ -19,6 +20,16 @@ namespace octunnel::serve {
 namespace {
 
 constexpr const char running_file[] = "running.xml";
+
+// An edit whose text is this large builds trees of many times its size,
+// and the allocator keeps what they freed: it is handed back to the
+// system afterwards, so that the agent at rest holds what it keeps.
+constexpr std::size_t large_edit = std::size_t{1} << 20;
+
+void give_back_memory()
+{
+    malloc_trim(0);
+}
 
 std::string hex(verrno rc)
 {
@@ -305,7 +316,7 @@ void Agent::fold_loop()
             auto [text, through] = running_.snapshot();
             guard.unlock();
             try {
-                running_.write_document(text);
+                running_.write_document(text, through);
             } catch (...) {
                 guard.lock();
                 throw;
@@ -329,25 +340,33 @@ const std::string &Agent::running_path() const
     return running_.path();
 }
 
-Outcome Agent::edit_config(uint32_t session, std::string_view config, DefaultOperation op,
+Outcome Agent::edit_config(uint32_t session, std::string config, DefaultOperation op,
                            bool test_only)
 {
     if (config.size() > options_.max_content)
         return Outcome::error(too_big("the configuration", config.size(), options_.max_content));
+    const bool large = config.size() >= large_edit;
     std::lock_guard guard(mutex_);
-    return edit_locked(session, config, op, test_only);
+    Outcome out = edit_locked(session, config, op, test_only);
+    if (large)
+        give_back_memory();
+    return out;
 }
 
-Outcome Agent::validate(uint32_t session, std::string_view config)
+Outcome Agent::validate(uint32_t session, std::string config)
 {
     if (config.size() > options_.max_content)
         return Outcome::error(too_big("the configuration", config.size(), options_.max_content));
+    const bool large = config.size() >= large_edit;
     std::lock_guard guard(mutex_);
     // The configuration as the whole running configuration, not kept.
-    return edit_locked(session, config, DefaultOperation::replace, true, false);
+    Outcome out = edit_locked(session, config, DefaultOperation::replace, true, false);
+    if (large)
+        give_back_memory();
+    return out;
 }
 
-Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOperation op,
+Outcome Agent::edit_locked(uint32_t session, std::string &config, DefaultOperation op,
                            bool test_only, bool checked)
 {
     if (lock_owner_ != 0 && lock_owner_ != session) {
@@ -358,6 +377,7 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
         e.session_id = lock_owner_;
         return Outcome::error(e);
     }
+    const bool large = config.size() >= large_edit;
     // The edit as the models take it: its shape, then its values.  An
     // empty <config> is an edit of nothing (all there is, with a default
     // operation of replace).
@@ -403,19 +423,28 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
                         NS_OC_INTERFACES + ")";
             return Outcome::error(e);
         }
+    // Each form of the edit goes once the next is made: the large ones are
+    // of the whole configuration, and none is needed twice.
+    doc = Document{};
     std::optional<ModelError> invalid;
     DataTree edit = models_.parse_edit(config, false, invalid);
+    std::string().swap(config);
     if (invalid)
         return Outcome::error(from_model(*invalid));
     const EditOp default_op = edit_op(op);
 
     // What the configuration is now, of the interfaces the edit touches, and
     // what it is to become.
-    const auto names = interfaces_touched(models_, edit.get(), default_op);
+    auto names = interfaces_touched(models_, edit.get(), default_op);
     if (names && names->empty())
         return {}; // nothing named: nothing changes
+    // An edit that names as many interfaces as the configuration holds
+    // reads it all: no more than it names, without a filter of every name
+    // made and walked first.
+    if (names && names->size() >= configured_entries())
+        names.reset();
     DataTree before;
-    if (auto e = configuration(names, before))
+    if (auto e = configuration(names, before, large))
         return Outcome::error(*e);
     lyd_node *copy = nullptr;
     if (before && lyd_dup_siblings(before.get(), nullptr, LYD_DUP_RECURSIVE, &copy) != LY_SUCCESS)
@@ -423,6 +452,7 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
     DataTree intended(copy);
     if (auto e = apply_edit(models_, intended, edit.get(), default_op))
         return Outcome::error(from_model(*e));
+    edit.reset();
     if (auto e = hold_by_design(models_, intended))
         return Outcome::error(from_model(*e));
     settle(intended);
@@ -454,22 +484,28 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
     // The difference, through the module, into the native configuration:
     // first what goes, then what comes.
     Change change = difference(before.get(), intended.get());
+    before.reset();
     if (change.removals.roots.empty() && change.additions.roots.empty())
         return {}; // the configuration is as intended already
     Datastore::Change native(running_);
-    for (const Document *part : {&change.removals, &change.additions}) {
+    for (Document *part : {&change.removals, &change.additions}) {
         if (part->roots.empty())
             continue;
-        Walk walk(edit_kind, "config");
-        yfwhost::Request &req = walk.request();
-        req.add_input(part->tree.get());
-        const verrno rc = walk_to_native(*module_, req, part->roots);
-        if (rc != YFW_OK)
-            return Outcome::error(refusal(rc, req, models_));
-        if (auto e = unwritable(req))
-            return Outcome::error(*e);
+        // The native request, once made, is all that is needed of the walk
+        // and of this part of the difference.
         Tree tree;
-        adopt(tree, req.answer());
+        {
+            Walk walk(edit_kind, "config");
+            yfwhost::Request &req = walk.request();
+            req.add_input(part->tree.get());
+            const verrno rc = walk_to_native(*module_, req, part->roots);
+            if (rc != YFW_OK)
+                return Outcome::error(refusal(rc, req, models_));
+            if (auto e = unwritable(req))
+                return Outcome::error(*e);
+            adopt(tree, req.answer());
+        }
+        *part = Document{};
         try {
             native.apply(tree, DefaultOperation::merge);
         } catch (const EditError &err) {
@@ -485,14 +521,21 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
             return Outcome::error(e);
         }
     }
+    // What the forms of the edit freed is small pieces the read back's
+    // large arrays and text cannot use: handed back first, it is not held
+    // beside them.
+    if (large)
+        give_back_memory();
     // The promise of the answer: the configuration reads back as intended.
     DataTree after;
-    if (auto e = configuration(names, after))
+    if (auto e = configuration(names, after, large))
         return Outcome::error(*e);
     leave_out_by_design(intended);
     leave_out_by_design(after);
     if (auto e = first_difference(models_, intended.get(), after.get()))
         return Outcome::error(from_model(*e));
+    intended.reset();
+    after.reset();
     if (test_only)
         return {};
     try {
@@ -512,15 +555,25 @@ Outcome Agent::edit_locked(uint32_t session, std::string_view config, DefaultOpe
 }
 
 std::optional<RpcError> Agent::configuration(const std::optional<std::vector<std::string>> &names,
-                                             DataTree &config)
+                                             DataTree &config, bool large)
 {
-    Tree answer;
-    const Document filter = names ? interfaces_filter(*names) : Document{};
-    if (auto e = read_oc(YFW_MAP_REQ_GET_CONFIG, names ? &filter : nullptr, answer))
-        return e;
+    // The module's answer goes straight to text, and the text once libyang
+    // has read it: of a whole configuration, each is large.
     std::string text;
-    XmlSink sink(text);
-    write(answer.root(), sink, Prune::state);
+    {
+        const Document filter = names ? interfaces_filter(*names) : Document{};
+        if (auto e = read_oc(YFW_MAP_REQ_GET_CONFIG, names ? &filter : nullptr,
+                             [&](const yfwhost::Answer &answer) {
+                                 // The native data the module walked, in
+                                 // small pieces, goes back before the text
+                                 // grows.
+                                 if (large)
+                                     give_back_memory();
+                                 XmlSink sink(text);
+                                 write(answer, sink, Prune::state);
+                             }))
+            return e;
+    }
     lyd_node *tree = nullptr;
     if (lyd_parse_data_mem(models_.context(), text.c_str(), LYD_XML,
                            LYD_PARSE_ONLY | LYD_PARSE_STRICT | LYD_PARSE_NO_STATE, 0,
@@ -534,9 +587,19 @@ std::optional<RpcError> Agent::configuration(const std::optional<std::vector<std
         log_(e.message);
         return e;
     }
+    std::string().swap(text);
     config.reset(tree);
     settle(config);
     return std::nullopt;
+}
+
+std::size_t Agent::configured_entries() const
+{
+    std::size_t n = 0;
+    for (const auto &top : running_.tree().root().slots())
+        if (top)
+            n += top->child_count();
+    return n;
 }
 
 Outcome Agent::read(uint32_t session, bool config_only, const std::optional<std::string> &filter)
@@ -623,6 +686,12 @@ Outcome Agent::read_locked(uint32_t session, bool config_only,
 
 std::optional<RpcError> Agent::read_oc(uint32_t kind, const Document *filter, Tree &answer)
 {
+    return read_oc(kind, filter, [&](const yfwhost::Answer &a) { adopt(answer, a); });
+}
+
+std::optional<RpcError> Agent::read_oc(uint32_t kind, const Document *filter,
+                                       const std::function<void(const yfwhost::Answer &)> &take)
+{
     std::vector<const Node *> data{&running_.tree().root()};
     // <get> answers from the operational documents as they were last read
     // whole, held to the end of the read however the reader moves on.
@@ -682,7 +751,10 @@ std::optional<RpcError> Agent::read_oc(uint32_t kind, const Document *filter, Tr
         return refusal(rc, req, models_);
     if (auto e = unwritable(req))
         return e;
-    adopt(answer, req.answer());
+    // The answer holds its own copies of what it took of the native data.
+    roots.clear();
+    doc = Document{};
+    take(req.answer());
     return std::nullopt;
 }
 

@@ -124,12 +124,12 @@ public:
     // edit is checked against the OpenConfig models, applied by RFC 6241's
     // rules to the configuration as <get-config> shows it, and carried to
     // the native configuration as the difference; it is kept only when the
-    // configuration then reads back as intended.
-    Outcome edit_config(uint32_t session, std::string_view config, DefaultOperation op,
-                        bool test_only);
+    // configuration then reads back as intended.  The text is the agent's
+    // to let go of as soon as it has read it.
+    Outcome edit_config(uint32_t session, std::string config, DefaultOperation op, bool test_only);
     // <validate> of an inline configuration: whether it would be taken as
     // the whole running configuration, by every check of an edit.
-    Outcome validate(uint32_t session, std::string_view config);
+    Outcome validate(uint32_t session, std::string config);
     // <get-config> on running (`config_only`) or <get>: `filter` is the text
     // of a subtree filter, or none for everything.
     Outcome read(uint32_t session, bool config_only, const std::optional<std::string> &filter);
@@ -206,8 +206,9 @@ private:
                         const std::optional<std::string> &filter);
     // `checked`: whether what the edit writes is held to the session's
     // access (not for <validate>, which writes nothing).
-    Outcome edit_locked(uint32_t session, std::string_view config, DefaultOperation op,
-                        bool test_only, bool checked = true);
+    // `config` is emptied once it is read.
+    Outcome edit_locked(uint32_t session, std::string &config, DefaultOperation op, bool test_only,
+                        bool checked = true);
     // Takes out of the top-level nodes of `holder` what the subject may
     // not read.
     void leave_out_unreadable(const nacm::Subject &who, Node &holder) const;
@@ -216,10 +217,18 @@ private:
     // `answer`: of the native data the module's filter of `filter` selects,
     // or of all of it when `filter` is null.
     std::optional<RpcError> read_oc(uint32_t kind, const Document *filter, Tree &answer);
+    // Or handed to `take`, once the native data it was made of is let go.
+    std::optional<RpcError> read_oc(uint32_t kind, const Document *filter,
+                                    const std::function<void(const yfwhost::Answer &)> &take);
+    // The entries of the native running configuration's top-level
+    // containers: at least as many as the interfaces it configures.
+    std::size_t configured_entries() const;
     // The OpenConfig configuration of the interfaces `names` (all of them
-    // when none), as <get-config> shows it, settled.
+    // when none), as <get-config> shows it, settled.  `large`: for an edit
+    // of a large text, which hands back to the system what the read freed
+    // before it writes the answer's text.
     std::optional<RpcError> configuration(const std::optional<std::vector<std::string>> &names,
-                                          DataTree &config);
+                                          DataTree &config, bool large = false);
 
     // The datastores beside running, at start and as sessions end.
     void resume_datastores();

@@ -400,7 +400,8 @@ Outcome Agent::commit_candidate(uint32_t session)
 {
     if (!candidate_changed_)
         return {}; // running is the candidate already
-    Outcome o = edit_locked(session, text_of(candidate_.get()), DefaultOperation::replace, false);
+    std::string text = text_of(candidate_.get());
+    Outcome o = edit_locked(session, text, DefaultOperation::replace, false);
     if (o.ok())
         drop_candidate();
     return o;

@@ -118,7 +118,8 @@ void Agent::roll_back(const std::string &why)
     const Pending pending = *pending_;
     // The agent's own act: over running's lock, whoever holds it, and
     // beyond any user's access.
-    Outcome o = edit_locked(lock_owner_, pending.rollback, DefaultOperation::replace, false, false);
+    std::string rollback = pending.rollback; // the edit takes its text
+    Outcome o = edit_locked(lock_owner_, rollback, DefaultOperation::replace, false, false);
     pending_.reset();
     confirm_cv_.notify_all();
     const std::string made =

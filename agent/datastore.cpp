@@ -104,6 +104,14 @@ public:
         changes_.push_back({Change::inserted, &parent, n.slot(), nullptr, nullptr, {}, false});
         return n;
     }
+    // Puts `node` below `parent`, which this change inserted: taking the
+    // parent back takes the node with it, so nothing is kept of it (an
+    // entry for each node of a whole new configuration would outweigh the
+    // configuration).
+    Node &insert_below_new(Node &parent, std::unique_ptr<Node> node, std::size_t slot)
+    {
+        return parent.put(std::move(node), slot);
+    }
     // Takes `n` out of the tree, and returns its slot.
     std::size_t remove(Node &n)
     {
@@ -194,11 +202,16 @@ private:
         Node *d;       // the data node they apply to
         int op;        // what an operation-less child does
         std::size_t next;
+        bool made; // whether this edit made `d`
+    };
+    struct Into {
+        Node *d;
+        bool made;
     };
 
     void walk(const Node &edit_root, Node &data_root, int op)
     {
-        std::vector<Step> stack{{&edit_root, &data_root, op, 0}};
+        std::vector<Step> stack{{&edit_root, &data_root, op, 0, false}};
         while (!stack.empty()) {
             Step &s = stack.back();
             if (s.next == s.e->slots().size()) {
@@ -210,9 +223,10 @@ private:
                 continue;
             const int inherited = e->op() >= 0 ? e->op() : s.op;
             into_.clear();
+            parent_made_ = s.made;
             apply_one(*e, *s.d, s.op);
-            for (Node *d : into_)
-                stack.push_back({e, d, inherited, 0});
+            for (const Into &i : into_)
+                stack.push_back({e, i.d, inherited, 0, i.made});
         }
     }
 
@@ -251,27 +265,27 @@ private:
         case YFW_OP_CREATE:
             if (d != nullptr)
                 fail("data-exists", e, element_name(e.tag()) + " exists already");
-            into_.push_back(&create(e, parent, parent.slots().size()));
+            into_.push_back({&create(e, parent, parent.slots().size()), true});
             return;
         case YFW_OP_REPLACE: {
             std::size_t slot = parent.slots().size();
             if (d != nullptr)
                 slot = journal_.remove(*d);
-            into_.push_back(&create(e, parent, slot));
+            into_.push_back({&create(e, parent, slot), true});
             return;
         }
         case YFW_OP_MERGE:
             if (d == nullptr) {
-                into_.push_back(&create(e, parent, parent.slots().size()));
+                into_.push_back({&create(e, parent, parent.slots().size()), true});
                 return;
             }
             if (e.has_value())
                 journal_.set_value(*d, e.value());
-            into_.push_back(d);
+            into_.push_back({d, parent_made_});
             return;
         case op_none:
             if (d != nullptr)
-                into_.push_back(d);
+                into_.push_back({d, parent_made_});
             else if (!only_removes(e, op_none))
                 fail("data-missing", e,
                      "there is no " + element_name(e.tag()) +
@@ -300,7 +314,8 @@ private:
             return;
         case YFW_OP_MERGE:
         case op_none:
-            into_.insert(into_.end(), entries.begin(), entries.end());
+            for (Node *d : entries)
+                into_.push_back({d, parent_made_});
             return;
         default:
             for (std::string_view key : models().keys(e.place()))
@@ -320,7 +335,8 @@ private:
                 const Node *k = e.child(key);
                 n->add(k->tag(), k->ns()).set_value(k->value());
             }
-        Node &made = journal_.insert(parent, std::move(n), slot);
+        Node &made = parent_made_ ? journal_.insert_below_new(parent, std::move(n), slot)
+                                  : journal_.insert(parent, std::move(n), slot);
         created_.push_back(&made);
         return made;
     }
@@ -366,7 +382,8 @@ private:
     Journal &journal_;
     std::vector<Node *> emptied_;
     std::vector<Node *> created_;
-    std::vector<Node *> into_;
+    std::vector<Into> into_;
+    bool parent_made_ = false; // whether this edit made the parent at hand
 };
 
 } // namespace
@@ -607,10 +624,22 @@ void Datastore::commit(std::vector<CommitLog::Edit> edits)
     try {
         const std::string text = document();
         write_durably(path_, text);
+        written_through_ = number_;
         folded(number_, text.size());
     } catch (const std::exception &) {
         fold_at_ = 2 * log_->size();
     }
+}
+
+void Datastore::commit_whole()
+{
+    // Waits for a document being written: the one written here must be
+    // the last.
+    std::lock_guard writing(writing_);
+    const std::string text = native_document(tree_.root(), number_ + 1);
+    write_durably(path_, text);
+    written_through_ = ++number_;
+    folded(number_, text.size());
 }
 
 std::string Datastore::document() const
@@ -623,13 +652,19 @@ void Datastore::fold()
     std::lock_guard writing(writing_);
     const std::string text = document();
     write_durably(path_, text);
+    written_through_ = number_;
     folded(number_, text.size());
 }
 
-void Datastore::write_document(const std::string &text)
+void Datastore::write_document(const std::string &text, uint64_t through)
 {
     std::lock_guard writing(writing_);
+    // A commit wrote a later document meanwhile: this one would take its
+    // commits off the disk.
+    if (through < written_through_)
+        return;
     write_durably(path_, text);
+    written_through_ = through;
 }
 
 void Datastore::folded(uint64_t through, std::size_t document_size)
@@ -662,12 +697,22 @@ void Datastore::Change::apply(const Tree &edit, DefaultOperation default_operati
     if (own.empty())
         return;
     journal_->append(own);
+    if (whole_)
+        return;
     // Logged as it was given, to be applied again at start as it was now.
     std::string text;
     XmlSink sink(text);
     sink.with_operations();
     write(edit.root(), sink);
+    logged_ += text.size();
     edits_.push_back({default_operation_name(default_operation), std::move(text)});
+    // A log this large would have the document written at once: the
+    // change is written as the document instead, and its text is not held
+    // until then.
+    if (logged_ >= store_.fold_at_) {
+        whole_ = true;
+        std::vector<CommitLog::Edit>().swap(edits_);
+    }
 }
 
 bool Datastore::Change::changed() const
@@ -677,8 +722,11 @@ bool Datastore::Change::changed() const
 
 void Datastore::Change::commit()
 {
-    if (!journal_->empty())
-        store_.commit(std::move(edits_)); // throws, and the destructor takes the change back
+    // Either throws, and the destructor takes the change back.
+    if (!journal_->empty() && whole_)
+        store_.commit_whole();
+    else if (!journal_->empty())
+        store_.commit(std::move(edits_));
     journal_->commit();
     done_ = true;
 }

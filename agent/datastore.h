@@ -58,6 +58,10 @@ public:
         Datastore &store_;
         std::unique_ptr<Journal> journal_;
         std::vector<CommitLog::Edit> edits_; // as the log keeps them
+        std::size_t logged_ = 0;             // bytes of their texts
+        // Whether the change is too large for the log: it is committed by
+        // writing the document whole.
+        bool whole_ = false;
         bool done_ = false;
     };
 
@@ -105,20 +109,25 @@ public:
     // start by their numbers).  One document is written at a time: a commit
     // that outgrows the log while one is written leaves it to that one.
     std::pair<std::string, uint64_t> snapshot() const { return {document(), number_}; }
-    void write_document(const std::string &text);
+    // Writes nothing when a later document was written meanwhile.
+    void write_document(const std::string &text, uint64_t through);
     void folded(uint64_t through, std::size_t document_size);
 
 private:
     friend class Change;
     // Logs a change of `edits` as the next commit.
     void commit(std::vector<CommitLog::Edit> edits);
+    // Commits the change made to the tree by writing the document whole,
+    // through the next commit; the log starts again.
+    void commit_whole();
 
     Tree tree_;
     std::string path_;
     std::unique_ptr<CommitLog> log_;
-    std::mutex writing_;          // of the document
-    uint64_t number_ = 0;         // of the last commit
-    uint64_t fold_at_ = 1u << 20; // the log's size that makes a commit fold
+    std::mutex writing_;           // of the document
+    uint64_t number_ = 0;          // of the last commit
+    uint64_t written_through_ = 0; // the commit of the last document written, under writing_
+    uint64_t fold_at_ = 1u << 20;  // the log's size that makes a commit fold
 };
 
 // The text of a native document holding the top-level nodes of `holder`,

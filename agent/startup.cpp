@@ -71,12 +71,15 @@ Outcome Agent::store_startup(uint32_t session, const std::string &text, bool tru
     if (auto e = checked_config(session, text, Store::startup, whole))
         return Outcome::error(*e);
     const std::string kept = text_of(whole.get());
-    if (!trusted)
-        // A check that keeps nothing is not held up by running's lock.
-        if (Outcome o = edit_locked(lock_owner_ != 0 ? lock_owner_ : session, kept,
+    if (!trusted) {
+        // A check that keeps nothing is not held up by running's lock.  The
+        // edit takes the text it is given.
+        std::string trial = kept;
+        if (Outcome o = edit_locked(lock_owner_ != 0 ? lock_owner_ : session, trial,
                                     DefaultOperation::replace, true, false);
             !o.ok())
             return o;
+    }
     try {
         write_durably(startup_path(), kept, 0600);
     } catch (const std::exception &err) {

@@ -6,6 +6,7 @@
 #include "translate/yang_names.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace octunnel::serve {
 
@@ -383,6 +384,11 @@ void XmlSink::indent(int depth)
 
 void XmlSink::open(const Node &n)
 {
+    open(n.tag(), n.ns(), n.op());
+}
+
+void XmlSink::open(std::string_view tag, std::string_view ns, int op)
+{
     // The parent's start tag is still open: it has children, so it ends
     // its line.
     if (!has_kids_.empty() && !has_kids_.back()) {
@@ -392,23 +398,28 @@ void XmlSink::open(const Node &n)
     const int depth = depth_ + static_cast<int>(ns_.size());
     indent(depth);
     out_.push_back('<');
-    out_ += n.tag();
+    out_ += tag;
     std::string_view outer = ns_.empty() ? std::string_view(outer_) : ns_.back();
-    if (outer != n.ns()) {
+    if (outer != ns) {
         out_ += " xmlns=\"";
-        escape_xml(out_, n.ns(), true);
+        escape_xml(out_, ns, true);
         out_.push_back('"');
     }
-    if (operations_ && n.op() >= 0 && static_cast<std::size_t>(n.op()) < operation_names.size()) {
+    if (operations_ && op >= 0 && static_cast<std::size_t>(op) < operation_names.size()) {
         out_ += " xmlns:nc=\"" NS_NETCONF_BASE "\" nc:operation=\"";
-        out_ += operation_names[static_cast<std::size_t>(n.op())];
+        out_ += operation_names[static_cast<std::size_t>(op)];
         out_.push_back('"');
     }
-    ns_.push_back(n.ns());
+    ns_.push_back(ns);
     has_kids_.push_back(false);
 }
 
 void XmlSink::close(const Node &n)
+{
+    close(n.tag(), n.has_value() ? n.value().c_str() : nullptr, n.value().size());
+}
+
+void XmlSink::close(std::string_view tag, const char *value_text, std::size_t value_size)
 {
     const bool kids = has_kids_.back();
     has_kids_.pop_back();
@@ -416,24 +427,57 @@ void XmlSink::close(const Node &n)
     if (kids) {
         indent(depth_ + static_cast<int>(ns_.size()));
         out_ += "</";
-        out_ += n.tag();
+        out_ += tag;
         out_ += ">\n";
-    } else if (n.has_value()) {
+    } else if (value_text != nullptr) {
+        const std::string_view value(value_text, value_size);
         for (const auto &[prefix, ns] : value_prefixes_)
-            if (n.value().size() > prefix.size() && n.value().starts_with(prefix) &&
-                n.value()[prefix.size()] == ':') {
+            if (value.size() > prefix.size() && value.starts_with(prefix) &&
+                value[prefix.size()] == ':') {
                 out_ += " xmlns:" + prefix + "=\"";
                 escape_xml(out_, ns, true);
                 out_.push_back('"');
                 break;
             }
         out_.push_back('>');
-        escape_xml(out_, n.value());
+        escape_xml(out_, value);
         out_ += "</";
-        out_ += n.tag();
+        out_ += tag;
         out_ += ">\n";
     } else {
         out_ += "/>\n";
+    }
+}
+
+void write(const yfwhost::Answer &answer, XmlSink &sink, Prune prune)
+{
+    using yfwhost::Answer;
+    // Each node's place in the models is found below its parent's, as a
+    // tree's nodes find theirs, for what a prune leaves out.
+    struct Step {
+        Answer::Id id;
+        Answer::Id next; // the next child to write
+        JsonSchema::Node place;
+    };
+    std::vector<Step> stack{{Answer::root, answer.first_child(Answer::root), models().root()}};
+    while (!stack.empty()) {
+        Step &s = stack.back();
+        if (s.next == Answer::none) {
+            if (stack.size() > 1) {
+                const char *value = answer.value(s.id);
+                sink.close(answer.tag(s.id), value, value != nullptr ? std::strlen(value) : 0);
+            }
+            stack.pop_back();
+            continue;
+        }
+        const Answer::Id id = s.next;
+        s.next = answer.next_sibling(id);
+        const JsonSchema::Node place = models().child(s.place, {}, answer.tag(id));
+        if (prune == Prune::state && models().state(place))
+            continue;
+        sink.open(answer.tag(id), canonical_ns(answer.ns(id)),
+                  answer.has_op(id) ? static_cast<int>(answer.op(id)) : -1);
+        stack.push_back({id, answer.first_child(id), place});
     }
 }
 

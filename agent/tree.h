@@ -196,6 +196,10 @@ public:
     }
     void open(const Node &n) override;
     void close(const Node &n) override;
+    // An element by its parts: `op` as Node::op(); a value of
+    // `value_size` bytes at `value_text`, or none (null).
+    void open(std::string_view tag, std::string_view ns, int op);
+    void close(std::string_view tag, const char *value_text, std::size_t value_size);
     // Writes each node's operation as an nc:operation attribute, as an
     // edit is written.
     void with_operations() { operations_ = true; }
@@ -207,9 +211,14 @@ private:
     int depth_;
     std::string outer_;
     std::span<const PrefixNs> value_prefixes_;
-    std::vector<const char *> ns_; // of the open elements
-    std::vector<bool> has_kids_;   // whether each has had a child yet
+    std::vector<std::string_view> ns_; // of the open elements
+    std::vector<bool> has_kids_;       // whether each has had a child yet
 };
+
+// The nodes a request of the module built, written straight to `sink`
+// without a tree of their own: what a configuration read back needs of
+// them, as its text.
+void write(const yfwhost::Answer &answer, XmlSink &sink, Prune prune);
 
 // Appends `s` to `out` escaped for XML text (or an attribute).
 void escape_xml(std::string &out, std::string_view s, bool attribute = false);

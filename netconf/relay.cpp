@@ -29,7 +29,12 @@ constexpr std::size_t compact_after = std::size_t{1} << 20;
 void compact(std::string &queue, std::size_t &done)
 {
     if (done == queue.size()) {
-        queue.clear();
+        // A queue that held a large message gives its room back: the
+        // session may send nothing as large again.
+        if (queue.capacity() > compact_after)
+            std::string().swap(queue);
+        else
+            queue.clear();
         done = 0;
     } else if (done >= compact_after && done > queue.size() / 2) {
         queue.erase(0, done);

@@ -42,6 +42,25 @@ std::string content_of(const lyd_node *node)
     return s;
 }
 
+// The XML text of the anyxml parameter `node`, taken out of the request:
+// libyang holds it as a tree many times the size of the text, which would
+// otherwise stay beside every tree the agent builds of the text until the
+// reply is sent.
+std::string take_content(lyd_node *node)
+{
+    std::string text = content_of(node);
+    if (lyd_any_copy_value(node, nullptr, LYD_ANYDATA_STRING) != LY_SUCCESS)
+        throw std::bad_alloc();
+    return text;
+}
+
+// The node at `path` below `rpc`, to be changed.
+lyd_node *param_in(lyd_node *rpc, const char *path)
+{
+    lyd_node *found = nullptr;
+    return lyd_find_path(rpc, path, 0, &found) == LY_SUCCESS ? found : nullptr;
+}
+
 Outcome no_datastore(const char *which)
 {
     return failure("operation-not-supported",
@@ -62,12 +81,12 @@ std::optional<Store> store_of(const lyd_node *rpc, const std::string &which)
     return std::nullopt;
 }
 
-Reply edit_config(Agent &agent, const lyd_node *rpc, uint32_t sid)
+Reply edit_config(Agent &agent, lyd_node *rpc, uint32_t sid)
 {
     const std::optional<Store> target = store_of(rpc, "target");
     if (target != Store::running && target != Store::candidate)
         return {no_datastore("target")};
-    const lyd_node *config = param(rpc, "config");
+    lyd_node *config = param_in(rpc, "config");
     if (config == nullptr)
         return {
             failure("operation-not-supported", "only an inline <config> is taken", "application")};
@@ -78,16 +97,16 @@ Reply edit_config(Agent &agent, const lyd_node *rpc, uint32_t sid)
         op = DefaultOperation::none;
     const bool test_only = text_of(param(rpc, "test-option")) == "test-only";
     if (target == Store::candidate)
-        return {agent.edit_candidate(sid, content_of(config), op, test_only)};
-    return {agent.edit_config(sid, content_of(config), op, test_only)};
+        return {agent.edit_candidate(sid, take_content(config), op, test_only)};
+    return {agent.edit_config(sid, take_content(config), op, test_only)};
 }
 
-Reply validate(Agent &agent, const lyd_node *rpc, uint32_t sid)
+Reply validate(Agent &agent, lyd_node *rpc, uint32_t sid)
 {
     // The running configuration is valid as it stands; an inline one is
     // tried as the whole configuration, and not kept.
-    if (const lyd_node *config = param(rpc, "source/config"); config != nullptr)
-        return {agent.validate(sid, content_of(config))};
+    if (lyd_node *config = param_in(rpc, "source/config"); config != nullptr)
+        return {agent.validate(sid, take_content(config))};
     if (const std::optional<Store> source = store_of(rpc, "source"))
         return {agent.validate_store(sid, *source)};
     return {no_datastore("source")};
@@ -201,7 +220,7 @@ bool performs(std::string_view module, std::string_view name)
     return module == "ietf-netconf-monitoring" && name == "get-schema";
 }
 
-std::optional<Reply> handle_request(Agent &agent, const lyd_node *rpc, uint32_t session)
+std::optional<Reply> handle_request(Agent &agent, lyd_node *rpc, uint32_t session)
 {
     if (rpc->schema == nullptr || std::string_view(rpc->schema->module->name) != "ietf-netconf")
         return std::nullopt;

@@ -27,8 +27,10 @@ struct Reply {
 // Answers <edit-config>, <get-config>, <get>, <lock>, <unlock>,
 // <validate>, <commit>, <cancel-commit>, <discard-changes>, <copy-config>
 // and <delete-config> of `session`, on running, candidate and startup;
-// nothing for any other operation.
-std::optional<Reply> handle_request(Agent &agent, const lyd_node *rpc, uint32_t session);
+// nothing for any other operation.  The configuration an edit or a
+// validate carries is taken out of `rpc` (its text goes to the agent), so
+// that the tree of it is not held while the agent works.
+std::optional<Reply> handle_request(Agent &agent, lyd_node *rpc, uint32_t session);
 
 // Whether the agent performs operation `name` of YANG module `module`:
 // those handle_request answers, and <close-session>, <kill-session> and

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <malloc.h>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -478,9 +479,13 @@ struct FreeDoc {
     void operator()(xmlDoc *d) const { xmlFreeDoc(d); }
 };
 
-} // namespace
+// A message this large leaves libyang's tree of it, many times its size,
+// freed in the allocator of the session's thread, where the agent's work
+// on the request (on another thread) cannot use it again: it is handed
+// back to the system once the screen is done.
+constexpr std::size_t large_message = std::size_t{1} << 20;
 
-std::optional<RpcError> screen_rpc(ly_ctx *ctx, const std::string &message)
+std::optional<RpcError> screened(ly_ctx *ctx, const std::string &message)
 {
     ly_in *in = nullptr;
     if (ly_in_new_memory(message.c_str(), &in) != LY_SUCCESS)
@@ -511,6 +516,16 @@ std::optional<RpcError> screen_rpc(ly_ctx *ctx, const std::string &message)
                    said.empty() ? "the request does not fit the YANG models served"
                                 : "the request does not fit the YANG models served: " + said,
                    "application");
+}
+
+} // namespace
+
+std::optional<RpcError> screen_rpc(ly_ctx *ctx, const std::string &message)
+{
+    std::optional<RpcError> e = screened(ctx, message);
+    if (message.size() >= large_message)
+        malloc_trim(0);
+    return e;
 }
 
 } // namespace octunnel::serve

@@ -262,6 +262,86 @@ TEST_F(DatastoreTest, AFailedEditIsTakenBackAndTheFileReadBackAsWritten)
     EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 2);
 }
 
+// A change keeps no record of the nodes it makes below nodes it made
+// (taking the one back takes the others), yet every way of making and
+// undoing within one change comes back whole when it is not committed:
+// made then merged into, made then emptied and pruned, replaced, made
+// across two edits of one change, and an edit that fails midway.
+TEST_F(DatastoreTest, AChangeNotCommittedIsTakenBackWholeWhateverItMade)
+{
+    const auto native = [](const std::string &inside) {
+        return tree_of("<config xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" "
+                       "xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" +
+                       inside + "</config>");
+    };
+    const auto entry = [](int i, const std::string &inside) {
+        return "<interface-configuration><active>act</active><interface-name>tunnel-ip" +
+               std::to_string(i) + "</interface-name>" + inside + "</interface-configuration>";
+    };
+    const std::string v6 = "<ipv6-network xmlns=\"" + V6 +
+                           "\"><addresses><regular-addresses><regular-address><address>"
+                           "2001:db8::1</address><prefix-length>64</prefix-length>"
+                           "</regular-address></regular-addresses></addresses></ipv6-network>";
+    struct Row {
+        const char *what;
+        std::vector<std::string> edits; // applied in turn in one change
+        bool fails;                     // whether the last one is refused
+    };
+    const std::vector<Row> rows{
+        {"new entries, deep",
+         {configurations(entry(30, gre("<ttl><value>1</value></ttl>") + v6) + entry(31, v6))},
+         false},
+        {"a new entry merged into again in the same edit",
+         {configurations(entry(32, gre("<ttl><value>1</value></ttl>")) +
+                         entry(32, gre("<ttl><value>2</value></ttl><key><value>5</value></key>")))},
+         false},
+        {"a new container left empty, pruned",
+         {configurations(entry(33, gre("<key><value nc:operation=\"remove\"/></key>")))},
+         false},
+        {"an entry replaced by a deeper one",
+         {configurations(entry(2, gre("<ttl><value>7</value></ttl>", "replace") + v6))},
+         false},
+        {"made by one edit, grown by the next",
+         {configurations(entry(34, gre("<ttl><value>1</value></ttl>"))),
+          configurations(entry(34, v6 + gre("<key><value>9</value></key>")))},
+         false},
+        {"new entries, then a refusal in the same edit",
+         {configurations(entry(35, v6) + entry(3, gre("<ttl><value>8</value></ttl>")) +
+                         entry(36, "<description nc:operation=\"delete\"/>"))},
+         true},
+        {"new entries, then a refused edit",
+         {configurations(entry(37, v6 + gre("<ttl><value>1</value></ttl>"))),
+          configurations(entry(38, "<description nc:operation=\"delete\"/>"))},
+         true},
+    };
+    Datastore ds(path);
+    edit(ds, tunnels({1, 2, 3, 4}));
+    const std::string before = disk();
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.what);
+        {
+            Datastore::Change change(ds);
+            for (std::size_t i = 0; i < r.edits.size(); ++i) {
+                const bool refused = r.fails && i + 1 == r.edits.size();
+                if (refused)
+                    EXPECT_THROW(change.apply(*native(r.edits[i]), DefaultOperation::merge),
+                                 EditError);
+                else
+                    change.apply(*native(r.edits[i]), DefaultOperation::merge);
+            }
+            EXPECT_EQ(change.changed(), !r.fails || r.edits.size() > 1);
+        }
+        EXPECT_EQ(ds.document(), before);
+        EXPECT_EQ(disk(), before);
+    }
+    // The entries taken back are gone from their list's index too: each is
+    // made again, once.
+    EXPECT_EQ(edit(ds, tunnels({30, 31, 32, 33, 34, 35, 36, 37, 38})), "");
+    EXPECT_EQ(count(ds.document(), "<interface-configuration>"), 13u);
+    EXPECT_EQ(edit(ds, tunnels({30, 38})), "");
+    EXPECT_EQ(count(ds.document(), "<interface-configuration>"), 13u);
+}
+
 // The log of commits beside the document: each commit on the disk before
 // edit() returns, the document written again by fold() (or by a commit once
 // the log outgrows it), and at start what a crash can leave: a last commit
@@ -362,6 +442,33 @@ TEST_F(DatastoreTest, ALogLargerThanTheDocumentIsFoldedByTheCommit)
     EXPECT_TRUE(ds.behind());
     EXPECT_EQ(file().find("small"), std::string::npos);
     EXPECT_TRUE(disk() == ds.document());
+}
+
+// A change whose text would outgrow the log is committed by writing the
+// document whole (its text is not held for the log), and a document taken
+// before it (as the agent's writer takes one, to write it without holding
+// requests up) cannot be written over it afterwards.
+TEST_F(DatastoreTest, AChangeLargerThanTheLogIsCommittedAsTheDocument)
+{
+    Datastore ds(path);
+    EXPECT_EQ(edit(ds, one("<description>first</description>")), "");
+    ASSERT_TRUE(ds.behind());
+    const auto [older, through] = ds.snapshot();
+    // More than a MiB of log, in less than a MiB of edit.
+    std::vector<int> ids(4000);
+    std::iota(ids.begin(), ids.end(), 2);
+    EXPECT_EQ(edit(ds, tunnels(ids)), "");
+    EXPECT_FALSE(ds.behind());
+    EXPECT_TRUE(file() == ds.document());
+    EXPECT_NE(file().find("through commit 2."), std::string::npos);
+    ds.write_document(older, through);
+    EXPECT_TRUE(file() == ds.document());
+    EXPECT_TRUE(disk() == ds.document());
+    // The next commits are logged after it, and read again with it.
+    EXPECT_EQ(edit(ds, one("<description>after</description>")), "");
+    EXPECT_TRUE(ds.behind());
+    EXPECT_TRUE(disk() == ds.document());
+    EXPECT_EQ(count(disk(), "<interface-configuration>"), 4001u);
 }
 
 // ---------------------------------------------------------------- guard
