@@ -21,6 +21,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -67,6 +68,13 @@ struct Outcome {
     }
 };
 
+// One edit of several made as one: the text of its <config> and its
+// default operation.
+struct EditStep {
+    std::string_view config;
+    DefaultOperation op = DefaultOperation::merge;
+};
+
 struct AgentOptions {
     std::string state_dir;
     std::string oper_dir;    // none: no operational data
@@ -109,6 +117,10 @@ public:
     // configuration then reads back as intended.
     Outcome edit_config(uint32_t session, std::string_view config, DefaultOperation op,
                         bool test_only);
+    // Several edits applied in order to one working configuration, each as
+    // edit_config() applies it to what the ones before made, and committed
+    // once: all of them or, on the first refused, none.
+    Outcome edit_steps(uint32_t session, std::span<const EditStep> steps);
     // <validate> of an inline configuration: whether it would be taken as
     // the whole running configuration, by every check of an edit.
     Outcome validate(uint32_t session, std::string_view config);
@@ -154,6 +166,8 @@ private:
     // access (not for <validate>, which writes nothing).
     Outcome edit_locked(uint32_t session, std::string_view config, DefaultOperation op,
                         bool test_only, bool checked = true);
+    Outcome edit_locked(uint32_t session, std::span<const EditStep> steps, bool test_only,
+                        bool checked);
     // Takes out of the top-level nodes of `holder` what the subject may
     // not read.
     void leave_out_unreadable(const nacm::Subject &who, Node &holder) const;
