@@ -539,7 +539,8 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
     }
     const auto mark = [&](lyd_node *node) {
         if (node->schema == nullptr) {
-            if (lyd_new_attr(node, "ietf-netconf", "operation", operation, nullptr) != LY_SUCCESS)
+            if (lyd_new_attr(node, "ietf-netconf", "ietf-netconf:operation", operation, nullptr) !=
+                LY_SUCCESS)
                 throw std::bad_alloc();
         } else if (lyd_new_meta(ctx, node, netconf, "operation", operation, 0, nullptr) !=
                    LY_SUCCESS) {
@@ -571,8 +572,13 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
                               (s->nodetype & (LYS_LEAF | LYS_LEAFLIST)) ? LYD_NEW_PATH_OPAQ : 0,
                               &first, &target) != LY_SUCCESS)
                 throw Refused(StatusCode::INVALID_ARGUMENT, where + ": " + ly_error(ctx));
-            if (!tree)
-                tree.reset(first);
+            // The first node made is not told of a container alone.
+            if (!tree) {
+                lyd_node *top = target;
+                while (lyd_parent(top) != nullptr)
+                    top = lyd_parent(top);
+                tree.reset(top);
+            }
             mark(target);
         }
     } else {
@@ -654,9 +660,12 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
     }
     if (!tree)
         return {};
+    // An empty container (one deleted, say) is no default one here: every
+    // node made is printed.
     char *text = nullptr;
     if (lyd_print_mem(&text, lyd_first_sibling(tree.get()), LYD_XML,
-                      LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK) != LY_SUCCESS)
+                      LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK | LYD_PRINT_WD_ALL |
+                          LYD_PRINT_KEEPEMPTYCONT) != LY_SUCCESS)
         throw std::bad_alloc();
     std::string out = text != nullptr ? text : "";
     std::free(text);
