@@ -79,10 +79,8 @@ public:
                 ssl.pem_root_certs = pem_file(o_.client_ca, "--tls-client-ca");
             credentials = grpc::SslServerCredentials(ssl);
         }
-        // The models the paths and values are read with: the agent's own,
-        // loaded once more for this front, which only reads them.
-        service_ = std::make_unique<GnmiService>(
-            front_, std::make_shared<const OpenConfigModels>(front_.yang_dir));
+        // The paths and values are read with the agent's own models.
+        service_ = std::make_unique<GnmiService>(front_, front_.models);
         grpc::ServerBuilder builder;
         int port = 0;
         builder.AddListeningPort(address, credentials, &port);

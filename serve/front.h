@@ -17,8 +17,10 @@ struct Front {
     Agent &agent;
     const AgentOptions &agent_options; // as the agent was made (its state directory, its limits)
     const std::string &yang_dir;       // the YANG models served
-    const Users &users;                // who logs in by password
-    const AuthorizedKeys &keys;        // who logs in by key (SSH)
+    // The same models loaded once, which every front reads requests with.
+    std::shared_ptr<const OpenConfigModels> models;
+    const Users &users;                           // who logs in by password
+    const AuthorizedKeys &keys;                   // who logs in by key (SSH)
     std::function<void(const std::string &)> log; // one line of the program's log
     bool verbose = false;
 };

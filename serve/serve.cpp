@@ -121,9 +121,12 @@ int serve(const ServeOptions &o, std::ostream &err)
         ly_log_level(LY_LLERR);
 
         program.state_lock = std::make_unique<StateLock>(o.agent.state_dir);
+        // The models are loaded once, before any front starts (libnetconf2
+        // then speaks for libyang), and shared by the agent and the fronts.
+        agent_options.models = std::make_shared<const OpenConfigModels>(o.yang_dir);
         program.agent = std::make_unique<Agent>(agent_options, std::ref(log));
-        const Front front{*program.agent, agent_options, o.yang_dir, users,
-                          keys,           std::ref(log), o.verbose};
+        const Front front{*program.agent, agent_options, o.yang_dir,    agent_options.models,
+                          users,          keys,          std::ref(log), o.verbose};
         if (o.netconf.wanted()) {
             program.fronts.push_back(netconf_front(o.netconf, front));
             program.fronts.back()->start();
