@@ -453,11 +453,13 @@ std::vector<lyd_node *> select(lyd_node *tree, const std::vector<Step> &steps)
                 stack.insert(stack.end(), kids.rbegin(), kids.rend());
             }
         } else {
+            // After a wildcard a step may stand for many schema nodes: each
+            // data node is looked up once, whatever their number.
+            const std::unordered_set<const lysc_node *> schema(step.schema.begin(),
+                                                               step.schema.end());
             for (lyd_node *n : at)
                 for (lyd_node *c = children(n); c != nullptr; c = c->next)
-                    if (c->schema != nullptr &&
-                        std::find(step.schema.begin(), step.schema.end(), c->schema) !=
-                            step.schema.end() &&
+                    if (c->schema != nullptr && schema.count(c->schema) != 0 &&
                         keys_match(c, step) && seen.insert(c).second)
                         next.push_back(c);
         }

@@ -192,6 +192,12 @@ int main(int argc, char **argv)
         "<get-config> shows, and kept only when the configuration then reads back as the\n"
         "edit says; it applies whole or not at all and is on disk before it is answered.\n"
         "It stops on SIGINT or SIGTERM.\n"
+#ifdef OCTUNNEL_GNMI
+        "With --gnmi, a gNMI server (Capabilities, Get, Set) edits and reads the same\n"
+        "running configuration: an edit made over either protocol is seen at once over\n"
+        "both. A Set's deletes, replaces and updates apply as one edit, all or none.\n"
+#endif
+
         "Every message a client sends is checked before libnetconf2 reads it: one that is not\n"
         "well-formed XML in UTF-8, holds no element or is no <rpc> is answered\n"
         "malformed-message (operation-failed on a base:1.0 session); broken framing ends the\n"
