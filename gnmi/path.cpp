@@ -318,8 +318,7 @@ std::vector<Step> resolve(const ly_ctx *ctx, const gnmi::Path &prefix, const gnm
                     });
             }
             if (step.schema.empty())
-                throw Refused(StatusCode::INVALID_ARGUMENT,
-                              text + ": the models have no " + so_far);
+                throw NotInModels(text + ": the models have no " + so_far);
             for (const auto &[key, value] : e.key()) {
                 if (step.kind == Step::Kind::descend)
                     throw Refused(StatusCode::INVALID_ARGUMENT, text + ": '...' takes no keys");
@@ -328,8 +327,7 @@ std::vector<Step> resolve(const ly_ctx *ctx, const gnmi::Path &prefix, const gnm
                     if ((leaf = key_leaf(s, key)) != nullptr)
                         break;
                 if (leaf == nullptr)
-                    throw Refused(StatusCode::INVALID_ARGUMENT,
-                                  text + ": '" + key + "' is no key of " + so_far);
+                    throw NotInModels(text + ": '" + key + "' is no key of " + so_far);
                 step.keys.emplace_back(leaf, value);
                 so_far += "[" + key + "=" + value + "]";
             }

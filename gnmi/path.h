@@ -34,6 +34,16 @@ private:
     grpc::StatusCode code_;
 };
 
+// A path naming what the models do not have (a Get's INVALID_ARGUMENT, a
+// Subscribe's UNIMPLEMENTED).
+class NotInModels : public Refused {
+public:
+    explicit NotInModels(const std::string &message)
+        : Refused(grpc::StatusCode::INVALID_ARGUMENT, message)
+    {
+    }
+};
+
 // The longest path taken, in elements, and the most keys on one: beyond,
 // INVALID_ARGUMENT (the models are nowhere near as deep).
 inline constexpr std::size_t max_path_elems = 64;

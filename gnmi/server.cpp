@@ -199,22 +199,6 @@ grpc::Status status_of(const serve::RpcError &e, const std::string &path)
     return {it != codes.end() ? it->second : StatusCode::INTERNAL, one_line(message)};
 }
 
-// The RPC as a session of the agent, from its credentials to its answer.
-class GnmiService::Session {
-public:
-    Session(serve::Agent &agent, const Caller &caller) : agent_(agent), id_(caller.session)
-    {
-        agent_.session_began(id_, caller.user, false);
-    }
-    ~Session() { agent_.session_ended(id_); }
-    Session(const Session &) = delete;
-    Session &operator=(const Session &) = delete;
-
-private:
-    serve::Agent &agent_;
-    uint32_t id_;
-};
-
 grpc::Status GnmiService::authenticate(grpc::ServerContext *context, const char *rpc,
                                        Caller &caller)
 {
@@ -242,12 +226,8 @@ grpc::Status GnmiService::authenticate(grpc::ServerContext *context, const char 
     return Status::OK;
 }
 
-namespace {
-
-// An RPC's handler, with every failure a status: a refusal as it says, a
-// fault as INTERNAL (named in the log), memory as RESOURCE_EXHAUSTED.
-template <typename F>
-Status handled(const serve::Front &front, const char *rpc, const Caller &caller, F &&handler)
+Status handled(const serve::Front &front, const char *rpc, const Caller &caller,
+               const std::function<Status()> &handler)
 {
     Status status;
     try {
@@ -268,8 +248,6 @@ Status handled(const serve::Front &front, const char *rpc, const Caller &caller,
                                      status.error_message()));
     return status;
 }
-
-} // namespace
 
 grpc::Status GnmiService::Capabilities(grpc::ServerContext *context,
                                        const gnmi::CapabilityRequest *,

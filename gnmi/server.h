@@ -1,5 +1,6 @@
 // The gNMI front of `octunnel serve` (gNMI 0.10.0 over gRPC): Capabilities,
-// Get and Set on the same agent as the NETCONF front.
+// Get, Set and Subscribe (ONCE, POLL) on the same agent as the NETCONF
+// front.
 #pragma once
 
 #include "serve/front.h"

@@ -166,10 +166,12 @@ int main(int argc, char **argv)
         ->check(CLI::Range(1, 256));
 #ifdef OCTUNNEL_GNMI
     server
-        ->add_option("--gnmi", so.gnmi.listen,
-                     "gNMI 0.10.0 (Capabilities, Get, Set) on this address and port, by number "
-                     "([ADDR]:PORT for IPv6), over TLS unless --gnmi-insecure; each RPC carries "
-                     "the metadata username and password of a --users user")
+        ->add_option(
+            "--gnmi", so.gnmi.listen,
+            "gNMI 0.10.0 (Capabilities, Get, Set, Subscribe ONCE and POLL) on this address "
+            "and port, by number "
+            "([ADDR]:PORT for IPv6), over TLS unless --gnmi-insecure; each RPC carries "
+            "the metadata username and password of a --users user")
         ->type_name("ADDR:PORT");
     server->add_option("--tls-cert", so.gnmi.tls_cert, "The gNMI server's certificate chain (PEM)")
         ->type_name("FILE");
@@ -193,7 +195,7 @@ int main(int argc, char **argv)
         "edit says; it applies whole or not at all and is on disk before it is answered.\n"
         "It stops on SIGINT or SIGTERM.\n"
 #ifdef OCTUNNEL_GNMI
-        "With --gnmi, a gNMI server (Capabilities, Get, Set) edits and reads the same\n"
+        "With --gnmi, a gNMI server (Capabilities, Get, Set, Subscribe) edits and reads the same\n"
         "running configuration: an edit made over either protocol is seen at once over\n"
         "both. A Set's deletes, replaces and updates apply as one edit, all or none.\n"
 #endif
