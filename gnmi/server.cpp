@@ -4,11 +4,13 @@
 #include "translate/input_error.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstring>
 #include <fstream>
+#include <netinet/in.h>
 #include <sstream>
 #include <unordered_map>
 
@@ -199,6 +201,52 @@ grpc::Status status_of(const serve::RpcError &e, const std::string &path)
     return {it != codes.end() ? it->second : StatusCode::INTERNAL, one_line(message)};
 }
 
+namespace {
+
+// A gRPC peer ("ipv4:ADDR:PORT", "ipv6:[ADDR]:PORT", its brackets perhaps
+// percent-encoded) as the admission counts sources: an IPv4 address, an
+// IPv6 /64; none for what is not IP.
+std::string source_key(const std::string &peer)
+{
+    std::string text;
+    for (std::size_t i = 0; i < peer.size(); ++i) {
+        if (peer[i] == '%' && i + 2 < peer.size()) {
+            const char c =
+                static_cast<char>(std::strtol(peer.substr(i + 1, 2).c_str(), nullptr, 16));
+            if (c == '[' || c == ']' || c == '%') {
+                text += c;
+                i += 2;
+                continue;
+            }
+        }
+        text += peer[i];
+    }
+    sockaddr_storage address{};
+    socklen_t size = 0;
+    if (text.rfind("ipv4:", 0) == 0) {
+        const std::string rest = text.substr(5);
+        auto *in = reinterpret_cast<sockaddr_in *>(&address);
+        in->sin_family = AF_INET;
+        if (inet_pton(AF_INET, rest.substr(0, rest.rfind(':')).c_str(), &in->sin_addr) != 1)
+            return {};
+        size = sizeof(sockaddr_in);
+    } else if (text.rfind("ipv6:[", 0) == 0) {
+        const std::string rest = text.substr(6);
+        std::string host = rest.substr(0, rest.find(']'));
+        host = host.substr(0, host.find('%')); // a zone names no other host
+        auto *in6 = reinterpret_cast<sockaddr_in6 *>(&address);
+        in6->sin6_family = AF_INET6;
+        if (inet_pton(AF_INET6, host.c_str(), &in6->sin6_addr) != 1)
+            return {};
+        size = sizeof(sockaddr_in6);
+    } else {
+        return {};
+    }
+    return serve::source_of(reinterpret_cast<const sockaddr *>(&address), size).key;
+}
+
+} // namespace
+
 grpc::Status GnmiService::authenticate(grpc::ServerContext *context, const char *rpc,
                                        Caller &caller)
 {
@@ -213,12 +261,29 @@ grpc::Status GnmiService::authenticate(grpc::ServerContext *context, const char 
                 "the metadata 'username' and 'password' name a user of the agent"};
     }
     caller.user.assign(user->second.data(), user->second.size());
+    // Each password checked costs its source, as an SSH login does, in the
+    // same account: past a burst, a source fails once a --login-penalty.
+    const std::string source = source_key(caller.peer);
+    if (!source.empty()) {
+        const serve::Admission::Verdict v = front_.admission.attempt(source);
+        if (!v) {
+            const auto left = std::chrono::duration_cast<std::chrono::seconds>(v.left).count() + 1;
+            if (v.log)
+                front_.log("gNMI RPCs from " + source + " refused for " + std::to_string(left) +
+                           " s: too many failed logins (first refused: " + caller.peer + ")");
+            return {StatusCode::RESOURCE_EXHAUSTED, "too many failed logins from " + source +
+                                                        ": refused for " + std::to_string(left) +
+                                                        " s"};
+        }
+    }
     const std::string_view given(password->second.data(), password->second.size());
     if (!front_.users.check(caller.user, given)) {
         front_.log(std::string("gNMI: a ") + rpc + " from " + caller.peer + " of " +
                    quoted(one_line(caller.user)) + " refused: wrong username or password");
         return {StatusCode::UNAUTHENTICATED, "wrong username or password"};
     }
+    if (!source.empty())
+        front_.admission.succeeded(source);
     caller.session = next_session_++;
     // Past 2^32 the numbers would meet NETCONF's: from 2^31 again.
     if (caller.session == 0)

@@ -368,7 +368,7 @@ std::size_t max_in_flight(const NetconfOptions &o, const Front &f)
 class Server : public Service {
 public:
     Server(const NetconfOptions &o, const Front &f)
-        : o_(o), f_(f), admission_(o.admission), budget_(max_in_flight(o, f))
+        : o_(o), f_(f), admission_(f.admission), budget_(max_in_flight(o, f))
     {
     }
     ~Server() override;
@@ -426,7 +426,7 @@ private:
     Monitor monitor_;
     std::string yang_library_;
     std::unique_ptr<SshServer> ssh_;
-    Admission admission_;
+    Admission &admission_; // the program's, which every front charges
     ly_ctx *ctx_ = nullptr;
     nc_pollsession *ps_ = nullptr;
     bool nc_started_ = false;

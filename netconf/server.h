@@ -13,10 +13,12 @@
 namespace octunnel::serve {
 
 struct NetconfOptions {
-    std::string listen;        // ADDR:PORT ([ADDR]:PORT for IPv6) for SSH; none: no SSH
-    std::string unix_path;     // a UNIX socket; none: no socket
-    unsigned threads = 4;      // sessions served at once
-    AdmissionLimits admission; // who may begin an SSH login (admission.h)
+    std::string listen;    // ADDR:PORT ([ADDR]:PORT for IPv6) for SSH; none: no SSH
+    std::string unix_path; // a UNIX socket; none: no socket
+    unsigned threads = 4;  // sessions served at once
+    // Who may begin an SSH login, and how fast a source may fail at logins
+    // over any front (admission.h).
+    AdmissionLimits admission;
     // What the requests of all sessions may hold before they are answered;
     // 0: the largest message taken and 64 MiB more.
     std::size_t max_in_flight = 0;

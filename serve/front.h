@@ -5,6 +5,7 @@
 #pragma once
 
 #include "agent/access.h"
+#include "agent/admission.h"
 #include "agent/agent.h"
 
 #include <functional>
@@ -19,8 +20,11 @@ struct Front {
     const std::string &yang_dir;       // the YANG models served
     // The same models loaded once, which every front reads requests with.
     std::shared_ptr<const OpenConfigModels> models;
-    const Users &users;                           // who logs in by password
-    const AuthorizedKeys &keys;                   // who logs in by key (SSH)
+    const Users &users;         // who logs in by password
+    const AuthorizedKeys &keys; // who logs in by key (SSH)
+    // How fast a source may fail to log in, over every front at once: a
+    // password guessed over one protocol costs as much as over another.
+    Admission &admission;
     std::function<void(const std::string &)> log; // one line of the program's log
     bool verbose = false;
 };

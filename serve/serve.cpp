@@ -79,6 +79,7 @@ int serve(const ServeOptions &o, std::ostream &err)
 
     Users users;
     AuthorizedKeys keys;
+    Admission admission(o.netconf.admission);
     AgentOptions agent_options = o.agent;
     agent_options.yang_dir = o.yang_dir;
     Program program;
@@ -125,8 +126,9 @@ int serve(const ServeOptions &o, std::ostream &err)
         // then speaks for libyang), and shared by the agent and the fronts.
         agent_options.models = std::make_shared<const OpenConfigModels>(o.yang_dir);
         program.agent = std::make_unique<Agent>(agent_options, std::ref(log));
-        const Front front{*program.agent, agent_options, o.yang_dir,    agent_options.models,
-                          users,          keys,          std::ref(log), o.verbose};
+        const Front front{*program.agent, agent_options, o.yang_dir, agent_options.models,
+                          users,          keys,          admission,  std::ref(log),
+                          o.verbose};
         if (o.netconf.wanted()) {
             program.fronts.push_back(netconf_front(o.netconf, front));
             program.fronts.back()->start();

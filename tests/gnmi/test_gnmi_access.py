@@ -34,7 +34,9 @@ def test_capabilities_name_the_models_with_their_versions_the_encodings_and_gnmi
 
 
 def test_credentials_missing_or_wrong_are_unauthenticated_and_logged():
-    with Agent(users={harness.USER: harness.PASSWORD, "bob": "builder"}) as agent:
+    # No penalty here: nine wrong passwords, and the right one after.
+    with Agent("--login-penalty", "0",
+               users={harness.USER: harness.PASSWORD, "bob": "builder"}) as agent:
         for user, password in ((None, None), (harness.USER, "wrong"), ("mallory", "x"),
                                ("bob", harness.PASSWORD)):
             c = agent.gnmi(user, password)
@@ -139,3 +141,23 @@ def test_starts_refused_name_the_option():
         assert rc == 2 and says.replace("USERS", users) in err, (args, rc, err)
     assert "--gnmi ADDR:PORT" in subprocess.run([harness.OCTUNNEL, "serve", "--help"],
                                                 capture_output=True, text=True).stdout
+
+
+def test_failed_logins_cost_their_source_over_both_protocols():
+    """Ten wrong passwords over gNMI, each UNAUTHENTICATED, use up the
+    source's burst (--login-penalty 60: none runs out during the test):
+    the next RPC, with the right password, is RESOURCE_EXHAUSTED, and so
+    is an SSH login from that address; another address logs in."""
+    from test_logins import login
+    with Agent("--login-penalty", "60") as agent:
+        wrong = agent.gnmi(password="wrong")
+        for _ in range(10):
+            refused(wrong.capabilities, grpc.StatusCode.UNAUTHENTICATED)
+        right = agent.gnmi()
+        details = refused(right.capabilities, grpc.StatusCode.RESOURCE_EXHAUSTED)
+        assert "too many failed logins from 127.0.0.1" in details, details
+        agent.wait_log("gNMI RPCs from 127.0.0.1 refused for")
+        assert login(agent, harness.USER, harness.PASSWORD) == "refused"
+        assert login(agent, harness.USER, harness.PASSWORD, source="127.0.0.2") == "in"
+        wrong.close()
+        right.close()
