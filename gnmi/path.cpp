@@ -526,7 +526,6 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
         throw Refused(StatusCode::INVALID_ARGUMENT,
                       "a path to set names one node: no wildcard, every key of every list");
     const lys_module *netconf = ly_ctx_get_module_implemented(ctx, "ietf-netconf");
-    const std::string where = steps.empty() ? "/" : schema_text(steps.back().schema.front());
 
     Tree tree;
     lyd_node *parent = nullptr;
@@ -534,7 +533,7 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
         lyd_node *first = nullptr;
         if (lyd_new_path2(nullptr, ctx, data_path(steps, steps.size() - 1).c_str(), nullptr, 0,
                           LYD_ANYDATA_STRING, 0, &first, &parent) != LY_SUCCESS)
-            throw Refused(StatusCode::INVALID_ARGUMENT, where + ": " + ly_error(ctx));
+            throw Refused(StatusCode::INVALID_ARGUMENT, ly_error(ctx));
         tree.reset(first);
     }
     const auto mark = [&](lyd_node *node) {
@@ -544,7 +543,7 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
                 throw std::bad_alloc();
         } else if (lyd_new_meta(ctx, node, netconf, "operation", operation, 0, nullptr) !=
                    LY_SUCCESS) {
-            throw Refused(StatusCode::INTERNAL, where + ": " + ly_error(ctx));
+            throw Refused(StatusCode::INTERNAL, ly_error(ctx));
         }
     };
 
@@ -571,7 +570,7 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
                               LYD_ANYDATA_STRING,
                               (s->nodetype & (LYS_LEAF | LYS_LEAFLIST)) ? LYD_NEW_PATH_OPAQ : 0,
                               &first, &target) != LY_SUCCESS)
-                throw Refused(StatusCode::INVALID_ARGUMENT, where + ": " + ly_error(ctx));
+                throw Refused(StatusCode::INVALID_ARGUMENT, ly_error(ctx));
             // The first node made is not told of a container alone.
             if (!tree) {
                 lyd_node *top = target;
@@ -594,7 +593,7 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
             parsed.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
             if (parsed.HasParseError())
                 throw Refused(StatusCode::INVALID_ARGUMENT,
-                              where + ": the value is not JSON (at byte " +
+                              "the value is not JSON (at byte " +
                                   std::to_string(parsed.GetErrorOffset()) + ")");
             v.CopyFrom(parsed, a);
         } else {
@@ -620,7 +619,7 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
                     } else if (!(m->value.IsString() && kv == m->value.GetString()) &&
                                !(!m->value.IsString() && kv == write_json(m->value))) {
                         throw Refused(StatusCode::INVALID_ARGUMENT,
-                                      where + ": the value's " + key->name +
+                                      std::string("the value's ") + key->name +
                                           " is not the path's, " + kv);
                     }
                 }
@@ -646,7 +645,7 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
         if (parent == nullptr)
             tree.reset(parsed);
         if (rc != LY_SUCCESS)
-            throw Refused(StatusCode::INVALID_ARGUMENT, where + ": " + ly_error(ctx));
+            throw Refused(StatusCode::INVALID_ARGUMENT, ly_error(ctx));
         if (steps.empty()) {
             for (lyd_node *n = tree.get(); n != nullptr; n = n->next)
                 mark(n);
@@ -654,7 +653,7 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
             if (lyd_find_path(tree.get(), data_path(steps, steps.size()).c_str(), 0, &target) !=
                     LY_SUCCESS ||
                 target == nullptr)
-                throw Refused(StatusCode::INVALID_ARGUMENT, where + ": the value sets nothing");
+                throw Refused(StatusCode::INVALID_ARGUMENT, "the value sets nothing");
             mark(target);
         }
     }

@@ -96,8 +96,14 @@ public:
         // threads without end.
         grpc::ResourceQuota quota("octunnel-gnmi");
         quota.SetMaxThreads(static_cast<int>(std::max(4u, o_.threads) * 2));
+        // What gRPC's buffers of all clients may hold: two requests of the
+        // largest and 64 MiB, as NETCONF's requests in flight.
+        quota.Resize(2 * most + (std::size_t{64} << 20));
         builder.SetResourceQuota(quota);
         builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, 16);
+        // A client that does not finish its TLS handshake in 10 s holds
+        // nothing longer, as an SSH client that says nothing.
+        builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, 10000);
         server_ = builder.BuildAndStart();
         if (server_ == nullptr || port == 0)
             throw std::runtime_error("cannot listen on " + o_.listen + " (gNMI)");
@@ -304,6 +310,17 @@ Status handled(const serve::Front &front, const char *rpc, const Caller &caller,
     } catch (const std::exception &e) {
         front.log(std::string("gNMI ") + rpc + ": " + one_line(e.what()));
         status = Status(StatusCode::INTERNAL, one_line(e.what()));
+    }
+    // A message travels in the response's trailers, which clients take up
+    // to a few kilobytes: one that quotes a large value is cut short.
+    constexpr std::size_t most = 1024;
+    if (status.error_message().size() > most) {
+        std::string message = status.error_message().substr(0, most);
+        while (!message.empty() && (static_cast<unsigned char>(message.back()) & 0xC0) == 0x80)
+            message.pop_back(); // no UTF-8 sequence cut in two
+        if (!message.empty() && static_cast<unsigned char>(message.back()) >= 0xC0)
+            message.pop_back();
+        status = Status(status.error_code(), message + "...");
     }
     if (front.verbose)
         front.log(std::string("gNMI ") + rpc + " of " + quoted(one_line(caller.user)) +

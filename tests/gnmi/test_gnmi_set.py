@@ -106,6 +106,11 @@ def test_refusals_are_statuses_naming_the_path_and_reason():
             details = refused(lambda: c.set(**kw), code)
             for s in says:
                 assert s in details, (s, details)
+        # A message quoting a value of megabytes is cut short: it travels in
+        # the trailers.
+        details = refused(lambda: c.set(update=[(TTL, "x" * 4_000_000)]),
+                          grpc.StatusCode.INVALID_ARGUMENT)
+        assert details.startswith(TTL + ": ") and len(details) <= 1100, details[:200]
         refused(lambda: c.stub.Set(pb.SetRequest(union_replace=[pb.Update()]),
                                    metadata=c.metadata), grpc.StatusCode.UNIMPLEMENTED)
         refused(lambda: c.stub.Set(pb.SetRequest(), metadata=c.metadata),
