@@ -66,6 +66,10 @@ int serve(const ServeOptions &o, std::ostream &err)
 {
     Log log(err);
     the_log = &log;
+    // libyang's messages go to the log while the models last, not after.
+    struct Unlog {
+        ~Unlog() { the_log = nullptr; }
+    } unlog;
     log_verbose = o.verbose;
     // Signals are taken by this thread alone, in sigwait; the others never
     // see them.
