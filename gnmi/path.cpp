@@ -109,6 +109,8 @@ bool keys_match(const lyd_node *node, const Step &step)
 
 // -------------------------------------------------------------- JSON
 
+// Members are walked by index: clang takes the comparison of rapidjson's
+// member iterators in C++20 for ambiguous.
 using rapidjson::Value;
 using Allocator = rapidjson::Document::AllocatorType;
 
@@ -129,7 +131,8 @@ void strip_modules(Value &v, Allocator &a)
     }
     if (!v.IsObject())
         return;
-    for (auto &m : v.GetObject()) {
+    for (rapidjson::SizeType i = 0; i < v.MemberCount(); ++i) {
+        auto &m = v.MemberBegin()[i];
         const std::string_view name(m.name.GetString(), m.name.GetStringLength());
         if (const auto colon = name.find(':'); colon != std::string_view::npos) {
             const std::string local(name.substr(colon + 1));
@@ -159,12 +162,15 @@ void qualify(const ly_ctx *ctx, const lysc_node *parent, Value &v, Allocator &a)
     if (!v.IsObject())
         throw Refused(StatusCode::INVALID_ARGUMENT,
                       schema_text(parent) + ": the value is not a JSON object of its members");
-    for (auto &m : v.GetObject()) {
+    for (rapidjson::SizeType i = 0; i < v.MemberCount(); ++i) {
+        auto &m = v.MemberBegin()[i];
         const std::string name(m.name.GetString(), m.name.GetStringLength());
         if (!name.empty() && name.front() == '@')
             throw Refused(StatusCode::INVALID_ARGUMENT, schema_text(parent) + ": metadata (" +
                                                             name + ") is not taken in a value");
-        const auto [module, local] = split_name(name);
+        // Names, not a structured binding: lambdas capture them (clang 14).
+        const auto parts = split_name(name);
+        const std::string_view module = parts.first, local = parts.second;
         const lysc_node *child = nullptr;
         each_child(ctx, parent, [&](const lysc_node *c) {
             if (child == nullptr && matches(c, module, local))
@@ -306,9 +312,9 @@ std::vector<Step> resolve(const ly_ctx *ctx, const gnmi::Path &prefix, const gnm
                 if (std::find(parents.begin(), parents.end(), nullptr) != parents.end())
                     step.schema.insert(step.schema.begin(), nullptr);
             } else {
-                const auto [module, local] = name == "*"
-                                                 ? std::pair<std::string_view, std::string_view>{}
-                                                 : split_name(name);
+                const auto parts = name == "*" ? std::pair<std::string_view, std::string_view>{}
+                                               : split_name(name);
+                const std::string_view module = parts.first, local = parts.second;
                 step.kind = name == "*" ? Step::Kind::any : Step::Kind::name;
                 for (const lysc_node *parent : parents)
                     each_child(ctx, parent, [&](const lysc_node *c) {
@@ -507,7 +513,8 @@ std::string json_value(const lyd_node *node, Json json)
     } else if (v->IsObject() && node->schema != nullptr) {
         // The top-level members of a value stand alone: each is named with
         // its module (RFC 7951, 4).
-        for (auto &m : v->GetObject()) {
+        for (rapidjson::SizeType i = 0; i < v->MemberCount(); ++i) {
+            auto &m = v->MemberBegin()[i];
             const std::string_view name(m.name.GetString(), m.name.GetStringLength());
             if (name.find(':') != std::string_view::npos)
                 continue;
@@ -613,11 +620,13 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
                 qualify(ctx, s, v, a);
             if (s->nodetype == LYS_LIST) {
                 for (const auto &[key, kv] : last.keys) {
-                    const auto m = v.FindMember(key->name);
-                    if (m == v.MemberEnd()) {
+                    if (!v.HasMember(key->name)) {
                         v.AddMember(Value(key->name, a), Value(kv.c_str(), a), a);
-                    } else if (!(m->value.IsString() && kv == m->value.GetString()) &&
-                               !(!m->value.IsString() && kv == write_json(m->value))) {
+                        continue;
+                    }
+                    const Value &given = v[key->name];
+                    if (!(given.IsString() && kv == given.GetString()) &&
+                        !(!given.IsString() && kv == write_json(given))) {
                         throw Refused(StatusCode::INVALID_ARGUMENT,
                                       std::string("the value's ") + key->name +
                                           " is not the path's, " + kv);
