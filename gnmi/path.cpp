@@ -1,5 +1,7 @@
 #include "gnmi/path.h"
 
+#include "translate/document.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <map>
@@ -86,6 +88,22 @@ void descendants(const ly_ctx *ctx, const lysc_node *parent, std::vector<const l
         if (c->nodetype & (LYS_CONTAINER | LYS_LIST))
             descendants(ctx, c, out, seen);
     });
+}
+
+// Whether XML can carry `text` as character data: UTF-8 (RFC 3629), and
+// none of the characters XML 1.0 leaves out (the controls but tab, newline
+// and carriage return; U+FFFE, U+FFFF).
+bool xml_text(std::string_view text)
+{
+    Utf8Check check;
+    std::size_t bad = 0;
+    if (!check.pass(text, bad) || !check.complete())
+        return false;
+    for (const char c : text)
+        if (static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n' && c != '\r')
+            return false;
+    return text.find("\xEF\xBF\xBE") == std::string_view::npos &&
+           text.find("\xEF\xBF\xBF") == std::string_view::npos;
 }
 
 // -------------------------------------------------------------- selection
@@ -195,6 +213,39 @@ void qualify(const ly_ctx *ctx, const lysc_node *parent, Value &v, Allocator &a)
     }
 }
 
+// How deep a value may nest: deeper than any node of the models, and
+// shallow enough that nothing that walks it runs out of stack.
+constexpr std::size_t max_value_depth = 64;
+
+// Refuses a value nested too deep or with a name or string XML cannot
+// carry; walked without recursion, however deep the client made it.
+void check_value(const Value &value)
+{
+    std::vector<std::pair<const Value *, std::size_t>> stack{{&value, 1}};
+    while (!stack.empty()) {
+        const auto [v, depth] = stack.back();
+        stack.pop_back();
+        if (depth > max_value_depth)
+            throw Refused(StatusCode::INVALID_ARGUMENT,
+                          "the value nests deeper than " + std::to_string(max_value_depth) +
+                              " levels, which no node of the models does");
+        if (v->IsString() && !xml_text({v->GetString(), v->GetStringLength()}))
+            throw Refused(StatusCode::INVALID_ARGUMENT,
+                          "a string of the value is not UTF-8 text XML can hold");
+        if (v->IsArray())
+            for (const Value &e : v->GetArray())
+                stack.emplace_back(&e, depth + 1);
+        if (v->IsObject())
+            for (rapidjson::SizeType i = 0; i < v->MemberCount(); ++i) {
+                const auto &m = v->MemberBegin()[i];
+                if (!xml_text({m.name.GetString(), m.name.GetStringLength()}))
+                    throw Refused(StatusCode::INVALID_ARGUMENT,
+                                  "a member name of the value is not UTF-8 text XML can hold");
+                stack.emplace_back(&m.value, depth + 1);
+            }
+    }
+}
+
 // A scalar TypedValue as JSON.
 Value scalar_json(const gnmi::TypedValue &tv, Allocator &a)
 {
@@ -300,6 +351,15 @@ std::vector<Step> resolve(const ly_ctx *ctx, const gnmi::Path &prefix, const gnm
                                                                 " keys on " + so_far);
             if (name.empty())
                 throw Refused(StatusCode::INVALID_ARGUMENT, text + ": an element without a name");
+            // A name or key goes into edits as XML text: it must be text
+            // XML can carry (whatever a client's library let through).
+            bool texts = xml_text(name);
+            for (const auto &[key, value] : e.key())
+                texts = texts && xml_text(key) && xml_text(value);
+            if (!texts)
+                throw Refused(StatusCode::INVALID_ARGUMENT,
+                              "element " + std::to_string(steps.size() + 1) +
+                                  " of the path holds what is not UTF-8 text XML can hold");
             std::unordered_set<const lysc_node *> seen;
             if (name == "...") {
                 step.kind = Step::Kind::descend;
@@ -606,6 +666,7 @@ std::string edit_text(const ly_ctx *ctx, const std::vector<Step> &steps,
         } else {
             v = scalar_json(*value, a);
         }
+        check_value(v);
         // The value as the member of its node under its parent, with the
         // keys the path gives a list entry.
         doc.SetObject();

@@ -101,6 +101,13 @@ def test_refusals_are_statuses_naming_the_path_and_reason():
              ["json_ietf_val"]),
             (dict(update=[("/nacm/enable-nacm", False)]), grpc.StatusCode.INVALID_ARGUMENT,
              ["the models have no /nacm"]),
+            # What XML cannot carry never reaches an edit.
+            (dict(delete=["/interfaces/interface[name=tunnel\x01ip12]"]),
+             grpc.StatusCode.INVALID_ARGUMENT, ["element 2 of the path", "XML can hold"]),
+            (dict(update=[(T12 + "/tunnel/config", {"src": "192.0.2.1\x02"})]),
+             grpc.StatusCode.INVALID_ARGUMENT, ["a string of the value", "XML can hold"]),
+            (dict(update=[(TTL, scalar(json_ietf_val=b"[" * 100 + b"]" * 100))]),
+             grpc.StatusCode.INVALID_ARGUMENT, ["nests deeper than 64 levels"]),
         ]
         for kw, code, says in cases:
             details = refused(lambda: c.set(**kw), code)
