@@ -8,6 +8,7 @@
 
 #include <libyang/libyang.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
@@ -353,6 +354,20 @@ Outcome Agent::edit_config(uint32_t session, std::string config, DefaultOperatio
     return out;
 }
 
+Outcome Agent::edit_steps(uint32_t session, std::vector<EditStep> steps)
+{
+    std::size_t size = 0;
+    for (const EditStep &step : steps)
+        size += step.config.size();
+    if (size > options_.max_content)
+        return Outcome::error(too_big("the configuration", size, options_.max_content));
+    std::lock_guard guard(mutex_);
+    Outcome out = edit_locked(session, steps, false, true);
+    if (size >= large_edit)
+        give_back_memory();
+    return out;
+}
+
 Outcome Agent::validate(uint32_t session, std::string config)
 {
     if (config.size() > options_.max_content)
@@ -369,6 +384,15 @@ Outcome Agent::validate(uint32_t session, std::string config)
 Outcome Agent::edit_locked(uint32_t session, std::string &config, DefaultOperation op,
                            bool test_only, bool checked)
 {
+    std::vector<EditStep> steps(1);
+    steps.front().config.swap(config);
+    steps.front().op = op;
+    return edit_locked(session, steps, test_only, checked);
+}
+
+Outcome Agent::edit_locked(uint32_t session, std::vector<EditStep> &steps, bool test_only,
+                           bool checked)
+{
     if (lock_owner_ != 0 && lock_owner_ != session) {
         RpcError e;
         e.tag = "lock-denied";
@@ -377,70 +401,88 @@ Outcome Agent::edit_locked(uint32_t session, std::string &config, DefaultOperati
         e.session_id = lock_owner_;
         return Outcome::error(e);
     }
-    const bool large = config.size() >= large_edit;
-    // The edit as the models take it: its shape, then its values.  An
-    // empty <config> is an edit of nothing (all there is, with a default
-    // operation of replace).
-    Document doc;
-    try {
-        if (!blank(config))
-            doc = read_xml(config, options_.max_content);
-    } catch (const InputError &e) {
-        return Outcome::error(unreadable(e, "the configuration"));
-    }
-    if (auto e = models_.check(doc, OpenConfigModels::Use::edit))
-        return Outcome::error(from_model(*e));
+    std::size_t size = 0;
+    for (const EditStep &step : steps)
+        size += step.config.size();
+    const bool large = size >= large_edit;
     const nacm::Subject who = subject(session);
-    for (const vidl_yfw_datatree *root : doc.roots)
-        if (is_nacm(*root)) {
-            // The rules are the operator's file, never data of an edit:
-            // whoever may not write them hears that first.
-            const lysc_node *schema =
-                lys_find_path(models_.context(), nullptr, "/ietf-netconf-acm:nacm", 0);
-            const nacm::DataStep top{schema, "ietf-netconf-acm", {}};
-            if (checked && !who.may(nacm::Access::update, std::span(&top, 1))) {
-                ++denied_writes_;
-                RpcError e = access_denied("access denied: " + user_of(session) +
-                                           " may not change the access control rules");
+    // Each edit as the models take it, in turn, and the interfaces all of
+    // them touch (all interfaces when one names none in particular).  Each
+    // form of an edit goes once the next is made: the large ones are of the
+    // whole configuration, and none is needed twice.
+    std::vector<std::pair<DataTree, EditOp>> edits;
+    std::optional<std::vector<std::string>> names(std::in_place);
+    for (EditStep &step : steps) {
+        // The edit as the models take it: its shape, then its values.  An
+        // empty <config> is an edit of nothing (all there is, with a default
+        // operation of replace).
+        Document doc;
+        try {
+            if (!blank(step.config))
+                doc = read_xml(step.config, options_.max_content);
+        } catch (const InputError &e) {
+            return Outcome::error(unreadable(e, "the configuration"));
+        }
+        if (auto e = models_.check(doc, OpenConfigModels::Use::edit))
+            return Outcome::error(from_model(*e));
+        for (const vidl_yfw_datatree *root : doc.roots)
+            if (is_nacm(*root)) {
+                // The rules are the operator's file, never data of an edit:
+                // whoever may not write them hears that first.
+                const lysc_node *schema =
+                    lys_find_path(models_.context(), nullptr, "/ietf-netconf-acm:nacm", 0);
+                const nacm::DataStep top{schema, "ietf-netconf-acm", {}};
+                if (checked && !who.may(nacm::Access::update, std::span(&top, 1))) {
+                    ++denied_writes_;
+                    RpcError e = access_denied("access denied: " + user_of(session) +
+                                               " may not change the access control rules");
+                    e.path = "/nacm:nacm";
+                    e.path_namespaces = {{"nacm", nacm::ns}};
+                    return Outcome::error(e);
+                }
+                RpcError e;
+                e.tag = "operation-not-supported";
+                e.bad_element = root->tag;
                 e.path = "/nacm:nacm";
                 e.path_namespaces = {{"nacm", nacm::ns}};
+                e.message =
+                    "the access control rules (/nacm) are not edited over NETCONF: they are "
+                    "the file the agent is given with --nacm, read again on SIGHUP";
+                return Outcome::error(e);
+            } else if (!is_interfaces(*root)) {
+                RpcError e;
+                e.tag = "operation-not-supported";
+                e.bad_element = root->tag;
+                e.message = element_name(root->tag) + " in the namespace '" + root->ns +
+                            "' is not served here: the agent serves OpenConfig <interfaces> (" +
+                            NS_OC_INTERFACES + ")";
                 return Outcome::error(e);
             }
-            RpcError e;
-            e.tag = "operation-not-supported";
-            e.bad_element = root->tag;
-            e.path = "/nacm:nacm";
-            e.path_namespaces = {{"nacm", nacm::ns}};
-            e.message = "the access control rules (/nacm) are not edited over NETCONF: they are "
-                        "the file the agent is given with --nacm, read again on SIGHUP";
-            return Outcome::error(e);
-        } else if (!is_interfaces(*root)) {
-            RpcError e;
-            e.tag = "operation-not-supported";
-            e.bad_element = root->tag;
-            e.message = element_name(root->tag) + " in the namespace '" + root->ns +
-                        "' is not served here: the agent serves OpenConfig <interfaces> (" +
-                        NS_OC_INTERFACES + ")";
-            return Outcome::error(e);
-        }
-    // Each form of the edit goes once the next is made: the large ones are
-    // of the whole configuration, and none is needed twice.
-    doc = Document{};
-    std::optional<ModelError> invalid;
-    DataTree edit = models_.parse_edit(config, false, invalid);
-    std::string().swap(config);
-    if (invalid)
-        return Outcome::error(from_model(*invalid));
-    const EditOp default_op = edit_op(op);
-
-    // What the configuration is now, of the interfaces the edit touches, and
+        doc = Document{};
+        std::optional<ModelError> invalid;
+        DataTree edit = models_.parse_edit(step.config, false, invalid);
+        std::string().swap(step.config);
+        if (invalid)
+            return Outcome::error(from_model(*invalid));
+        const EditOp default_op = edit_op(step.op);
+        const auto touched = interfaces_touched(models_, edit.get(), default_op);
+        if (!touched)
+            names.reset();
+        else if (names)
+            names->insert(names->end(), touched->begin(), touched->end());
+        edits.emplace_back(std::move(edit), default_op);
+    }
+    // What the configuration is now, of the interfaces the edits touch, and
     // what it is to become.
-    auto names = interfaces_touched(models_, edit.get(), default_op);
     if (names && names->empty())
         return {}; // nothing named: nothing changes
-    // An edit that names as many interfaces as the configuration holds
-    // reads it all: no more than it names, without a filter of every name
-    // made and walked first.
+    if (names) {
+        std::sort(names->begin(), names->end());
+        names->erase(std::unique(names->begin(), names->end()), names->end());
+    }
+    // Edits that name as many interfaces as the configuration holds read it
+    // all: no more than they name, without a filter of every name made and
+    // walked first.
     if (names && names->size() >= configured_entries())
         names.reset();
     DataTree before;
@@ -450,9 +492,10 @@ Outcome Agent::edit_locked(uint32_t session, std::string &config, DefaultOperati
     if (before && lyd_dup_siblings(before.get(), nullptr, LYD_DUP_RECURSIVE, &copy) != LY_SUCCESS)
         throw std::bad_alloc();
     DataTree intended(copy);
-    if (auto e = apply_edit(models_, intended, edit.get(), default_op))
-        return Outcome::error(from_model(*e));
-    edit.reset();
+    for (const auto &[edit, default_op] : edits)
+        if (auto e = apply_edit(models_, intended, edit.get(), default_op))
+            return Outcome::error(from_model(*e));
+    edits.clear();
     if (auto e = hold_by_design(models_, intended))
         return Outcome::error(from_model(*e));
     settle(intended);
@@ -795,15 +838,35 @@ Outcome Agent::unlock(uint32_t session)
     return Outcome::error(e);
 }
 
+void Agent::on_change(const void *owner, ChangeListener listener)
+{
+    std::lock_guard guard(mutex_);
+    change_listeners_.emplace_back(owner, std::move(listener));
+}
+
+void Agent::on_confirmed_commit(const void *owner, ConfirmedCommitListener listener)
+{
+    std::lock_guard guard(mutex_);
+    confirmed_listeners_.emplace_back(owner, std::move(listener));
+}
+
+void Agent::forget_listeners(const void *owner)
+{
+    // Listeners run with the lock held: none runs once it is taken here.
+    std::lock_guard guard(mutex_);
+    std::erase_if(change_listeners_, [&](const auto &l) { return l.first == owner; });
+    std::erase_if(confirmed_listeners_, [&](const auto &l) { return l.first == owner; });
+}
+
 void Agent::tell(const ConfigChange &change) const
 {
-    for (const ChangeListener &listener : change_listeners_)
+    for (const auto &[owner, listener] : change_listeners_)
         listener(change);
 }
 
 void Agent::tell(const ConfirmedCommitEvent &event) const
 {
-    for (const ConfirmedCommitListener &listener : confirmed_listeners_)
+    for (const auto &[owner, listener] : confirmed_listeners_)
         listener(event);
 }
 

@@ -22,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -85,6 +86,13 @@ struct Outcome {
     }
 };
 
+// One edit of several made as one: the text of its <config> and its
+// default operation.
+struct EditStep {
+    std::string config;
+    DefaultOperation op = DefaultOperation::merge;
+};
+
 struct AgentOptions {
     std::string state_dir;
     std::string oper_dir;    // none: no operational data
@@ -127,6 +135,10 @@ public:
     // configuration then reads back as intended.  The text is the agent's
     // to let go of as soon as it has read it.
     Outcome edit_config(uint32_t session, std::string config, DefaultOperation op, bool test_only);
+    // Several edits applied in order to one working configuration, each as
+    // edit_config() applies it to what the ones before made, and committed
+    // once: all of them or, on the first refused, none.
+    Outcome edit_steps(uint32_t session, std::vector<EditStep> steps);
     // <validate> of an inline configuration: whether it would be taken as
     // the whole running configuration, by every check of an edit.
     Outcome validate(uint32_t session, std::string config);
@@ -187,15 +199,15 @@ public:
     void set_server_state(ServerState state, std::vector<PrefixNs> value_prefixes = {});
 
     // Each listener is told of every change committed to the running
-    // configuration, by the thread that commits it with the
-    // configuration's lock held: it must not wait, nor ask anything of the
-    // agent.  Added before serving, one for each front that tells changes.
-    void on_change(ChangeListener listener) { change_listeners_.push_back(std::move(listener)); }
+    // configuration (and of startup written), by the thread that commits
+    // it with the configuration's lock held: it must not wait, nor ask
+    // anything of the agent.  A front adds its own, as `owner`, and takes
+    // them away before it goes: once forget_listeners() returns, none of
+    // them is running or will run.
+    void on_change(const void *owner, ChangeListener listener);
     // The same of the steps of confirmed commits.
-    void on_confirmed_commit(ConfirmedCommitListener listener)
-    {
-        confirmed_listeners_.push_back(std::move(listener));
-    }
+    void on_confirmed_commit(const void *owner, ConfirmedCommitListener listener);
+    void forget_listeners(const void *owner);
 
     const std::string &running_path() const;
     // The operational data <get> answers from, to be told when it changes.
@@ -206,9 +218,11 @@ private:
                         const std::optional<std::string> &filter);
     // `checked`: whether what the edit writes is held to the session's
     // access (not for <validate>, which writes nothing).
-    // `config` is emptied once it is read.
+    // `config` is emptied once it is read; so is each step's.
     Outcome edit_locked(uint32_t session, std::string &config, DefaultOperation op, bool test_only,
                         bool checked = true);
+    Outcome edit_locked(uint32_t session, std::vector<EditStep> &steps, bool test_only,
+                        bool checked);
     // Takes out of the top-level nodes of `holder` what the subject may
     // not read.
     void leave_out_unreadable(const nacm::Subject &who, Node &holder) const;
@@ -281,8 +295,8 @@ private:
     Datastore running_;
     OperationalData oper_;
     ServerState server_state_;
-    std::vector<ChangeListener> change_listeners_;
-    std::vector<ConfirmedCommitListener> confirmed_listeners_;
+    std::vector<std::pair<const void *, ChangeListener>> change_listeners_;
+    std::vector<std::pair<const void *, ConfirmedCommitListener>> confirmed_listeners_;
     void tell(const ConfigChange &change) const;
     void tell(const ConfirmedCommitEvent &event) const;
     std::vector<PrefixNs> value_prefixes_;

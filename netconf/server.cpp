@@ -352,35 +352,32 @@ std::string refusal(const Admission::Verdict &v, const std::string &source, cons
 
 // The largest message a session takes: the largest request and the rest of
 // its <rpc>.
-std::size_t max_message(const ServerOptions &o)
+std::size_t max_message(const Front &f)
 {
-    return o.agent.max_content + (std::size_t{1} << 20);
+    return f.agent_options.max_content + (std::size_t{1} << 20);
 }
 
 // What requests in flight may hold by default: one message of the largest
 // and 64 MiB for every other session's requests meanwhile.  Requests are
 // served one at a time, so a second large one would only wait, holding its
 // memory (and what libyang makes of it once read, many times its size).
-std::size_t max_in_flight(const ServerOptions &o)
+std::size_t max_in_flight(const NetconfOptions &o, const Front &f)
 {
-    return o.max_in_flight != 0 ? o.max_in_flight : max_message(o) + (std::size_t{64} << 20);
+    return o.max_in_flight != 0 ? o.max_in_flight : max_message(f) + (std::size_t{64} << 20);
 }
 
-class Server {
+class Server : public Service {
 public:
-    Server(const ServerOptions &o, std::ostream &err)
-        : o_(o), err_(err), admission_(o.admission), budget_(max_in_flight(o))
+    Server(const NetconfOptions &o, const Front &f)
+        : o_(o), f_(f), admission_(f.admission), budget_(max_in_flight(o, f))
     {
     }
-    ~Server();
+    ~Server() override;
 
-    int run();
-    void log(const std::string &line)
-    {
-        std::lock_guard guard(log_mutex_);
-        err_ << "octunnel serve: " << line << std::endl;
-    }
-    bool verbose() const { return o_.verbose; }
+    void start() override;
+    void stop() override;
+    void log(const std::string &line) { f_.log(line); }
+    bool verbose() const { return f_.verbose; }
 
     nc_server_reply *rpc(lyd_node *rpc, nc_session *session);
     Monitor &monitor() { return monitor_; }
@@ -397,7 +394,7 @@ private:
         std::shared_ptr<SessionCounters> counters = std::make_shared<SessionCounters>();
     };
 
-    void start();
+    void open();
     void poll_loop();
     void add(nc_session *session, int fd, const Client &from);
     void end(nc_session *session);
@@ -425,22 +422,18 @@ private:
     nc_server_reply *kill_session(const lyd_node *rpc, uint32_t sid);
     nc_server_reply *get_schema(const lyd_node *rpc);
 
-    const ServerOptions &o_;
-    std::ostream &err_;
-    std::mutex log_mutex_;
-    std::unique_ptr<StateLock> state_lock_;
-    std::unique_ptr<Agent> agent_;
+    const NetconfOptions o_;
+    const Front f_;
     Monitor monitor_;
     std::unique_ptr<Notifications> notifications_;
     std::string yang_library_;
-    Users users_;
-    AuthorizedKeys keys_;
     std::unique_ptr<SshServer> ssh_;
-    Admission admission_;
+    Admission &admission_; // the program's, which every front charges
     ly_ctx *ctx_ = nullptr;
     nc_pollsession *ps_ = nullptr;
     bool nc_started_ = false;
     std::atomic<bool> stop_{false};
+    std::vector<std::thread> threads_;
 
     std::mutex sessions_mutex_;
     std::condition_variable sessions_cv_;
@@ -500,13 +493,6 @@ void nc_print(NC_VERB_LEVEL level, const char *message)
         the_server->log(std::string("libnetconf2: ") + one_line(message != nullptr ? message : ""));
 }
 
-void ly_print(LY_LOG_LEVEL level, const char *message, const char *path)
-{
-    if (level <= LY_LLERR && the_server->verbose())
-        the_server->log(std::string("libyang: ") + one_line(message != nullptr ? message : "") +
-                        (path != nullptr ? std::string(" (") + path + ")" : std::string()));
-}
-
 // ---------------------------------------------------------------- requests
 
 nc_server_reply *Server::rpc(lyd_node *rpc, nc_session *session)
@@ -517,15 +503,15 @@ nc_server_reply *Server::rpc(lyd_node *rpc, nc_session *session)
     const uint32_t sid = nc_session_get_id(session);
     try {
         // Access control before anything is done (RFC 8341, 3.4.4).
-        if (auto denied = agent_->authorize(sid, rpc->schema))
+        if (auto denied = f_.agent.authorize(sid, rpc->schema))
             return reply_errors(ctx, {*denied});
-        if (auto reply = handle_request(*agent_, rpc, sid))
+        if (auto reply = handle_request(f_.agent, rpc, sid))
             return answer(rpc, reply->outcome, reply->data);
         if (module == "ietf-netconf") {
             if (name == "close-session") {
                 // Its lock goes before the answer: a session that hears it
                 // may take the lock at once.
-                agent_->session_ended(sid);
+                f_.agent.session_ended(sid);
                 nc_session_set_term_reason(session, NC_SESSION_TERM_CLOSED);
                 return nc_server_reply_ok();
             }
@@ -566,7 +552,7 @@ nc_server_reply *Server::kill_session(const lyd_node *rpc, uint32_t sid)
         killed = "session " + std::to_string(target) + " of " + user_of(target) +
                  " killed by session " + std::to_string(sid) + " of " + user_of(sid);
     }
-    agent_->session_ended(target);
+    f_.agent.session_ended(target);
     log(killed);
     return nc_server_reply_ok();
 }
@@ -613,7 +599,7 @@ void Server::add(nc_session *session, int fd, const Client &from)
     // of it.
     nc_session_set_data(session, from.counters.get());
     const std::time_t login = nc_session_get_start_time(session);
-    agent_->session_began(id, from.user, from.recovery);
+    f_.agent.session_began(id, from.user, from.recovery);
     monitor_.started({id, from.user, from.transport, from.host,
                       login != 0 ? login : std::time(nullptr), from.counters});
     notifications_->session_started({id, from.user, from.host});
@@ -676,7 +662,7 @@ void Server::end(nc_session *session)
         }
         nc_ps_del_session(ps_, session);
     }
-    agent_->session_ended(id);
+    f_.agent.session_ended(id);
     notifications_->session_ended(id, reason, nc_session_get_killed_by(session));
     nc_session_free(session, nullptr);
     // libnetconf2 leaves the descriptors it was handed to their owner;
@@ -816,7 +802,7 @@ void Server::serve_client(ClientSide &client, const Client &from)
         return std::nullopt;
     };
     RelayLimits limits;
-    limits.max_message = max_message(o_);
+    limits.max_message = max_message(f_);
     limits.max_unread = o_.max_unread;
     limits.budget = &budget_;
     // What libnetconf2 would refuse in terms of its own, the relay answers
@@ -989,7 +975,7 @@ void Server::ssh_connection(int fd, std::string host, std::string port, std::str
     if (!in && cut != Cut::no)
         admission_.charge(account);
     if (in) {
-        if (o_.verbose)
+        if (f_.verbose)
             log("'" + one_line(connection.user()) + "' logged in from " + peer);
         serve_client(connection, Client{connection.user(), Transport::ssh, host, port});
     } else if (!stop_) {
@@ -1112,41 +1098,13 @@ int Server::listen_tcp()
     return fd;
 }
 
-void Server::start()
+void Server::open()
 {
-    if (o_.listen.empty() && o_.unix_path.empty())
-        throw std::invalid_argument("nothing to listen on: give --listen, --unix or both");
-    if (!o_.users.empty())
-        users_ = Users::read(o_.users);
-    if (!o_.authorized_keys.empty())
-        keys_ = AuthorizedKeys::read(o_.authorized_keys);
-    if (!o_.listen.empty() && users_.size() == 0 && keys_.size() == 0)
-        throw std::invalid_argument(
-            "--listen without --users or --authorized-keys: no one could log in");
-
-    // A connection holds a few descriptors (its socket, a socket pair and
-    // libssh's); the soft limit many systems start with (1,024) is taken up
-    // to what the hard one allows.
-    rlimit files{};
-    if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
-        files.rlim_cur = files.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &files);
-    }
-
-    // libyang speaks through the log from the first model loaded: the
-    // agent's own checks load the models too.
     nc_set_print_clb(nc_print);
-    nc_verbosity(o_.verbose ? NC_VERB_VERBOSE : NC_VERB_WARNING);
-    ly_set_log_clb(ly_print, 1);
-    ly_log_level(LY_LLERR);
-
-    state_lock_ = std::make_unique<StateLock>(o_.agent.state_dir);
-    AgentOptions agent = o_.agent;
-    agent.yang_dir = o_.yang_dir;
-    agent_ = std::make_unique<Agent>(agent, [this](const std::string &l) { log(l); });
+    nc_verbosity(f_.verbose ? NC_VERB_VERBOSE : NC_VERB_WARNING);
     if (!o_.listen.empty())
-        ssh_ = std::make_unique<SshServer>(host_key(o_.agent.state_dir), users_, keys_);
-    ctx_ = served_context(o_.yang_dir);
+        ssh_ = std::make_unique<SshServer>(host_key(f_.agent_options.state_dir), f_.users, f_.keys);
+    ctx_ = served_context(f_.yang_dir);
     // <get-schema> and <close-session> are answered here: libnetconf2 2.0's
     // own answer to the first prints from memory it has freed, and the
     // second must let the session's lock go.  It takes an operation's own
@@ -1167,18 +1125,18 @@ void Server::start()
         ctx_, Notifications::Hooks{
                   [this](const std::string &l) { log(l); },
                   [this](uint32_t session, std::string_view module, std::string_view name) {
-                      return agent_->may_receive(session, module, name);
+                      return f_.agent.may_receive(session, module, name);
                   },
                   [this](nc_session *session) {
                       if (auto *c = static_cast<SessionCounters *>(nc_session_get_data(session)))
                           monitor_.notification(*c);
                   }});
-    agent_->on_change([this](const ConfigChange &c) { notifications_->config_changed(c); });
-    agent_->on_confirmed_commit(
-        [this](const ConfirmedCommitEvent &e) { notifications_->confirmed_commit(e); });
+    f_.agent.on_change(this, [this](const ConfigChange &c) { notifications_->config_changed(c); });
+    f_.agent.on_confirmed_commit(
+        this, [this](const ConfirmedCommitEvent &e) { notifications_->confirmed_commit(e); });
     yang_library_ = yang_library(ctx_);
     set_served(monitor_, ctx_);
-    agent_->set_server_state(
+    f_.agent.set_server_state(
         [this](const DatastoreLocks &locks) {
             return yang_library_ + monitor_.netconf_state(locks) + notifications_->streams();
         },
@@ -1196,58 +1154,34 @@ void Server::start()
         listen_unix();
         log("listening on " + o_.unix_path + " (UNIX socket)");
     }
-    log("running configuration in " + agent_->running_path());
 }
 
-int Server::run()
+void Server::start()
 {
-    // Signals are taken by this thread alone, in sigwait; the others never
-    // see them.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGHUP);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
-    try {
-        start();
-    } catch (const std::exception &e) {
-        log(one_line(e.what()));
-        return 2;
-    }
-    std::vector<std::thread> threads;
-    threads.emplace_back([this] { accept_loop(); });
-    threads.emplace_back([this] { watch_loop(); });
+    open();
+    threads_.emplace_back([this] { accept_loop(); });
+    threads_.emplace_back([this] { watch_loop(); });
     for (unsigned i = 0; i < std::max(1u, o_.threads); ++i)
-        threads.emplace_back([this] { poll_loop(); });
-    int signal = 0;
-    // SIGHUP reads the access control rules again; a file with a fault is
-    // named, and the rules in force stay.
-    while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
-        if (o_.agent.nacm_file.empty()) {
-            log("SIGHUP: no --nacm file to read again");
-            continue;
-        }
-        try {
-            agent_->reload_rules();
-            log("access control rules read again from " + o_.agent.nacm_file);
-        } catch (const std::exception &e) {
-            log("access control rules unchanged: " + one_line(e.what()));
-        }
-    }
-    log(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
+        threads_.emplace_back([this] { poll_loop(); });
+}
+
+void Server::stop()
+{
     stop_ = true;
     sessions_cv_.notify_all();
     sockets_cv_.notify_all();
-    for (std::thread &t : threads)
+    for (std::thread &t : threads_)
         t.join();
-    return 0;
+    threads_.clear();
 }
 
 Server::~Server()
 {
-    // Its thread sends to the sessions, of the context, that go next.
+    stop();
+    // What <get> answers of this front, and the changes it tells, go with
+    // it; then the thread that sends events to its sessions.
+    f_.agent.set_server_state({});
+    f_.agent.forget_listeners(this);
     notifications_.reset();
     if (ps_ != nullptr) {
         nc_ps_clear(ps_, 1, nullptr);
@@ -1263,16 +1197,25 @@ Server::~Server()
         close(unix_fd_);
         unlink(o_.unix_path.c_str());
     }
+    the_server = nullptr;
 }
 
 } // namespace
 
-int serve(const ServerOptions &o, std::ostream &err)
+std::string netconf_refusal(const NetconfOptions &o, const Users &users, const AuthorizedKeys &keys)
 {
-    Server server(o, err);
-    the_server = &server;
-    const int rc = server.run();
-    return rc;
+    if (!o.listen.empty() && users.size() == 0 && keys.size() == 0)
+        return "--listen without --users or --authorized-keys: no one could log in";
+    return {};
+}
+
+std::unique_ptr<Service> netconf_front(const NetconfOptions &o, const Front &front)
+{
+    if (the_server != nullptr)
+        throw std::logic_error("one NETCONF front a process: libnetconf2 serves one context");
+    auto server = std::make_unique<Server>(o, front);
+    the_server = server.get();
+    return server;
 }
 
 } // namespace octunnel::serve

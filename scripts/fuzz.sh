@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Fuzzes octunnel: builds the fuzz targets (to-native and to-oc, XML and
-# JSON, and serve-rpc, a session of the agent through its relay's guard and
-# request handlers) with clang, libFuzzer, AddressSanitizer and
-# UndefinedBehaviorSanitizer in build-fuzz, and runs each for SECONDS
-# (default 60) from the seeds (golden cases, examples and the agent tests'
-# requests) and what earlier runs found, with a dictionary of the models'
-# and NETCONF's words.  Each target checks its promise itself (see
-# tests/fuzz/translate_fuzzer.cpp and tests/fuzz/serve_rpc_fuzzer.cpp).
+# JSON; serve-rpc, a session of the agent through its relay's guard and
+# request handlers; gnmi-path, the gNMI front's paths and values) with
+# clang, libFuzzer, AddressSanitizer and UndefinedBehaviorSanitizer in
+# build-fuzz, and runs each for SECONDS (default 60) from the seeds (golden
+# cases, examples and the agent tests' requests) and what earlier runs
+# found, with a dictionary of the models', NETCONF's and gNMI's words.  Each
+# target checks its promise itself (see tests/fuzz/translate_fuzzer.cpp,
+# tests/fuzz/serve_rpc_fuzzer.cpp and tests/fuzz/gnmi_path_fuzzer.cpp).
 #
 #   scripts/fuzz.sh [SECONDS] [TARGET...]
 #
@@ -19,7 +20,7 @@ scripts/install-deps.sh
 seconds=${1:-60}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -eq 0 ] && targets=(to-native-xml to-native-json to-oc-xml to-oc-json serve-rpc)
+[ ${#targets[@]} -eq 0 ] && targets=(to-native-xml to-native-json to-oc-xml to-oc-json serve-rpc gnmi-path)
 
 build=build-fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOCTUNNEL_FUZZ=ON \

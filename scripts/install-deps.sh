@@ -7,8 +7,9 @@
 # demo: what the module, the host and the tool need to build (a compiler,
 #       CMake, Python, libyang, libxml2, RapidJSON, CLI11): scripts/demo.sh.
 # all (default): everything the tests need besides: GoogleTest, the agent's
-#       libraries, clang for the fuzz targets, the NETCONF clients, and what
-#       the Debian package is built, checked and installed with.
+#       libraries (gRPC and protobuf with their compilers for its gNMI
+#       front), clang for the fuzz targets, the NETCONF and gNMI clients, and
+#       what the Debian package is built, checked and installed with.
 set -euo pipefail
 
 set_name=${1:-all}
@@ -25,7 +26,9 @@ case "$set_name" in
       libyang-tools time libbenchmark-dev
       clang libclang-rt-14-dev clang-format git man-db
       libnetconf2-dev libssh-dev libcrypt-dev
+      libgrpc++-dev libprotobuf-dev protobuf-compiler protobuf-compiler-grpc
       python3-ncclient python3-lxml python3-paramiko openssh-client openssl
+      python3-grpcio python3-grpc-tools python3-protobuf
       dpkg-dev adduser systemd strace
     )
     ;;

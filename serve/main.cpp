@@ -8,7 +8,7 @@
 #include "agent/datastore.h"
 #include "cli/options.h"
 #include "cli/translate.h"
-#include "netconf/server.h"
+#include "serve/serve.h"
 #include "translate/install.h"
 
 #include <CLI/CLI.hpp>
@@ -41,11 +41,11 @@ std::size_t parse_bytes(const std::string &text, const std::string &what)
 int main(int argc, char **argv)
 {
     using namespace octunnel;
-    serve::ServerOptions so;
+    serve::ServeOptions so;
     std::string serve_module, serve_yang_dir;
     std::string serve_router_type = "0", serve_max_request, serve_max_oper, serve_startups,
                 serve_penalty, serve_max_in_flight, serve_max_unread;
-    unsigned serve_per_source = so.admission.per_source;
+    unsigned serve_per_source = so.netconf.admission.per_source;
     CLI::App app{"A NETCONF agent (RFC 6241, base 1.0 and 1.1) that clients drive in OpenConfig: "
                  "edits go through the module to the native running configuration, reads "
                  "through it to the native configuration and operational data and back.",
@@ -59,13 +59,13 @@ int main(int argc, char **argv)
         ->type_name("DIR")
         ->required();
     server
-        ->add_option("--listen", so.listen,
+        ->add_option("--listen", so.netconf.listen,
                      "SSH on this address and port, by number ([ADDR]:PORT for IPv6): a login "
                      "has 30 s, and 10 s to send its first byte; six failed attempts end a "
                      "connection; 256 connections at most")
         ->type_name("ADDR:PORT");
     server
-        ->add_option("--unix", so.unix_path,
+        ->add_option("--unix", so.netconf.unix_path,
                      "A UNIX socket (mode 0600: the agent's user only), no SSH")
         ->type_name("PATH");
     server
@@ -133,7 +133,7 @@ int main(int argc, char **argv)
                      "The YANG models advertised and served by <get-schema> (default: "
                      "$OCTUNNEL_YANG_DIR, else the models installed with the tool)")
         ->type_name("DIR");
-    server->add_option("--threads", so.threads, "Sessions served at once (default 4)")
+    server->add_option("--threads", so.netconf.threads, "Sessions served at once (default 4)")
         ->type_name("N")
         ->check(CLI::Range(1, 6));
     server
@@ -161,10 +161,31 @@ int main(int argc, char **argv)
                      "beyond which its session ends")
         ->type_name("BYTES");
     server
-        ->add_option("--max-sessions-per-user", so.max_sessions_per_user,
+        ->add_option("--max-sessions-per-user", so.netconf.max_sessions_per_user,
                      "Sessions one user may hold at once (default 16); one more is refused")
         ->type_name("N")
         ->check(CLI::Range(1, 256));
+#ifdef OCTUNNEL_GNMI
+    server
+        ->add_option(
+            "--gnmi", so.gnmi.listen,
+            "gNMI 0.10.0 (Capabilities, Get, Set, Subscribe ONCE and POLL) on this address "
+            "and port, by number "
+            "([ADDR]:PORT for IPv6), over TLS unless --gnmi-insecure; each RPC carries "
+            "the metadata username and password of a --users user")
+        ->type_name("ADDR:PORT");
+    server->add_option("--tls-cert", so.gnmi.tls_cert, "The gNMI server's certificate chain (PEM)")
+        ->type_name("FILE");
+    server->add_option("--tls-key", so.gnmi.tls_key, "The private key of --tls-cert (PEM)")
+        ->type_name("FILE");
+    server
+        ->add_option("--tls-client-ca", so.gnmi.client_ca,
+                     "Require of every gNMI client a certificate these CAs (PEM) signed")
+        ->type_name("FILE");
+    server->add_flag("--gnmi-insecure", so.gnmi.insecure,
+                     "gNMI in plain text, without TLS: passwords cross the network readable; for "
+                     "the loopback and tests");
+#endif
     server->add_flag("--verbose", so.verbose,
                      "Log sessions, each operational document as it is read, and what "
                      "libnetconf2 says");
@@ -176,6 +197,12 @@ int main(int argc, char **argv)
         "answered. A confirmed commit not confirmed in time is taken back, also across a\n"
         "restart. Startup is loaded only into a running configuration never written.\n"
         "It stops on SIGINT or SIGTERM.\n"
+#ifdef OCTUNNEL_GNMI
+        "With --gnmi, a gNMI server (Capabilities, Get, Set, Subscribe) edits and reads the same\n"
+        "running configuration: an edit made over either protocol is seen at once over\n"
+        "both. A Set's deletes, replaces and updates apply as one edit, all or none.\n"
+#endif
+
         "Every message a client sends is checked before libnetconf2 reads it: one that is not\n"
         "well-formed XML in UTF-8, holds no element or is no <rpc> is answered\n"
         "malformed-message (operation-failed on a base:1.0 session); broken framing ends the\n"
@@ -202,20 +229,20 @@ int main(int argc, char **argv)
         if (!serve_max_request.empty())
             so.agent.max_content = parse_number(serve_max_request, "--max-request");
         if (!serve_startups.empty())
-            so.admission.startups = serve::parse_startups(serve_startups, "--max-startups");
-        if (serve_per_source > so.admission.startups.full)
+            so.netconf.admission.startups = serve::parse_startups(serve_startups, "--max-startups");
+        if (serve_per_source > so.netconf.admission.startups.full)
             throw std::invalid_argument("--max-startups-per-source " +
                                         std::to_string(serve_per_source) +
                                         ": more than FULL of --max-startups");
-        so.admission.per_source = serve_per_source;
+        so.netconf.admission.per_source = serve_per_source;
         if (!serve_penalty.empty())
-            so.admission.penalty = serve::parse_seconds(serve_penalty, "--login-penalty");
+            so.netconf.admission.penalty = serve::parse_seconds(serve_penalty, "--login-penalty");
         if (!serve_max_oper.empty())
             so.agent.max_oper_document = parse_number(serve_max_oper, "--max-oper-document");
         if (!serve_max_in_flight.empty())
-            so.max_in_flight = parse_bytes(serve_max_in_flight, "--max-in-flight");
+            so.netconf.max_in_flight = parse_bytes(serve_max_in_flight, "--max-in-flight");
         if (!serve_max_unread.empty())
-            so.max_unread = parse_bytes(serve_max_unread, "--max-unread");
+            so.netconf.max_unread = parse_bytes(serve_max_unread, "--max-unread");
     } catch (const std::exception &e) {
         std::cerr << "octunnel: " << e.what() << '\n';
         return exit_unusable;

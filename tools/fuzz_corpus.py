@@ -22,7 +22,8 @@ ROOT = os.path.dirname(HERE)
 sys.path.insert(0, HERE)
 import ymapgen  # noqa: E402
 
-TARGETS = ["to-native-xml", "to-native-json", "to-oc-xml", "to-oc-json", "serve-rpc"]
+TARGETS = ["to-native-xml", "to-native-json", "to-oc-xml", "to-oc-json", "serve-rpc",
+           "gnmi-path"]
 KINDS = {"get-config": 0, "edit": 1, "get": 2}
 NETCONF = "urn:ietf:params:xml:ns:netconf:base:1.0"
 
@@ -119,6 +120,41 @@ def serve_seeds():
     yield "too-big", bytes([1]) + b"\n#5000\n" + b"<" * 5000
 
 
+def gnmi_seeds():
+    """(name, text) of gnmi.SetRequest messages in protobuf's text format,
+    for the gnmi-path target: paths with keys, wildcards and prefixes, and
+    values of each encoding."""
+    def elems(*names):
+        out = ""
+        for n in names:
+            name, _, key = n.partition("=")
+            k, _, v = key.partition(":")
+            out += f'elem {{ name: "{name}"' + (f' key {{ key: "{k}" value: "{v}" }}'
+                                                if key else "") + " } "
+        return out
+    t12 = ("interfaces", "interface=name:tunnel-ip12", "tunnel")
+    ttl = elems(*t12, "config", "ttl")
+    return [
+        ("delete-leaf", f"delete {{ {ttl} }}"),
+        ("delete-wildcards", "delete { " + elems("interfaces", "interface=name:*", "...", "ttl")
+         + " } delete { " + elems("interfaces", "*", "tunnel", "*") + " }"),
+        ("update-leaf-json-ietf", f'update {{ path {{ {ttl} }} val {{ json_ietf_val: "64" }} }}'),
+        ("update-leaf-scalar", f"update {{ path {{ {ttl} }} val {{ uint_val: 9 }} }}"),
+        ("replace-config-json",
+         f'replace {{ path {{ {elems(*t12, "config")} }} val {{ json_val: '
+         '"{\\"src\\": \\"192.0.2.1\\", \\"ttl\\": 3}" } }'),
+        ("replace-interface-ietf",
+         f'prefix {{ origin: "openconfig" {elems("interfaces")} }} replace {{ path {{ '
+         f'{elems("interface=name:tunnel-ip9")} }} val {{ json_ietf_val: '
+         '"{\\"openconfig-if-tunnel:tunnel\\": {\\"config\\": {\\"ttl\\": 5}}}" } }'),
+        ("update-root", 'update { path { } val { json_ietf_val: '
+         '"{\\"openconfig-interfaces:interfaces\\": {\\"interface\\": '
+         '[{\\"name\\": \\"t\\"}]}}" } }'),
+        ("delete-address", "delete { " + elems(*t12, "ipv6", "addresses",
+                                             "address=ip:2001:db8::1") + " }"),
+    ]
+
+
 def words():
     found = {"merge", "replace", "create", "delete", "remove", "operation", "nc:operation",
              "xmlns", "xmlns:nc", NETCONF, "data", "config", "filter", "type", "subtree",
@@ -130,7 +166,11 @@ def words():
              "get-config", "target", "running", "source", "default-operation",
              "test-option", "test-only", "none", "lock", "unlock", "validate",
              "close-session", "<!DOCTYPE", "nacm", "kill-session", "session-id",
-             "urn:ietf:params:xml:ns:yang:ietf-netconf-acm"}
+             "urn:ietf:params:xml:ns:yang:ietf-netconf-acm",
+             # gNMI's requests in protobuf's text format
+             "elem", "name:", "key", "value:", "prefix", "origin:", "openconfig", "delete",
+             "update", "path", "val", "json_ietf_val:", "json_val:", "string_val:",
+             "uint_val:", "int_val:", "bool_val:", "...", "*", "{", "}"}
     for path in glob.glob(os.path.join(ROOT, "src/models/*.ymap")):
         with open(path, encoding="utf-8") as f:
             model = ymapgen.parse(f.read())
@@ -170,6 +210,9 @@ def main():
     for name, data in serve_seeds():
         with open(os.path.join(out, "serve-rpc", "seed-" + name), "wb") as f:
             f.write(data)
+    for name, text in gnmi_seeds():
+        with open(os.path.join(out, "gnmi-path", "seed-" + name), "w", encoding="utf-8") as f:
+            f.write(text)
     with open(os.path.join(out, "octunnel.dict"), "w") as f:
         for w in words():
             f.write(quoted(w) + "\n")
