@@ -504,14 +504,14 @@ namespace {
 
 // The commit a document says it holds the configuration through; 0 for one
 // that says none (written by hand, or before there was a log).
-uint64_t folded_through(const std::string &path)
+// Through which commit the document `f` holds the configuration, read from
+// its first line; `f` is left at its start.  Read of the very file the
+// document is read from: an agent may put another in its place meanwhile.
+uint64_t folded_through(std::FILE *f)
 {
     char start[256] = {};
-    FILE *f = std::fopen(path.c_str(), "r");
-    if (f == nullptr)
-        return 0;
     const std::size_t n = std::fread(start, 1, sizeof start - 1, f);
-    std::fclose(f);
+    std::rewind(f);
     const std::string_view text(start, n);
     constexpr std::string_view mark = "octunnel serve, through commit ";
     const std::size_t at = text.find(mark);
@@ -560,9 +560,14 @@ Datastore::Datastore(std::string path, bool read_only) : path_(std::move(path))
     if (exists) {
         // A file that is no document is refused with its name and line, as
         // an operator would look for it.
+        std::unique_ptr<std::FILE, decltype(&std::fclose)> file(std::fopen(path_.c_str(), "re"),
+                                                                &std::fclose);
+        if (!file)
+            throw std::runtime_error(system_error("read", path_));
+        number_ = folded_through(file.get());
         Document doc;
         try {
-            Input input(path_);
+            Input input(file.get(), max_document_bytes);
             doc = read_document(input);
         } catch (const InputError &e) {
             throw std::runtime_error(path_ + (e.line > 0 ? ":" + std::to_string(e.line) : "") +
@@ -578,7 +583,6 @@ Datastore::Datastore(std::string path, bool read_only) : path_(std::move(path))
             for (const auto &k : n->slots())
                 stack.push_back(k.get());
         }
-        number_ = folded_through(path_);
     }
 
     // The commits the document does not hold yet, applied again as they
