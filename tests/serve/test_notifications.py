@@ -205,6 +205,10 @@ def test_access_control_keeps_events_from_those_who_may_not_receive_them():
     try:
         with Agent("--nacm", rules, users=USERS) as agent:
             monitor, admin = agent.connect("monitor", "watching"), agent.connect()
+            # The agent tells of a session once its hello is through, which
+            # may be after the client has it: the admin's own start must be
+            # behind the subscriptions, or the monitor would be kept from two.
+            agent.wait_log(f"session {admin.session_id} of 'alice' began")
             monitor.create_subscription()
             admin.create_subscription()
             agent.connect().edit_config(target="running", config=config(
