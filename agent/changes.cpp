@@ -25,6 +25,18 @@ bool same_value(const lyd_node *a, const lyd_node *b)
 
 } // namespace
 
+const lyd_node *counterpart(const lyd_node *siblings, const lyd_node *node)
+{
+    lyd_node *match = nullptr;
+    if (siblings == nullptr)
+        return nullptr;
+    if (node->schema != nullptr && (node->schema->nodetype & (LYS_LIST | LYS_LEAFLIST)))
+        lyd_find_sibling_first(siblings, node, &match);
+    else
+        lyd_find_sibling_val(siblings, node->schema, nullptr, 0, &match);
+    return match;
+}
+
 std::vector<ConfigChange::Edit> edits_between(const lyd_node *before, const lyd_node *after)
 {
     std::vector<ConfigChange::Edit> edits;
@@ -61,20 +73,18 @@ std::vector<ConfigChange::Edit> edits_between(const lyd_node *before, const lyd_
         }
         const lyd_node *node = level.next;
         level.next = node->next;
-        lyd_node *match = nullptr;
+        const lyd_node *match = nullptr;
         // A container without a presence of its own is never created or
         // deleted: what it holds is.
         const bool np = lysc_is_np_cont(node->schema);
         if (level.creating) {
-            if (level.before != nullptr &&
-                lyd_find_sibling_first(level.before, node, &match) == LY_SUCCESS)
+            if (level.before != nullptr && (match = counterpart(level.before, node)) != nullptr)
                 continue;
             if (np)
                 levels.push_back({nullptr, lyd_child(node), nullptr});
             else
                 whole = !add(node, "create");
-        } else if (level.after == nullptr ||
-                   lyd_find_sibling_first(level.after, node, &match) != LY_SUCCESS) {
+        } else if (level.after == nullptr || (match = counterpart(level.after, node)) == nullptr) {
             if (np)
                 levels.push_back({lyd_child(node), nullptr, lyd_child(node)});
             else

@@ -50,6 +50,13 @@ struct ConfirmedCommitEvent {
 
 using ConfirmedCommitListener = std::function<void(const ConfirmedCommitEvent &)>;
 
+// The node among `siblings` that stands where `node` stands in another
+// tree of the same models: a list entry of the same keys, a leaf-list value
+// that is the same, else the node of the same schema node (a leaf of
+// another value included: libyang looks a leaf up by its value too where
+// its siblings are too few for a hash table).  Null when there is none.
+const lyd_node *counterpart(const lyd_node *siblings, const lyd_node *node);
+
 // The edits that turn the configuration `before` into `after` (siblings of
 // the top level, either null when empty); in document order, linear in
 // what they hold, and stops early past max_change_edits.
