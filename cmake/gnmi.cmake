@@ -44,7 +44,8 @@ if(build_gnmi)
   target_link_libraries(octunnel_gnmi_proto PUBLIC PkgConfig::GRPCPP PkgConfig::PROTOBUF)
 
   add_library(octunnel_gnmi STATIC gnmi/server.cpp gnmi/path.cpp gnmi/capabilities.cpp
-                                   gnmi/get.cpp gnmi/set.cpp gnmi/subscribe.cpp)
+                                   gnmi/get.cpp gnmi/set.cpp gnmi/subscribe.cpp
+                                   gnmi/subscriptions.cpp gnmi/telemetry.cpp)
   target_include_directories(octunnel_gnmi SYSTEM PRIVATE ${RAPIDJSON_INCLUDE_DIRS})
   target_link_libraries(octunnel_gnmi PUBLIC octunnel_access octunnel_gnmi_proto)
   target_compile_definitions(octunnel_serve PRIVATE OCTUNNEL_GNMI)

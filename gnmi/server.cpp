@@ -1,5 +1,6 @@
 #include "gnmi/server.h"
 #include "gnmi/service.h"
+#include "gnmi/subscriptions.h"
 
 #include "translate/input_error.h"
 
@@ -82,7 +83,8 @@ public:
             credentials = grpc::SslServerCredentials(ssl);
         }
         // The paths and values are read with the agent's own models.
-        service_ = std::make_unique<GnmiService>(front_, front_.models);
+        service_ = std::make_unique<GnmiService>(front_, front_.models, o_.max_lag);
+        service_->start_subscriptions();
         grpc::ServerBuilder builder;
         int port = 0;
         builder.AddListeningPort(address, credentials, &port);
@@ -117,7 +119,9 @@ public:
     {
         if (server_ == nullptr)
             return;
-        // RPCs under way have a moment to end; then they are cancelled.
+        // Streams end first (they would wait for changes for good); RPCs
+        // under way have a moment to end; then they are cancelled.
+        service_->stop_subscriptions();
         server_->Shutdown(std::chrono::system_clock::now() + std::chrono::seconds(2));
         server_->Wait();
         server_.reset();
@@ -253,7 +257,7 @@ std::string source_key(const std::string &peer)
 
 } // namespace
 
-grpc::Status GnmiService::authenticate(grpc::ServerContext *context, const char *rpc,
+grpc::Status GnmiService::authenticate(grpc::ServerContextBase *context, const char *rpc,
                                        Caller &caller)
 {
     caller.peer = context->peer();
@@ -322,13 +326,43 @@ Status handled(const serve::Front &front, const char *rpc, const Caller &caller,
             message.pop_back();
         status = Status(status.error_code(), message + "...");
     }
+    log_outcome(front, rpc, caller, status);
+    return status;
+}
+
+void log_outcome(const serve::Front &front, const char *rpc, const Caller &caller,
+                 const Status &status)
+{
     if (front.verbose)
         front.log(std::string("gNMI ") + rpc + " of " + quoted(one_line(caller.user)) +
                   " (session " + std::to_string(caller.session) + ") from " + caller.peer + ": " +
                   (status.ok() ? std::string("done")
                                : "refused, " + std::to_string(status.error_code()) + " " +
                                      status.error_message()));
-    return status;
+}
+
+GnmiService::GnmiService(const serve::Front &front, std::shared_ptr<const OpenConfigModels> models,
+                         std::chrono::nanoseconds max_lag)
+    : front_(front), models_(std::move(models))
+{
+    subscriptions_ = std::make_unique<Subscriptions>(
+        front_,
+        [this](const Caller &caller, const std::string &path, Data &tree) {
+            return read(caller, gnmi::GetRequest::ALL, path, tree);
+        },
+        max_lag);
+}
+
+GnmiService::~GnmiService() = default;
+
+void GnmiService::start_subscriptions()
+{
+    subscriptions_->start();
+}
+
+void GnmiService::stop_subscriptions()
+{
+    subscriptions_->stop();
 }
 
 grpc::Status GnmiService::Capabilities(grpc::ServerContext *context,

@@ -1,10 +1,11 @@
 // The gNMI front of `octunnel serve` (gNMI 0.10.0 over gRPC): Capabilities,
-// Get, Set and Subscribe (ONCE, POLL) on the same agent as the NETCONF
+// Get, Set and Subscribe (STREAM, ONCE, POLL) on the same agent as the NETCONF
 // front.
 #pragma once
 
 #include "serve/front.h"
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -17,6 +18,9 @@ struct GnmiOptions {
     std::string client_ca; // none: clients show no certificate; else one this CA signed
     bool insecure = false; // plain text, no TLS at all
     unsigned threads = 4;  // RPCs served at once
+    // How long a Subscribe stream's updates may wait for the client to take
+    // the ones before: past it, the subscriber is cut off.
+    std::chrono::nanoseconds max_lag = std::chrono::seconds(30);
 
     bool wanted() const { return !listen.empty(); }
 };

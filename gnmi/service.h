@@ -10,6 +10,7 @@
 #include <gnmi.grpc.pb.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -44,6 +45,11 @@ grpc::Status encoding_of(gnmi::Encoding encoding, Json &json);
 // An update of `notification` for each node, its path and its value.
 void add_updates(const std::vector<lyd_node *> &nodes, Json json, gnmi::Notification &notification);
 
+// The outcome of an RPC in the log, with --verbose: its user, session and
+// status.
+void log_outcome(const serve::Front &front, const char *rpc, const Caller &caller,
+                 const grpc::Status &status);
+
 // An RPC's handler, with every failure a status: a refusal as it says, a
 // fault as INTERNAL (named in the log), memory as RESOURCE_EXHAUSTED; with
 // --verbose, each RPC is logged with its user, session and outcome.
@@ -68,12 +74,22 @@ private:
     uint32_t id_;
 };
 
-class GnmiService final : public gnmi::gNMI::Service {
+class Subscriptions;
+
+// Capabilities, Get and Set are served on the front's threads, one each;
+// Subscribe by reactors, which hold none while a stream waits.
+class GnmiService final : public gnmi::gNMI::WithCallbackMethod_Subscribe<gnmi::gNMI::Service> {
 public:
-    GnmiService(const serve::Front &front, std::shared_ptr<const OpenConfigModels> models)
-        : front_(front), models_(std::move(models))
-    {
-    }
+    // A subscriber that keeps its updates waiting longer than `max_lag` is
+    // cut off.
+    GnmiService(const serve::Front &front, std::shared_ptr<const OpenConfigModels> models,
+                std::chrono::nanoseconds max_lag);
+    ~GnmiService() override;
+
+    // The subscriptions' thread, started before the server and stopped
+    // (every stream ended) before it shuts down.
+    void start_subscriptions();
+    void stop_subscriptions();
 
     grpc::Status Capabilities(grpc::ServerContext *context, const gnmi::CapabilityRequest *request,
                               gnmi::CapabilityResponse *response) override;
@@ -81,23 +97,19 @@ public:
                      gnmi::GetResponse *response) override;
     grpc::Status Set(grpc::ServerContext *context, const gnmi::SetRequest *request,
                      gnmi::SetResponse *response) override;
-    grpc::Status Subscribe(
-        grpc::ServerContext *context,
-        grpc::ServerReaderWriter<gnmi::SubscribeResponse, gnmi::SubscribeRequest> *stream) override;
+    grpc::ServerBidiReactor<gnmi::SubscribeRequest, gnmi::SubscribeResponse> *
+    Subscribe(grpc::CallbackServerContext *context) override;
 
 private:
     // The user the metadata names, checked against --users, and the
     // number of the session this RPC is.
-    grpc::Status authenticate(grpc::ServerContext *context, const char *rpc, Caller &caller);
+    grpc::Status authenticate(grpc::ServerContextBase *context, const char *rpc, Caller &caller);
 
     grpc::Status capabilities(gnmi::CapabilityResponse &response);
     grpc::Status get(const Caller &caller, const gnmi::GetRequest &request,
                      gnmi::GetResponse &response);
     grpc::Status set(const Caller &caller, const gnmi::SetRequest &request,
                      gnmi::SetResponse &response);
-    grpc::Status
-    subscribe(const Caller &caller,
-              grpc::ServerReaderWriter<gnmi::SubscribeResponse, gnmi::SubscribeRequest> &stream);
     // The OpenConfig data a read of `type` gives the caller, through the
     // agent as NETCONF's <get> (ALL, STATE, OPERATIONAL: the last two with
     // the configuration taken out) or <get-config> (CONFIG) reads it.
@@ -109,8 +121,7 @@ private:
     // gNMI's sessions are numbered apart from NETCONF's (libnetconf2 counts
     // from 1): from 2^31 on, one an RPC.
     std::atomic<uint32_t> next_session_{uint32_t{1} << 31};
-    // Subscribe streams open: each holds a thread while it waits for polls.
-    std::atomic<unsigned> streams_{0};
+    std::unique_ptr<Subscriptions> subscriptions_;
 };
 
 } // namespace octunnel::gnmi_front

@@ -1,8 +1,9 @@
-// Subscribe, ONCE and POLL: the data at the subscription's paths, read
-// through the agent as a Get of ALL reads it, then sync_response; once for
-// ONCE, which then ends, and again at each poll for POLL.  STREAM is not
-// offered.
+// Subscribe: the stream's reactor (gRPC's callback API, so that a stream
+// holds no thread while it waits) and the check of its subscription list;
+// the rounds of updates are the subscriptions' thread's
+// (gnmi/subscriptions.cpp).
 #include "gnmi/service.h"
+#include "gnmi/subscriptions.h"
 
 #include <libyang/libyang.h>
 
@@ -13,108 +14,189 @@ using grpc::StatusCode;
 
 namespace {
 
-// Subscribe streams open at once: a POLL stream holds one of the front's
-// threads while it waits, so that past this many one more is turned away
-// and Get and Set always find a thread.
-constexpr unsigned max_streams = 4;
+// A stream refused before it began (its credentials): its status alone.
+class Refusal final : public SubscribeReactor {
+public:
+    explicit Refusal(const Status &status) { Finish(status); }
+    void OnDone() override { delete this; }
+};
 
-} // namespace
-
-grpc::Status GnmiService::Subscribe(
-    grpc::ServerContext *context,
-    grpc::ServerReaderWriter<gnmi::SubscribeResponse, gnmi::SubscribeRequest> *stream)
+std::chrono::nanoseconds interval_of(uint64_t ns)
 {
-    Caller caller;
-    if (Status s = authenticate(context, "Subscribe", caller); !s.ok())
-        return s;
-    if (++streams_ > max_streams) {
-        --streams_;
-        return {StatusCode::RESOURCE_EXHAUSTED,
-                std::to_string(max_streams) + " Subscribe streams are open already"};
-    }
-    // The stream's place is given back before its end is logged.
-    return handled(front_, "Subscribe", caller, [&] {
-        struct Release {
-            std::atomic<unsigned> &streams;
-            ~Release() { --streams; }
-        } release{streams_};
-        const Session session(front_.agent, caller);
-        return subscribe(caller, *stream);
-    });
+    // Past this many nanoseconds, a duration would overflow the clock's.
+    constexpr uint64_t most = uint64_t{1} << 62;
+    return std::chrono::nanoseconds(static_cast<int64_t>(std::min(ns, most)));
 }
 
-grpc::Status GnmiService::subscribe(
-    const Caller &caller,
-    grpc::ServerReaderWriter<gnmi::SubscribeResponse, gnmi::SubscribeRequest> &stream)
+// The subscription list of a stream's first request, checked: a refusal
+// names what is wrong, and nothing is read before every path resolves.
+Status check(const ly_ctx *ctx, const gnmi::SubscribeRequest &first, Subscription &s)
 {
-    gnmi::SubscribeRequest first;
-    if (!stream.Read(&first))
-        return Status::OK; // the client went before it asked anything
     if (!first.has_subscribe())
         return {StatusCode::INVALID_ARGUMENT, "a Subscribe begins with its subscription list"};
     const gnmi::SubscriptionList &list = first.subscribe();
-    if (list.mode() == gnmi::SubscriptionList::STREAM)
-        return {StatusCode::UNIMPLEMENTED,
-                "STREAM subscriptions are not offered: ONCE and POLL are"};
-    if (list.mode() != gnmi::SubscriptionList::ONCE && list.mode() != gnmi::SubscriptionList::POLL)
-        return {StatusCode::INVALID_ARGUMENT, "a subscription's mode is ONCE or POLL"};
-    Json json;
-    if (Status s = encoding_of(list.encoding(), json); !s.ok())
-        return s;
+    switch (list.mode()) {
+    case gnmi::SubscriptionList::ONCE:
+    case gnmi::SubscriptionList::POLL:
+    case gnmi::SubscriptionList::STREAM:
+        break;
+    default:
+        return {StatusCode::INVALID_ARGUMENT, "a subscription's mode is STREAM, ONCE or POLL"};
+    }
+    s.mode = list.mode();
+    if (Status st = encoding_of(list.encoding(), s.json); !st.ok())
+        return st;
     if (list.subscription_size() == 0)
         return {StatusCode::INVALID_ARGUMENT, "a subscription list without a subscription"};
-    const ly_ctx *ctx = models_->context();
-    std::vector<std::vector<Step>> resolved;
-    for (const gnmi::Subscription &s : list.subscription()) {
+    if (list.subscription_size() > max_entries)
+        return {StatusCode::INVALID_ARGUMENT,
+                "a subscription list of " + std::to_string(list.subscription_size()) +
+                    " paths: at most " + std::to_string(max_entries) + " are taken"};
+    s.updates_only = list.updates_only();
+    s.target = list.prefix().target();
+    s.path = path_text(list.prefix(), list.subscription(0).path());
+    for (const gnmi::Subscription &sub : list.subscription()) {
+        const std::string text = path_text(list.prefix(), sub.path());
+        Entry e;
         try {
-            resolved.push_back(resolve(ctx, list.prefix(), s.path()));
-        } catch (const NotInModels &e) {
+            e.steps = resolve(ctx, list.prefix(), sub.path());
+        } catch (const NotInModels &error) {
             // A path well written that the models do not have is one the
             // agent does not implement.
-            return {StatusCode::UNIMPLEMENTED, e.what()};
+            return {StatusCode::UNIMPLEMENTED, error.what()};
         }
-    }
-
-    // The data of every path, then sync_response; a path with no data has
-    // no update.
-    const auto send = [&]() -> Status {
-        if (!list.updates_only()) {
-            Data tree;
-            if (Status s = read(caller, gnmi::GetRequest::ALL,
-                                path_text(list.prefix(), list.subscription(0).path()), tree);
-                !s.ok())
-                return s;
-            const int64_t now = now_ns();
-            for (const std::vector<Step> &steps : resolved) {
-                const std::vector<lyd_node *> nodes = select(tree.get(), steps);
-                if (nodes.empty())
-                    continue;
-                gnmi::SubscribeResponse r;
-                gnmi::Notification *n = r.mutable_update();
-                n->set_timestamp(now);
-                if (!list.prefix().target().empty())
-                    n->mutable_prefix()->set_target(list.prefix().target());
-                add_updates(nodes, json, *n);
-                if (!stream.Write(r))
-                    return {StatusCode::CANCELLED, "the client went"};
+        if (s.mode == gnmi::SubscriptionList::STREAM) {
+            switch (sub.mode()) {
+            case gnmi::TARGET_DEFINED:
+            case gnmi::ON_CHANGE:
+                break;
+            case gnmi::SAMPLE:
+                e.sample = true;
+                e.interval = sub.sample_interval() == 0 ? std::chrono::nanoseconds(default_sample)
+                                                        : interval_of(sub.sample_interval());
+                e.suppress_redundant = sub.suppress_redundant();
+                break;
+            default:
+                return {StatusCode::INVALID_ARGUMENT,
+                        text + ": a subscription's mode is TARGET_DEFINED, ON_CHANGE or SAMPLE"};
             }
+            if (e.sample && e.interval < min_interval)
+                return {StatusCode::INVALID_ARGUMENT, text + ": sample_interval " +
+                                                          std::to_string(sub.sample_interval()) +
+                                                          " ns is below the least taken, 1 s"};
+            e.heartbeat = interval_of(sub.heartbeat_interval());
+            if (e.heartbeat.count() != 0 && e.heartbeat < min_interval)
+                return {StatusCode::INVALID_ARGUMENT, text + ": heartbeat_interval " +
+                                                          std::to_string(sub.heartbeat_interval()) +
+                                                          " ns is below the least taken, 1 s"};
         }
-        gnmi::SubscribeResponse sync;
-        sync.set_sync_response(true);
-        if (!stream.Write(sync))
-            return {StatusCode::CANCELLED, "the client went"};
-        return Status::OK;
-    };
-    if (Status s = send(); !s.ok() || list.mode() == gnmi::SubscriptionList::ONCE)
-        return s;
-    for (gnmi::SubscribeRequest next; stream.Read(&next);) {
-        if (!next.has_poll())
-            return {StatusCode::INVALID_ARGUMENT,
-                    "a POLL subscription takes polls once its subscription list is given"};
-        if (Status s = send(); !s.ok())
-            return s;
+        s.entries.push_back(std::move(e));
     }
     return Status::OK;
+}
+
+class SubscribeStream final : public SubscribeReactor {
+public:
+    SubscribeStream(const serve::Front &front, const OpenConfigModels &models,
+                    Subscriptions &subscriptions, grpc::CallbackServerContext *context,
+                    const Caller &caller)
+        : front_(front), models_(models), subscriptions_(subscriptions),
+          sub_(std::make_shared<Subscription>()), session_(front.agent, caller)
+    {
+        sub_->caller = caller;
+        sub_->attach(this, context);
+        StartRead(&request_);
+    }
+
+    void OnReadDone(bool ok) override
+    {
+        if (!ok) {
+            // The client has no more to say: a stream it never began ends;
+            // one begun goes on until it is cancelled.
+            if (!begun_)
+                sub_->finish(Status::OK);
+            return;
+        }
+        Status status;
+        try {
+            status = begun_ ? next() : begin();
+        } catch (const Refused &r) {
+            status = Status(r.code(), one_line(r.what()));
+        } catch (const std::bad_alloc &) {
+            status = Status(StatusCode::RESOURCE_EXHAUSTED, "out of memory");
+        } catch (const std::exception &e) {
+            front_.log(std::string("gNMI Subscribe: ") + one_line(e.what()));
+            status = Status(StatusCode::INTERNAL, one_line(e.what()));
+        }
+        if (!status.ok()) {
+            sub_->finish(status);
+            subscriptions_.wake();
+            return;
+        }
+        StartRead(&request_);
+    }
+
+    void OnWriteDone(bool ok) override
+    {
+        if (sub_->write_done(ok))
+            subscriptions_.wake();
+    }
+
+    void OnCancel() override
+    {
+        sub_->cancelled();
+        subscriptions_.wake();
+    }
+
+    void OnDone() override
+    {
+        sub_->detach();
+        subscriptions_.wake();
+        log_outcome(front_, "Subscribe", sub_->caller, sub_->status());
+        delete this;
+    }
+
+private:
+    Status begin()
+    {
+        begun_ = true;
+        if (Status s = check(models_.context(), request_, *sub_); !s.ok())
+            return s;
+        if (std::optional<Status> refused = subscriptions_.add(sub_))
+            return *refused;
+        return Status::OK;
+    }
+
+    // After the list, a POLL stream takes polls; nothing else is taken.
+    Status next()
+    {
+        if (sub_->mode == gnmi::SubscriptionList::POLL && request_.has_poll()) {
+            subscriptions_.poll(sub_);
+            return Status::OK;
+        }
+        return {StatusCode::INVALID_ARGUMENT,
+                sub_->mode == gnmi::SubscriptionList::POLL
+                    ? "a POLL subscription takes polls once its subscription list is given"
+                    : "a subscription takes no request after its subscription list"};
+    }
+
+    const serve::Front &front_;
+    const OpenConfigModels &models_;
+    Subscriptions &subscriptions_;
+    std::shared_ptr<Subscription> sub_;
+    const Session session_; // the stream is one session of the agent for its life
+    gnmi::SubscribeRequest request_;
+    bool begun_ = false;
+};
+
+} // namespace
+
+SubscribeReactor *GnmiService::Subscribe(grpc::CallbackServerContext *context)
+{
+    Caller caller;
+    if (Status s = authenticate(context, "Subscribe", caller); !s.ok())
+        return new Refusal(s);
+    return new SubscribeStream(front_, *models_, *subscriptions_, context, caller);
 }
 
 } // namespace octunnel::gnmi_front

@@ -169,8 +169,7 @@ int main(int argc, char **argv)
     server
         ->add_option(
             "--gnmi", so.gnmi.listen,
-            "gNMI 0.10.0 (Capabilities, Get, Set, Subscribe ONCE and POLL) on this address "
-            "and port, by number "
+            "gNMI 0.10.0 (Capabilities, Get, Set, Subscribe) on this address and port, by number "
             "([ADDR]:PORT for IPv6), over TLS unless --gnmi-insecure; each RPC carries "
             "the metadata username and password of a --users user")
         ->type_name("ADDR:PORT");
@@ -185,6 +184,15 @@ int main(int argc, char **argv)
     server->add_flag("--gnmi-insecure", so.gnmi.insecure,
                      "gNMI in plain text, without TLS: passwords cross the network readable; for "
                      "the loopback and tests");
+    server
+        ->add_option_function<unsigned>(
+            "--gnmi-max-lag",
+            [&so](unsigned seconds) { so.gnmi.max_lag = std::chrono::seconds(seconds); },
+            "How long a Subscribe stream's updates may wait for its client to take the "
+            "ones before, in seconds (default 30); past it the subscriber is cut off "
+            "with RESOURCE_EXHAUSTED")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 86400));
 #endif
     server->add_flag("--verbose", so.verbose,
                      "Log sessions, each operational document as it is read, and what "

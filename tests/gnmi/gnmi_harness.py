@@ -103,12 +103,13 @@ class Agent(harness.Agent):
         self.args = self.extra + ["--gnmi", f"127.0.0.1:{self.gnmi_port}"]
         super().start()
 
-    def channel(self, cert=None):
+    def channel(self, cert=None, options=None):
         """A channel to the gNMI front: TLS trusting the test's CA, showing
-        the client certificate `cert` ("client", "stranger") when given."""
+        the client certificate `cert` ("client", "stranger") when given,
+        with gRPC's channel `options`."""
         target = f"127.0.0.1:{self.gnmi_port}"
         if self.insecure:
-            return grpc.insecure_channel(target)
+            return grpc.insecure_channel(target, options)
         with open(certs()["ca"], "rb") as f:
             root = f.read()
         key = chain = None
@@ -117,10 +118,11 @@ class Agent(harness.Agent):
                 key = f.read()
             with open(certs()[cert][1], "rb") as f:
                 chain = f.read()
-        return grpc.secure_channel(target, grpc.ssl_channel_credentials(root, key, chain))
+        return grpc.secure_channel(target, grpc.ssl_channel_credentials(root, key, chain),
+                                   options)
 
-    def gnmi(self, user=harness.USER, password=harness.PASSWORD, cert=None):
-        return Client(self.channel(cert), user, password)
+    def gnmi(self, user=harness.USER, password=harness.PASSWORD, cert=None, options=None):
+        return Client(self.channel(cert, options), user, password)
 
 
 class Client:
