@@ -2,6 +2,7 @@
 // the subtrees it selects, read through the agent as NETCONF's <get> or
 // <get-config> reads them.
 #include "gnmi/service.h"
+#include "gnmi/telemetry.h"
 
 #include <libyang/libyang.h>
 
@@ -31,13 +32,21 @@ grpc::Status encoding_of(gnmi::Encoding encoding, Json &json)
 
 void add_updates(const std::vector<lyd_node *> &nodes, Json json, gnmi::Notification &n)
 {
-    for (const lyd_node *node : nodes) {
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        const lyd_node *node = nodes[i];
+        const bool list_value = node->schema != nullptr && node->schema->nodetype == LYS_LEAFLIST;
+        // A leaf-list is one update, of all its values: a path to it
+        // selects each of them, next to one another.
+        if (list_value && i > 0 && nodes[i - 1]->schema == node->schema &&
+            lyd_parent(nodes[i - 1]) == lyd_parent(node))
+            continue;
         gnmi::Update *u = n.add_update();
         *u->mutable_path() = path_of(node);
+        const std::string value = list_value ? leaf_json(node) : json_value(node, json);
         if (json == Json::ietf)
-            u->mutable_val()->set_json_ietf_val(json_value(node, json));
+            u->mutable_val()->set_json_ietf_val(value);
         else
-            u->mutable_val()->set_json_val(json_value(node, json));
+            u->mutable_val()->set_json_val(value);
     }
 }
 
