@@ -51,11 +51,12 @@ void add_updates(const std::vector<lyd_node *> &nodes, Json json, gnmi::Notifica
 }
 
 grpc::Status GnmiService::read(const Caller &caller, gnmi::GetRequest::DataType type,
-                               const std::string &path, Data &tree)
+                               const std::string &path,
+                               const std::vector<const std::vector<Step> *> &paths, Data &tree)
 {
     const ly_ctx *ctx = models_->context();
-    const serve::Outcome read =
-        front_.agent.read(caller.session, type == gnmi::GetRequest::CONFIG, served_filter(ctx));
+    const serve::Outcome read = front_.agent.read(caller.session, type == gnmi::GetRequest::CONFIG,
+                                                  read_filter(ctx, paths));
     if (!read.ok())
         return status_of(read.errors.front(), path);
     lyd_node *parsed = nullptr;
@@ -98,8 +99,12 @@ grpc::Status GnmiService::get(const Caller &caller, const gnmi::GetRequest &requ
     for (const gnmi::Path *p : paths)
         resolved.push_back(resolve(ctx, request.prefix(), *p));
 
+    std::vector<const std::vector<Step> *> selecting;
+    for (const std::vector<Step> &steps : resolved)
+        selecting.push_back(&steps);
     Data tree;
-    if (Status s = read(caller, request.type(), path_text(request.prefix(), *paths.front()), tree);
+    if (Status s = read(caller, request.type(), path_text(request.prefix(), *paths.front()),
+                        selecting, tree);
         !s.ok())
         return s;
     const int64_t now = now_ns();

@@ -1,5 +1,6 @@
 #include "gnmi/path.h"
 
+#include "agent/tree.h"
 #include "translate/document.h"
 
 #include <algorithm>
@@ -413,6 +414,30 @@ std::vector<Step> resolve(const ly_ctx *ctx, const gnmi::Path &prefix, const gnm
             steps.push_back(std::move(step));
         }
     return steps;
+}
+
+std::string read_filter(const ly_ctx *ctx, const std::vector<const std::vector<Step> *> &paths)
+{
+    std::string entries;
+    for (const std::vector<Step> *steps : paths) {
+        if (steps->size() < 2)
+            return served_filter(ctx);
+        const Step &top = (*steps)[0], &list = (*steps)[1];
+        if (top.kind != Step::Kind::name || list.kind != Step::Kind::name ||
+            top.schema.size() != 1 || list.schema.size() != 1 ||
+            std::string_view(top.schema[0]->module->name) != "openconfig-interfaces" ||
+            std::string_view(top.schema[0]->name) != "interfaces" ||
+            list.schema[0]->nodetype != LYS_LIST || list.keys.size() != 1 ||
+            list.keys[0].second == "*")
+            return served_filter(ctx);
+        entries += "<interface><name>";
+        serve::escape_xml(entries, list.keys[0].second);
+        entries += "</name></interface>";
+    }
+    if (entries.empty())
+        return served_filter(ctx);
+    return "<interfaces xmlns=\"http://openconfig.net/yang/interfaces\">" + entries +
+           "</interfaces>";
 }
 
 std::string served_filter(const ly_ctx *ctx)

@@ -71,6 +71,11 @@ std::vector<Step> resolve(const ly_ctx *ctx, const gnmi::Path &prefix, const gnm
 // OpenConfig models and nothing of the agent's own state.
 std::string served_filter(const ly_ctx *ctx);
 
+// The subtree filter of a read whose answer the paths select from: the
+// interfaces they name by key when each names one, so that a read of one
+// interface costs the same among 10 as among 100,000; else served_filter().
+std::string read_filter(const ly_ctx *ctx, const std::vector<const std::vector<Step> *> &paths);
+
 // Takes out of `tree` the configuration (what is config true, but for list
 // keys), keeping the state data; returns the tree left, or null.
 lyd_node *keep_state(lyd_node *tree);

@@ -347,9 +347,9 @@ GnmiService::GnmiService(const serve::Front &front, std::shared_ptr<const OpenCo
 {
     subscriptions_ = std::make_unique<Subscriptions>(
         front_,
-        [this](const Caller &caller, const std::string &path, Data &tree) {
-            return read(caller, gnmi::GetRequest::ALL, path, tree);
-        },
+        [this](const Caller &caller, const std::string &path,
+               const std::vector<const std::vector<Step> *> &paths,
+               Data &tree) { return read(caller, gnmi::GetRequest::ALL, path, paths, tree); },
         max_lag);
 }
 

@@ -113,8 +113,10 @@ private:
     // The OpenConfig data a read of `type` gives the caller, through the
     // agent as NETCONF's <get> (ALL, STATE, OPERATIONAL: the last two with
     // the configuration taken out) or <get-config> (CONFIG) reads it.
+    // Of the interfaces `paths` name, when each names one.
     grpc::Status read(const Caller &caller, gnmi::GetRequest::DataType type,
-                      const std::string &path, Data &tree);
+                      const std::string &path, const std::vector<const std::vector<Step> *> &paths,
+                      Data &tree);
 
     serve::Front front_;
     std::shared_ptr<const OpenConfigModels> models_;

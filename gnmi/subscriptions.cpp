@@ -367,8 +367,13 @@ std::optional<Clock::time_point> Subscriptions::serve(Subscription &s, Clock::ti
     std::vector<gnmi::SubscribeResponse> out;
     Status status;
     try {
+        // All of the entries' paths, not only those due, so that each
+        // entry's last tree holds what its next round compares with.
+        std::vector<const std::vector<Step> *> paths;
+        for (const Entry &e : s.entries)
+            paths.push_back(&e.steps);
         Data data;
-        status = read_(s.caller, s.path, data);
+        status = read_(s.caller, s.path, paths, data);
         if (status.ok()) {
             const std::shared_ptr<lyd_node> tree = shared_tree(std::move(data));
             Batch batch(now_ns(), s.target, s.json);

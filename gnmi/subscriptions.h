@@ -111,8 +111,11 @@ private:
 
 class Subscriptions {
 public:
-    // `read` is the data of a read of ALL for the caller, as a Get has it.
-    using Read = std::function<grpc::Status(const Caller &, const std::string &path, Data &)>;
+    // `read` is the data of a read of ALL for the caller, as a Get of the
+    // paths has it.
+    using Read =
+        std::function<grpc::Status(const Caller &, const std::string &path,
+                                   const std::vector<const std::vector<Step> *> &, Data &)>;
     Subscriptions(const serve::Front &front, Read read, Clock::duration max_lag);
     ~Subscriptions();
     Subscriptions(const Subscriptions &) = delete;

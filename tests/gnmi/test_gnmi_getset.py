@@ -89,6 +89,14 @@ def test_get_paths_keys_wildcards_prefix_origin_and_types():
                   "openconfig:/interfaces/interface/openconfig-if-tunnel:tunnel/config/ttl"):
             assert sorted(updates(c.get(p))) == both, p
         assert updates(c.get("/tunnel/config/ttl", prefix=T12)) == both[:1]
+        # Paths that name their interfaces read those alone, whatever the
+        # key holds; any other reads everything.
+        assert sorted(updates(c.get(*[p for p, _ in both]))) == both
+        assert sorted(updates(c.get(both[0][0], "/interfaces/interface/tunnel/config/ttl"))) == \
+            sorted([both[0]] + both)
+        for odd in ("a<name>tunnel-ip12", "x&y"):
+            refused(lambda: c.get(f"/interfaces/interface[name={odd}]/tunnel/config/ttl"),
+                    grpc.StatusCode.NOT_FOUND)
         # One notification a path, in the request's order.
         r = c.get(T12 + "/tunnel/config/gre-key", T12 + "/tunnel/config/ttl")
         assert [updates(pb.GetResponse(notification=[n])) for n in r.notification] == [
