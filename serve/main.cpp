@@ -208,7 +208,9 @@ int main(int argc, char **argv)
 #ifdef OCTUNNEL_GNMI
         "With --gnmi, a gNMI server (Capabilities, Get, Set, Subscribe) edits and reads the same\n"
         "running configuration: an edit made over either protocol is seen at once over\n"
-        "both. A Set's deletes, replaces and updates apply as one edit, all or none.\n"
+        "both. A Set's deletes, replaces and updates apply as one edit, all or none. A\n"
+        "Subscribe STREAM tells, leaf by leaf, what each commit of either protocol and each\n"
+        "--oper-dir document changed (ON_CHANGE), or every value at each interval (SAMPLE).\n"
 #endif
 
         "Every message a client sends is checked before libnetconf2 reads it: one that is not\n"
