@@ -218,6 +218,13 @@ std::optional<Status> Subscriptions::add(const std::shared_ptr<Subscription> &s)
         if (subs_.size() >= max_subscriptions)
             return Status(StatusCode::RESOURCE_EXHAUSTED,
                           std::to_string(max_subscriptions) + " subscriptions are open already");
+        const auto mine = std::count_if(subs_.begin(), subs_.end(), [&s](const auto &t) {
+            return t->caller.user == s->caller.user;
+        });
+        if (static_cast<std::size_t>(mine) >= max_subscriptions_per_user)
+            return Status(StatusCode::RESOURCE_EXHAUSTED,
+                          quoted(one_line(s->caller.user)) + " has " + std::to_string(mine) +
+                              " subscriptions open, as many as one user may");
         s->seen_ = changes_;
         s->on_change_ = s->mode == gnmi::SubscriptionList::STREAM &&
                         std::any_of(s->entries.begin(), s->entries.end(),
@@ -260,7 +267,15 @@ void Subscriptions::run()
             bool over = false;
             // The thread's own bookkeeping is under the lock; the read and
             // the work on the trees are not, so that listeners never wait.
-            const std::optional<Clock::time_point> at = serve(*s, Clock::now(), over);
+            std::optional<Clock::time_point> at;
+            try {
+                at = serve(*s, Clock::now(), over);
+            } catch (const std::exception &e) {
+                // Memory, most likely, as the updates were queued: this
+                // stream ends, the others go on.
+                s->finish(Status(StatusCode::RESOURCE_EXHAUSTED, one_line(e.what())), true);
+                over = true;
+            }
             if (over)
                 gone.push_back(s.get());
             else if (at)

@@ -34,6 +34,9 @@ inline constexpr std::chrono::seconds default_sample{10};
 inline constexpr std::chrono::seconds min_interval{1};
 // Subscriptions open at once, of every client; past them RESOURCE_EXHAUSTED.
 inline constexpr std::size_t max_subscriptions = 64;
+// Of one user: each keeps the data it told, so that one user cannot take
+// the agent's memory with them.
+inline constexpr std::size_t max_subscriptions_per_user = 16;
 // Paths of one subscription list.
 inline constexpr int max_entries = 64;
 

@@ -312,9 +312,10 @@ def test_a_subscriber_that_never_reads_is_cut_off_while_edits_go_on():
 
 
 def test_streams_hold_no_thread_and_their_number_is_bounded():
-    with Agent() as agent:
-        # Each channel carries 16 streams at most: 64 take four.
-        clients = [agent.gnmi() for _ in range(5)]
+    users = {f"user{i}": "pass" for i in range(5)}
+    with Agent(users=users) as agent:
+        # 16 streams a user, 64 in all; each channel carries 16 at most.
+        clients = [agent.gnmi(f"user{i}", "pass") for i in range(5)]
         held = [Stream(clients[i // 16], stream("/interfaces", mode=pb.ON_CHANGE))
                 for i in range(64)]
         for s in held:
@@ -328,8 +329,19 @@ def test_streams_hold_no_thread_and_their_number_is_bounded():
         assert c.get_json(T12 + "/tunnel/config/ttl") == 7
         for s in held:
             assert s.notification()[0][f"{G12}/tunnel/config/ttl"] == 7
-        # A place is free once a stream is gone.
+        # A place is free once a stream is gone; but not for a user who
+        # holds 16.
         held.pop().close()
+        user0 = agent.gnmi("user0", "pass")
+        for _ in range(100):
+            again = Stream(user0, stream("/interfaces"))
+            r = again.next()
+            again.close()
+            assert not isinstance(r, pb.SubscribeResponse)
+            if "as many as one user may" in r.details():
+                break
+        else:
+            raise AssertionError("a user held a 17th stream, or no place came free")
         for _ in range(100):
             again = Stream(c, stream("/interfaces"))
             r = again.next()
@@ -340,5 +352,5 @@ def test_streams_hold_no_thread_and_their_number_is_bounded():
             raise AssertionError("no place came free")
         for s in held:
             s.close()
-        for x in clients:
+        for x in clients + [user0]:
             x.close()
