@@ -14,9 +14,13 @@ they cannot drift from the code.
   shown without output is not compared).  The agent's port, 8830 in the
   README, is taken from the ephemeral ones here, so that a run never meets
   another agent.  The session must leave nothing in the checkout.
+- "### A worked gNMI session" runs the same way after it, its gNMI port,
+  9339 in the README, taken from the ephemeral ones too; the listing of
+  examples/gnmi_session.py's output must also be, line for line, the text
+  that ctest's gnmi.session holds the example to (tests/gnmi/gnmi_session.out).
 - The tool's examples ("### EXAMPLES" of the manual page, "## octunnel
-  to-native", "## octunnel to-oc") run the same way, after the session,
-  with the tool it built.  A command may take its input from a here-document
+  to-native", "## octunnel to-oc") run the same way, after the sessions,
+  with the tool the first built.  A command may take its input from a here-document
   (`<<'EOF'` to a line `EOF`).
 
 Exit status 0 when all holds; 1 with the README's line of each command that
@@ -37,6 +41,11 @@ TOOL_EXAMPLES = ("### EXAMPLES", "## octunnel to-native", "## octunnel to-oc")
 # The quick start's commands and where each is run.
 COVERED = {"scripts/demo.sh": "ctest scripts.demo", "scripts/test.sh": ".ci/run"}
 README_PORT = "127.0.0.1:8830"
+GNMI_SESSION = "### A worked gNMI session"
+GNMI_PORT = "127.0.0.1:9339"
+# What the gNMI session's example prints, as its test holds it.
+GNMI_EXAMPLE = "examples/gnmi_session.py"
+GNMI_EXPECTED = os.path.join("tests", "gnmi", "gnmi_session.out")
 
 
 class Command:
@@ -146,15 +155,24 @@ def main():
     session = commands(section(lines, SESSION))
     if not session:
         failures.append("the session shows no command")
+    gnmi = commands(section(lines, GNMI_SESSION))
+    shown = [c for c in gnmi if GNMI_EXAMPLE in c.text]
+    with open(os.path.join(root, GNMI_EXPECTED), encoding="utf-8") as f:
+        expected = f.read().splitlines()
+    if len(shown) != 1 or shown[0].expected != expected:
+        failures.append(f"the gNMI session must run {GNMI_EXAMPLE} once and show what it prints "
+                        f"as {GNMI_EXPECTED} has it")
+    session += gnmi
     examples = [c for title in TOOL_EXAMPLES for c in commands(section(lines, title))]
     if not examples:
         failures.append("the tool's sections show no command")
-    port = f"127.0.0.1:{free_port()}"
+    ports = {README_PORT: f"127.0.0.1:{free_port()}", GNMI_PORT: f"127.0.0.1:{free_port()}"}
     mark = "@@readme-" + secrets.token_hex(8)
     script = ["cd " + root]
     for i, c in enumerate(session + examples):
-        c.text = c.text.replace(README_PORT, port)
-        c.expected = [l.replace(README_PORT, port) for l in c.expected]
+        for shown_port, port in ports.items():
+            c.text = c.text.replace(shown_port, port)
+            c.expected = [l.replace(shown_port, port) for l in c.expected]
         script += [f"printf '\\n{mark} {i}\\n'", c.text, f"printf '\\n{mark}-rc {i} %d\\n' $?"]
     # Whatever the session left running is stopped, so that the run ends.
     script.append("kill $(jobs -p) 2>/dev/null; wait")
@@ -195,7 +213,7 @@ def main():
     if failures:
         return 1
     print(f"README: the quick start's {len(quick)} commands are the tests' own; "
-          f"the session's {len(session)} commands and the tool's {len(examples)} ran as shown")
+          f"the sessions' {len(session)} commands and the tool's {len(examples)} ran as shown")
     return 0
 
 
