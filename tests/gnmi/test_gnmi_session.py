@@ -55,8 +55,8 @@ class Agent(harness.Agent):
 
 
 def example(*args, password=harness.PASSWORD):
-    return subprocess.run([EXAMPLE, *args], capture_output=True, text=True, stdin=subprocess.DEVNULL,
-                          env=dict(os.environ, OCTUNNEL_PASSWORD=password))
+    return subprocess.run([EXAMPLE, *args], capture_output=True, text=True,
+                          stdin=subprocess.DEVNULL, env=dict(os.environ, OCTUNNEL_PASSWORD=password))
 
 
 def test_the_session_prints_what_the_readme_shows():
