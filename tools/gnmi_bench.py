@@ -5,7 +5,8 @@ Python's grpcio (Debian's python3-grpcio and python3-grpc-tools, for
 
 - leaf: a Set (update) of one tunnel's ttl, a new value each time, and a
   Get of that leaf, each REQUESTS times (default 1,000) on a configuration
-  of one tunnel; median and 99th percentile;
+  of one tunnel; median and 99th percentile; and Capabilities as many
+  times, which reads nothing of the configuration: the round trip's floor;
 - set: a Set replacing /interfaces with N interfaces (default 10,000,
   tools/gendoc.py's edit in JSON_IETF) in an empty configuration, then a
   Get (CONFIG) of them all; each timed whole, with the agent's peak memory;
@@ -155,7 +156,14 @@ def leaf_round_trips(octunnel, work, requests):
         "openconfig-if-tunnel:tunnel": {"config": {"src": "192.0.2.1", "dst": "198.51.100.7",
                                                    "ttl": 64}}}))]), metadata=METADATA)
     ttl = T12 + "/tunnel/config/ttl"
-    sets, gets = [], []
+    # Capabilities reads nothing of the agent's data: the floor of a round
+    # trip through gRPC, TLS and this client.
+    floor, sets, gets = [], [], []
+    for i in range(requests + 20):
+        start = time.perf_counter()
+        agent.stub.Capabilities(pb.CapabilityRequest(), metadata=METADATA)
+        if i >= 20:
+            floor.append(time.perf_counter() - start)
     for i in range(requests + 20):  # the first 20 warm up
         request = pb.SetRequest(update=[pb.Update(path=path(ttl), val=json_value(1 + i % 250))])
         start = time.perf_counter()
@@ -173,6 +181,7 @@ def leaf_round_trips(octunnel, work, requests):
     print()
     print("| request | count | median ms | p99 ms |")
     print("| --- | ---: | ---: | ---: |")
+    print("| Capabilities | %d | %.2f | %.2f |" % ((requests,) + percentiles(floor)))
     print("| Set, one leaf (ttl) | %d | %.2f | %.2f |" % ((requests,) + percentiles(sets)))
     print("| Get, one leaf (ttl) | %d | %.2f | %.2f |" % ((requests,) + percentiles(gets)))
 
