@@ -117,18 +117,24 @@ def text(p):
 
 
 def value(v):
-    return json.loads(v.json_ietf_val or v.json_val)
+    """A TypedValue as Python: JSON parsed, a scalar as it is."""
+    kind = v.WhichOneof("value")
+    if kind in ("json_ietf_val", "json_val"):
+        return json.loads(getattr(v, kind))
+    if kind == "leaflist_val":
+        return [value(e) for e in v.leaflist_val.element]
+    return getattr(v, kind) if kind else None
 
 
-class Refused(Exception):
-    pass
+class Failed(Exception):
+    """Why the session cannot go on: the request and what the agent said."""
 
 
 def call(what, rpc, *args, **kw):
     try:
         return rpc(*args, **kw)
     except grpc.RpcError as e:
-        raise Refused(f"{what}: {e.code().name}: {e.details()}") from None
+        raise Failed(f"{what}: {e.code().name}: {e.details()}") from None
 
 
 def write_state(oper_dir):
@@ -171,13 +177,13 @@ def subscribe(stub, metadata, target):
         try:
             r = arrived.get(timeout=CHANGE_WAIT)
         except queue.Empty:
-            raise Refused(f"Subscribe: nothing came in {CHANGE_WAIT} s") from None
+            raise Failed(f"Subscribe: nothing came in {CHANGE_WAIT} s") from None
         if isinstance(r, grpc.RpcError):
             if r.code() == grpc.StatusCode.CANCELLED and done.is_set():
                 return None
-            raise Refused(f"Subscribe: {r.code().name}: {r.details()}")
+            raise Failed(f"Subscribe: {r.code().name}: {r.details()}")
         if r is None:
-            raise Refused("Subscribe: the agent ended the stream")
+            raise Failed("Subscribe: the agent ended the stream")
         return r
 
     def stop():
@@ -212,7 +218,7 @@ def session(args, password):
         # before it listens: give it ten seconds.
         grpc.channel_ready_future(channel).result(timeout=10)
     except grpc.FutureTimeoutError:
-        raise Refused(f"cannot connect to {args.target} over TLS with {args.cert} "
+        raise Failed(f"cannot connect to {args.target} over TLS with {args.cert} "
                       "in 10 s") from None
     stub = pb_grpc.gNMIStub(channel)
     metadata = [("username", args.user), ("password", password)]
@@ -254,8 +260,8 @@ def session(args, password):
         while leaves != STATE_LEAVES:
             try:
                 r = next_response()
-            except Refused as e:
-                raise Refused(f"{e} (is {args.oper_dir} the agent's --oper-dir?)") from None
+            except Failed as e:
+                raise Failed(f"{e} (is {args.oper_dir} the agent's --oper-dir?)") from None
             show(r.update, leaves, state)
     finally:
         stop()
@@ -283,7 +289,7 @@ def main():
     out = stubs(args.protos)
     try:
         session(args, password)
-    except Refused as e:
+    except Failed as e:
         sys.exit(f"gnmi_session.py: {e}")
     finally:
         shutil.rmtree(out, ignore_errors=True)
