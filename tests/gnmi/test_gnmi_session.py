@@ -71,12 +71,12 @@ def test_the_session_prints_what_the_readme_shows():
         assert done.stdout == harness.read(EXPECTED), done.stdout
         committed = harness.tool_leaves(harness.committed(agent))
         assert {l for l in committed if l.startswith("/interfaces/interface[tunnel-ip12]")} == {
-            f"{T12}/config/src=192.0.2.1", f"{T12}/config/dst=198.51.100.7",
-            f"{T12}/config/ttl=32"}, committed
+            "/interfaces/interface[tunnel-ip12]/name=tunnel-ip12", f"{T12}/config/src=192.0.2.1",
+            f"{T12}/config/dst=198.51.100.7", f"{T12}/config/ttl=32"}, committed
         assert "/interfaces/interface[tunnel-ip13]/tunnel/config/ttl=128" in committed
         # The document went in whole under its own name, nothing left beside.
         assert os.listdir(agent.oper) == ["tunnel-state.xml"]
-        state = harness.leaves(m.get(filter=("xpath", "/interfaces")).data_xml)
+        state = harness.leaves(m.get().data_xml)
         assert f"{T12}/state/ttl=32" in state and f"{T12}/state/gre-key=1001" not in state
         assert "/interfaces/interface[tunnel-ip7]/tunnel/state/ttl=255" in state
         m.close_session()
