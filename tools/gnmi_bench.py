@@ -18,7 +18,9 @@ Python's grpcio (Debian's python3-grpcio and python3-grpc-tools, for
   into --oper-dir with one interface's ttl changed, CHANGES times (default
   20): the time from the rename to the update of that ttl arriving, median
   and worst, and of it the time the agent logs it took to read the document;
-  with the two tunnels of examples/tunnel-state.xml, and with N interfaces.
+  with the two tunnels of examples/tunnel-state.xml, and with N interfaces,
+  subscribed to them all and to the tunnel state of the one that changes
+  (also with the document's tunnel-ip-ma and ipv4-network alone).
 
     gnmi_bench.py OCTUNNEL [--requests 1000] [--interfaces 10000]
                   [--changes 20] [--parts leaf,set,once,change]
@@ -49,6 +51,14 @@ ROOT = os.path.dirname(TOOLS)
 USER, PASSWORD = "bench", "bench"
 METADATA = [("username", USER), ("password", PASSWORD)]
 T12 = "/interfaces/interface[name=tunnel-ip12]"
+
+
+# Every agent started, so that one a failure leaves is not left running.
+AGENTS = []
+
+
+class Failure(Exception):
+    """A measurement that could not be made: what the agent answered."""
 
 
 def generate_stubs(work):
@@ -93,8 +103,9 @@ class Agent:
         if oper:
             args += ["--oper-dir", oper]
         args += list(extra)
-        self.proc = subprocess.Popen(args, stdin=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                                     text=True)
+        self.proc = subprocess.Popen(args, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                     stderr=subprocess.PIPE, text=True)
+        AGENTS.append(self.proc)
         self.log = []
         for line in self.proc.stderr:
             self.log.append(line)
@@ -211,7 +222,7 @@ def whole_set(octunnel, work, n):
     t_get = time.perf_counter() - start
     count = len(got["openconfig-interfaces:interface"])
     if count != n:
-        sys.exit(f"the Get read back {count} interfaces, not {n}")
+        raise Failure(f"the Get read back {count} interfaces, not {n}")
     peak = agent.peak_mib()
     agent.stop()
     print()
@@ -258,7 +269,7 @@ class Stream:
     def next(self, timeout=120):
         at, r = self.arrived.get(timeout=timeout)
         if isinstance(r, grpc.RpcError):
-            sys.exit(f"Subscribe: {r.code().name}: {r.details()}")
+            raise Failure(f"Subscribe: {r.code().name}: {r.details()}")
         return at, r
 
     def until_sync(self):
@@ -267,7 +278,7 @@ class Stream:
         while True:
             at, r = self.next()
             if r is None:
-                sys.exit("the stream ended before sync_response")
+                raise Failure("the stream ended before sync_response")
             if r.HasField("sync_response"):
                 return updates, at
             updates += len(r.update.update)
@@ -300,15 +311,33 @@ def once(octunnel, work, n):
           % (updates, elapsed, updates / elapsed, peak))
 
 
-def on_change(octunnel, work, n, changes):
+def on_change(octunnel, work, n, changes, target="/interfaces", roots=None):
     """The time from a document's rename into --oper-dir to the update of
-    the ttl it changed, `changes` times; n None for examples/tunnel-state.xml
-    (tunnel-ip12's ttl), else gendoc's N interfaces (tunnel-ip0's)."""
+    the ttl it changed, `changes` times, subscribed to `target`; n None for
+    examples/tunnel-state.xml (tunnel-ip12's ttl), else gendoc's N
+    interfaces (tunnel-ip0's), of its native roots `roots` alone when
+    given.  A row: what was measured, the document's size, the delays and
+    the agent's times of reading the document; or what failed."""
     if n is None:
         with open(os.path.join(ROOT, "examples", "tunnel-state.xml"), encoding="utf-8") as f:
             base, name = f.read(), "tunnel-ip12"
+        label = "examples/tunnel-state.xml (2 tunnels)"
     else:
         base, name = gendoc("oper", n, "xml"), "tunnel-ip0"
+        label = f"{n} interfaces"
+        if roots:
+            kept = [m.group(0) for m in re.finditer(r"  <([a-z0-9-]+) .*?\n  </\1>\n", base, re.S)
+                    if m.group(1) in roots]
+            base = base.split("\n", 1)[0] + "\n" + "".join(kept) + "</data>\n"
+            label += " (" + ", ".join(roots) + " alone)"
+    label += f", subscribed to {target}"
+    try:
+        return (label, len(base.encode())) + _delays(octunnel, work, base, name, changes, target)
+    except Failure as e:
+        return label, len(base.encode()), str(e)
+
+
+def _delays(octunnel, work, base, name, changes, target):
     first = "<ttl>64</ttl>"
     assert first in base
     oper = os.path.join(work, "oper-change")
@@ -318,43 +347,51 @@ def on_change(octunnel, work, n, changes):
         f.write(base)
     # --verbose: the agent logs how long it took to read each version.
     agent = Agent(octunnel, work, oper, ["--verbose"])
-    stream = Stream(agent, subscription("/interfaces", pb.SubscriptionList.STREAM,
-                                        pb.ON_CHANGE))
-    stream.until_sync()
-    delays = []
-    for k in range(changes):
-        ttl = 100 + k
-        with open(partial, "w", encoding="utf-8") as f:
-            f.write(base.replace(first, f"<ttl>{ttl}</ttl>", 1))
-        start = time.perf_counter()
-        os.rename(partial, final)
-        while True:
-            at, r = stream.next(timeout=60)
-            if r is None:
-                sys.exit("the stream ended before the change came")
-            if any(u.path.elem[-1].name == "ttl" and
-                   any(e.key.get("name") == name for e in u.path.elem) and
-                   json.loads(u.val.json_ietf_val or u.val.json_val) == ttl
-                   for u in r.update.update):
-                delays.append(at - start)
-                break
-    stream.close()
-    agent.stop()
-    shutil.rmtree(oper)
+    stream, delays = None, []
+    try:
+        stream = Stream(agent, subscription(target, pb.SubscriptionList.STREAM, pb.ON_CHANGE))
+        stream.until_sync()
+        for k in range(changes):
+            ttl = 100 + k
+            with open(partial, "w", encoding="utf-8") as f:
+                f.write(base.replace(first, f"<ttl>{ttl}</ttl>", 1))
+            start = time.perf_counter()
+            os.rename(partial, final)
+            while True:
+                at, r = stream.next(timeout=60)
+                if r is None:
+                    raise Failure("the stream ended before the change came")
+                if any(u.path.elem[-1].name == "ttl" and
+                       any(e.key.get("name") == name for e in u.path.elem) and
+                       json.loads(u.val.json_ietf_val or u.val.json_val) == ttl
+                       for u in r.update.update):
+                    delays.append(at - start)
+                    break
+    finally:
+        if stream:
+            stream.close()
+        agent.stop()
+        shutil.rmtree(oper)
     # The rest of a delay is finding what changed and sending it.
     reads = [float(m.group(1)) for m in (re.search(r"oper\.xml: read, \d+ bytes in ([0-9.]+) s",
                                                    line) for line in agent.log) if m]
-    label = "examples/tunnel-state.xml (2 tunnels)" if n is None else f"{n} interfaces"
-    return label, len(base.encode()), delays, reads[-changes:]
+    return delays, reads[-changes:]
 
 
 def changes_table(octunnel, work, n, changes):
-    rows = [on_change(octunnel, work, None, changes), on_change(octunnel, work, n, changes)]
+    one = "/interfaces/interface[name=tunnel-ip0]/tunnel/state"
+    rows = [on_change(octunnel, work, None, changes), on_change(octunnel, work, n, changes),
+            on_change(octunnel, work, n, changes, one),
+            on_change(octunnel, work, n, changes, one, ("tunnel-ip-ma", "ipv4-network"))]
     print()
     print("| document renamed into --oper-dir, one ttl changed | bytes | changes | "
           "median ms | max ms | of which reading it, median ms |")
     print("| --- | ---: | ---: | ---: | ---: | ---: |")
-    for label, size, delays, reads in rows:
+    for row in rows:
+        if len(row) == 3:
+            print("| %s | %d | failed: %s | | | |" % row)
+            continue
+        label, size, delays, reads = row
         print("| %s | %d | %d | %.1f | %.1f | %.0f |" % (
             label, size, len(delays), statistics.median(delays) * 1e3, max(delays) * 1e3,
             statistics.median(reads) * 1e3 if reads else float("nan")))
@@ -384,7 +421,13 @@ def main():
             once(a.octunnel, work, a.interfaces)
         if "change" in parts:
             changes_table(a.octunnel, work, a.interfaces, a.changes)
+    except Failure as e:
+        sys.exit(f"gnmi_bench.py: {e}")
     finally:
+        for proc in AGENTS:
+            if proc.poll() is None:
+                proc.kill()
+                proc.wait()
         shutil.rmtree(work, ignore_errors=True)
 
 
