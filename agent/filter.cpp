@@ -82,11 +82,21 @@ std::span<const std::string_view> keys_of(const Node &d)
 }
 
 // A list entry in an answer holds its keys, whatever the filter selected
-// in it: data has no entry without them.
+// in it: data has no entry without them.  An entry of a list without keys
+// (the router's operational lists of addresses) is known by what it holds:
+// it keeps its leaves, so that whoever reads the answer can still tell
+// which entry the part selected is of.
 void mark_partly(const Node &d, Selection &s)
 {
     mark(d, s, 1);
-    for (std::string_view key : keys_of(d))
+    const std::span<const std::string_view> keys = keys_of(d);
+    if (keys.empty() && d.kind() == NodeKind::list) {
+        for (const std::unique_ptr<Node> &c : d.slots())
+            if (c != nullptr && c->child_count() == 0)
+                mark(*c, s, 2);
+        return;
+    }
+    for (std::string_view key : keys)
         if (const Node *k = d.child(key); k != nullptr)
             mark(*k, s, 2);
 }

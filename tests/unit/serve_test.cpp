@@ -132,6 +132,43 @@ TEST(SubtreeFilter, SelectsWhatRfc6241Says)
     }
 }
 
+// The router's operational list of IPv6 addresses has no keys: an entry
+// something is selected from keeps its leaves, which are all that tells it
+// from the others, and no more than that.
+TEST(SubtreeFilter, AnEntryOfAListWithoutKeysKeepsItsLeaves)
+{
+    const std::string ns = "http://valmora.com/ns/yang/Valmora-ipv6-ma-oper";
+    const auto doc = [&](const std::string &details) {
+        return "<ipv6-network xmlns=\"" + ns +
+               "\"><nodes><node><node-name>0/RP0/CPU0</node-name><interface-data><vrfs><vrf>"
+               "<vrf-name>default</vrf-name><details>" +
+               details + "</details></vrf></vrfs></interface-data></node></nodes></ipv6-network>";
+    };
+    const auto address = [](const std::string &ip) {
+        return "<address><address>" + ip +
+               "</address><prefix-length>64</prefix-length><address-state>PREFERRED"
+               "</address-state></address>";
+    };
+    const auto detail = [&](const std::string &name, const std::string &inside) {
+        return "<detail><interface-name>" + name + "</interface-name>" + inside + "</detail>";
+    };
+    const auto data =
+        tree_of(doc(detail("tunnel-ip1", "<line-state>up</line-state>" + address("2001:db8::1") +
+                                             address("2001:db8::2")) +
+                    detail("tunnel-ip2", "<line-state>up</line-state>" + address("2001:db8::3"))));
+    const std::string filter =
+        "<ipv6-network xmlns=\"" + ns +
+        "\"><nodes><node><interface-data><vrfs><vrf><details><detail><interface-name>tunnel-ip1"
+        "</interface-name><address><address-state/></address></detail></details></vrf></vrfs>"
+        "</interface-data></node></nodes></ipv6-network>";
+    const Node *holders[] = {&data->root()};
+    const Selection selection = select(tree_of(filter)->root(), holders);
+    EXPECT_EQ(
+        xml_of(data->root(), &selection),
+        xml_of(tree_of(doc(detail("tunnel-ip1", address("2001:db8::1") + address("2001:db8::2"))))
+                   ->root()));
+}
+
 // ---------------------------------------------------------------- datastore
 
 // A datastore's file in a directory of its own.
