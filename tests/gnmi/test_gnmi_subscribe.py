@@ -305,10 +305,18 @@ def test_a_subscriber_that_never_reads_is_cut_off_while_edits_go_on():
         e = stuck.end()
         assert e is not None and e.code() == grpc.StatusCode.RESOURCE_EXHAUSTED, e
         assert "fell behind" in e.details()
-        watcher.close()
         stuck.close()
         slow.close()
-        c.close()
+        # The agent stops cleanly with streams open, one of them to a client
+        # that reads nothing: they end UNAVAILABLE.
+        slow = agent.gnmi(options=[("grpc.http2.bdp_probe", 0),
+                                   ("grpc.http2.lookahead_bytes", 16384)])
+        stuck = Stream(slow, stream("/interfaces", mode=pb.ON_CHANGE), reading=False)
+        agent.stop()
+        e = watcher.end()
+        assert e.code() == grpc.StatusCode.UNAVAILABLE and "stopping" in e.details(), e
+        for x in (watcher, stuck, slow, c):
+            x.close()
 
 
 def test_streams_hold_no_thread_and_their_number_is_bounded():
