@@ -18,7 +18,8 @@ for /usr/bin/python3):
 CERT is the agent's certificate (PEM), trusted as it is; OPER_DIR the
 agent's --oper-dir.  The password is taken from OCTUNNEL_PASSWORD, else
 asked for.  The gNMI stubs are generated from the protos in
-third_party/gnmi beside this script (--protos) into a temporary directory.
+third_party/gnmi beside this script, or those the package installs in
+/usr/share/octunnel/gnmi (--protos), into a temporary directory.
 
 Exit status: 0 done; 1 the agent refused a request, could not be reached,
 or told no change of the state within 10 s; 2 a usage error.
@@ -268,6 +269,15 @@ def session(args, password):
         channel.close()
 
 
+def default_protos():
+    """The protos of the checkout this script is in, or those installed
+    with the package beside its examples."""
+    for d in (os.path.join(HERE, "..", "third_party", "gnmi"), "/usr/share/octunnel/gnmi"):
+        if os.path.isfile(os.path.join(d, "gnmi.proto")):
+            return os.path.normpath(d)
+    return os.path.normpath(os.path.join(HERE, "..", "third_party", "gnmi"))
+
+
 def main():
     parser = argparse.ArgumentParser(
         prog="gnmi_session.py", description=__doc__,
@@ -276,7 +286,7 @@ def main():
     parser.add_argument("user", metavar="USER")
     parser.add_argument("cert", metavar="CERT", help="the agent's certificate (PEM)")
     parser.add_argument("oper_dir", metavar="OPER_DIR", help="the agent's --oper-dir")
-    parser.add_argument("--protos", default=os.path.join(HERE, "..", "third_party", "gnmi"),
+    parser.add_argument("--protos", default=default_protos(),
                         help="the directory of gnmi.proto (default: %(default)s)")
     args = parser.parse_args()
     if ":" not in args.target:

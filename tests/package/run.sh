@@ -4,7 +4,8 @@
 # reinstall must not trip over the user the first made), the installed tool
 # on the bundled example, the installed agent started by its unit's own
 # command line (systemd is not running here) as its own user and read back
-# over NETCONF with ncclient; then removed, which must leave exactly what
+# over NETCONF with ncclient (and, built with gNMI, driven by the installed
+# gNMI example over TLS); then removed, which must leave exactly what
 # the operator made (the options file, the users, the running
 # configuration), and purged, which must leave nothing of the package's.
 # Where strace is at hand, the agent runs under it, and what it did must be
@@ -42,6 +43,19 @@ for dep in adduser libc6 'libstdc++6' libyang2 libxml2 'libnetconf2-*' 'libssh-*
   case "$names" in $pattern) ;; *) fail "Depends has no $dep: $depends" ;; esac
 done
 dpkg-deb -c "$deb" | awk '{print $NF}' | sed 's|^\./|/|' >"$tmp/contents"
+# A package built with the gNMI front holds its protos and example, depends
+# on gRPC's libraries, and has its agent serve gNMI below.
+gnmi=""
+if grep -qxF /usr/share/octunnel/gnmi/gnmi.proto "$tmp/contents"; then
+  gnmi=1
+  for dep in 'libgrpc++*' 'libprotobuf[0-9]*'; do
+    pattern="* $dep *"
+    # shellcheck disable=SC2254
+    case "$names" in $pattern) ;; *) fail "Depends has no $dep: $depends" ;; esac
+  done
+  grep -qxF /usr/share/doc/octunnel/examples/gnmi_session.py "$tmp/contents" ||
+    fail "the package has no /usr/share/doc/octunnel/examples/gnmi_session.py"
+fi
 for f in /usr/bin/octunnel /usr/lib/octunnel/liboctunnel.so /usr/lib/octunnel/octunnel-serve \
   /usr/share/man/man1/octunnel.1 /usr/share/octunnel/yang/openconfig-if-tunnel.yang "$unit" \
   /etc/default/octunnel /usr/share/doc/octunnel/examples/session.py \
@@ -106,6 +120,20 @@ echo "alice:$(openssl passwd -6 tunnels-at-dawn)" | tee /etc/octunnel/users >/de
 chgrp octunnel /etc/octunnel/users
 chmod 0640 /etc/octunnel/users
 sed -i "s/127\.0\.0\.1:8830/127.0.0.1:$port/" /etc/default/octunnel
+if [ -n "$gnmi" ]; then
+  # gNMI over TLS as the options file tells, with a certificate the user
+  # octunnel alone may read, and the router's state in a directory it reads.
+  gport=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 \
+    -keyout /etc/octunnel/gnmi.key -out /etc/octunnel/gnmi.crt -subj /CN=127.0.0.1 \
+    -addext subjectAltName=IP:127.0.0.1 2>/dev/null
+  chgrp octunnel /etc/octunnel/gnmi.key /etc/octunnel/gnmi.crt
+  chmod 0640 /etc/octunnel/gnmi.key /etc/octunnel/gnmi.crt
+  mkdir /var/lib/octunnel/oper
+  cp /usr/share/doc/octunnel/examples/tunnel-state.xml /var/lib/octunnel/oper/
+  sed -i "s|^OCTUNNEL_OPTIONS=\"\(.*\)\"|OCTUNNEL_OPTIONS=\"\1 --gnmi 127.0.0.1:$gport --tls-cert /etc/octunnel/gnmi.crt --tls-key /etc/octunnel/gnmi.key --oper-dir /var/lib/octunnel/oper\"|" \
+    /etc/default/octunnel
+fi
 
 # The unit's command line, with its environment file, as its user, with no
 # privilege to gain: what systemd would run.
@@ -121,6 +149,13 @@ launcher=$!
 OCTUNNEL_PASSWORD=tunnels-at-dawn /usr/bin/python3 /usr/share/doc/octunnel/examples/session.py \
   "127.0.0.1:$port" alice >session.out || fail "the session with the installed agent: $(cat agent.log)"
 grep -q '<ttl>64</ttl>' session.out || fail "the tunnel read back: $(cat session.out)"
+if [ -n "$gnmi" ]; then
+  OCTUNNEL_PASSWORD=tunnels-at-dawn /usr/bin/python3 \
+    /usr/share/doc/octunnel/examples/gnmi_session.py "127.0.0.1:$gport" alice \
+    /etc/octunnel/gnmi.crt /var/lib/octunnel/oper >gnmi.out 2>&1 ||
+    fail "the gNMI session with the installed agent: $(cat gnmi.out) $(cat agent.log)"
+  grep -qF 'tunnel/state/ttl = 32' gnmi.out || fail "the gNMI session: $(cat gnmi.out)"
+fi
 # strace runs the agent as its child; without it, the agent is the launcher.
 agent=$launcher
 [ ${#tracer[@]} -eq 0 ] || agent=$(pgrep -P "$launcher")
@@ -138,6 +173,8 @@ fi
   fail "running.xml is not the agent's own"
 grep -q '<address>198.51.100.7</address>' /var/lib/octunnel/running.xml ||
   fail "the edit is not in the native running configuration"
+# The router's state was the test's, not the operator's.
+rm -rf /var/lib/octunnel/oper
 
 # ---------------------------------------------------------------- remove, purge
 dpkg-query -L octunnel | while read -r f; do [ -d "$f" ] || echo "$f"; done |
@@ -147,9 +184,12 @@ dpkg -r octunnel >/dev/null || fail "dpkg -r"
 while read -r f; do [ ! -e "$f" ] || fail "remove left $f"; done <"$tmp/files"
 # Left: what the operator made, and nothing besides.
 find /etc/default/octunnel /etc/octunnel /var/lib/octunnel -not -type d | sort >"$tmp/left"
-printf '%s\n' /etc/default/octunnel /etc/octunnel/users /var/lib/octunnel/running.xml \
-  /var/lib/octunnel/running.commits /var/lib/octunnel/lock \
-  /var/lib/octunnel/ssh_host_ed25519_key | sort >"$tmp/kept"
+{
+  printf '%s\n' /etc/default/octunnel /etc/octunnel/users /var/lib/octunnel/running.xml \
+    /var/lib/octunnel/running.commits /var/lib/octunnel/lock \
+    /var/lib/octunnel/ssh_host_ed25519_key
+  [ -z "$gnmi" ] || printf '%s\n' /etc/octunnel/gnmi.crt /etc/octunnel/gnmi.key
+} | sort >"$tmp/kept"
 diff -u "$tmp/kept" "$tmp/left" || fail "remove kept other than the operator's files"
 grep -q "127.0.0.1:$port" /etc/default/octunnel || fail "remove undid the operator's options"
 
