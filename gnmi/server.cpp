@@ -301,12 +301,11 @@ grpc::Status GnmiService::authenticate(grpc::ServerContextBase *context, const c
     return Status::OK;
 }
 
-Status handled(const serve::Front &front, const char *rpc, const Caller &caller,
-               const std::function<Status()> &handler)
+Status guarded(const serve::Front &front, const char *rpc, const std::function<Status()> &work)
 {
     Status status;
     try {
-        status = handler();
+        status = work();
     } catch (const Refused &r) {
         status = Status(r.code(), one_line(r.what()));
     } catch (const std::bad_alloc &) {
@@ -326,6 +325,13 @@ Status handled(const serve::Front &front, const char *rpc, const Caller &caller,
             message.pop_back();
         status = Status(status.error_code(), message + "...");
     }
+    return status;
+}
+
+Status handled(const serve::Front &front, const char *rpc, const Caller &caller,
+               const std::function<Status()> &handler)
+{
+    const Status status = guarded(front, rpc, handler);
     log_outcome(front, rpc, caller, status);
     return status;
 }

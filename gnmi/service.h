@@ -50,6 +50,12 @@ void add_updates(const std::vector<lyd_node *> &nodes, Json json, gnmi::Notifica
 void log_outcome(const serve::Front &front, const char *rpc, const Caller &caller,
                  const grpc::Status &status);
 
+// `work`, with every failure a status: a refusal as it says, a fault as
+// INTERNAL (named in the log), memory as RESOURCE_EXHAUSTED; a message cut
+// at 1 KiB.
+grpc::Status guarded(const serve::Front &front, const char *rpc,
+                     const std::function<grpc::Status()> &work);
+
 // An RPC's handler, with every failure a status: a refusal as it says, a
 // fault as INTERNAL (named in the log), memory as RESOURCE_EXHAUSTED; with
 // --verbose, each RPC is logged with its user, session and outcome.

@@ -117,17 +117,8 @@ public:
                 sub_->finish(Status::OK);
             return;
         }
-        Status status;
-        try {
-            status = begun_ ? next() : begin();
-        } catch (const Refused &r) {
-            status = Status(r.code(), one_line(r.what()));
-        } catch (const std::bad_alloc &) {
-            status = Status(StatusCode::RESOURCE_EXHAUSTED, "out of memory");
-        } catch (const std::exception &e) {
-            front_.log(std::string("gNMI Subscribe: ") + one_line(e.what()));
-            status = Status(StatusCode::INTERNAL, one_line(e.what()));
-        }
+        const Status status =
+            guarded(front_, "Subscribe", [this] { return begun_ ? next() : begin(); });
         if (!status.ok()) {
             sub_->finish(status);
             subscriptions_.wake();

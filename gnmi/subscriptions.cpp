@@ -380,57 +380,49 @@ std::optional<Clock::time_point> Subscriptions::serve(Subscription &s, Clock::ti
         ~Relock() { m.lock(); }
     } relock{mutex_};
     std::vector<gnmi::SubscribeResponse> out;
-    Status status;
-    try {
+    const Status status = guarded(front_, "Subscribe", [&]() -> Status {
         // All of the entries' paths, not only those due, so that each
         // entry's last tree holds what its next round compares with.
         std::vector<const std::vector<Step> *> paths;
         for (const Entry &e : s.entries)
             paths.push_back(&e.steps);
         Data data;
-        status = read_(s.caller, s.path, paths, data);
-        if (status.ok()) {
-            const std::shared_ptr<lyd_node> tree = shared_tree(std::move(data));
-            Batch batch(now_ns(), s.target, s.json);
-            const bool quiet_first = first && s.updates_only;
-            for (std::size_t i = 0; i < s.entries.size(); ++i) {
-                Entry &e = s.entries[i];
-                if (tell[i] == Tell::nothing)
-                    continue;
-                const std::vector<const lyd_node *> roots = roots_in(tree, e.steps);
-                if (quiet_first) {
-                    // updates_only: the data as it stands is not told, only
-                    // what changes from it.
-                } else if (tell[i] == Tell::changes && e.told == nullptr) {
-                    all_leaves(roots, batch);
-                } else if (tell[i] == Tell::changes) {
-                    changes(e.told.get(), roots_in(e.told, e.steps), tree.get(), roots, batch);
-                } else {
-                    // All values, and deletes of what went away since the
-                    // last round.
-                    if (e.told != nullptr && stream)
-                        changes(e.told.get(), roots_in(e.told, e.steps), tree.get(), roots, batch,
-                                false);
-                    all_leaves(roots, batch);
-                }
-                e.told = stream ? tree : nullptr;
-                if (tell[i] == Tell::all || first)
-                    e.next_heartbeat = now + e.heartbeat;
-                if (e.sample && (first || now >= e.next_sample))
-                    e.next_sample = now + e.interval;
+        if (Status read = read_(s.caller, s.path, paths, data); !read.ok())
+            return read;
+        const std::shared_ptr<lyd_node> tree = shared_tree(std::move(data));
+        Batch batch(now_ns(), s.target, s.json);
+        const bool quiet_first = first && s.updates_only;
+        for (std::size_t i = 0; i < s.entries.size(); ++i) {
+            Entry &e = s.entries[i];
+            if (tell[i] == Tell::nothing)
+                continue;
+            const std::vector<const lyd_node *> roots = roots_in(tree, e.steps);
+            if (quiet_first) {
+                // updates_only: the data as it stands is not told, only
+                // what changes from it.
+            } else if (tell[i] == Tell::changes && e.told == nullptr) {
+                all_leaves(roots, batch);
+            } else if (tell[i] == Tell::changes) {
+                changes(e.told.get(), roots_in(e.told, e.steps), tree.get(), roots, batch);
+            } else {
+                // All values, and deletes of what went away since the
+                // last round.
+                if (e.told != nullptr && stream)
+                    changes(e.told.get(), roots_in(e.told, e.steps), tree.get(), roots, batch,
+                            false);
+                all_leaves(roots, batch);
             }
-            out = batch.take();
-            if (first || poll)
-                out.emplace_back().set_sync_response(true);
+            e.told = stream ? tree : nullptr;
+            if (tell[i] == Tell::all || first)
+                e.next_heartbeat = now + e.heartbeat;
+            if (e.sample && (first || now >= e.next_sample))
+                e.next_sample = now + e.interval;
         }
-    } catch (const Refused &r) {
-        status = Status(r.code(), one_line(r.what()));
-    } catch (const std::bad_alloc &) {
-        status = Status(StatusCode::RESOURCE_EXHAUSTED, "out of memory");
-    } catch (const std::exception &e) {
-        front_.log(std::string("gNMI Subscribe: ") + one_line(e.what()));
-        status = Status(StatusCode::INTERNAL, one_line(e.what()));
-    }
+        out = batch.take();
+        if (first || poll)
+            out.emplace_back().set_sync_response(true);
+        return Status::OK;
+    });
     if (!status.ok()) {
         s.finish(status);
         gone = true;
