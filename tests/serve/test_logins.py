@@ -168,42 +168,6 @@ def test_a_source_that_keeps_failing_is_delayed_then_refused_but_not_the_user():
         assert said(agent, "connections from 127.0.0.2 refused for") == 1, "".join(agent.log)
 
 
-def test_200_wrong_passwords_take_their_penalty_and_the_user_still_logs_in():
-    # With a penalty of 0.1 s, the 200th failure of a source comes no sooner
-    # than (200 - 10) * 0.1 = 19 s after its first, over any number of
-    # connections.
-    penalty, guesses = 0.1, 200
-    with Agent("--login-penalty", str(penalty)) as agent:
-        results, checked = [], f"password refused for user '{USER}' from {ATTACKER}"
-        # What the agent checked and found wrong, it logs before it answers.
-        enough = lambda: said(agent, checked) >= guesses  # noqa: E731
-
-        def attacker():
-            while not enough():
-                guess_on(agent, 5, results, enough)
-                time.sleep(0.05)
-
-        start = time.monotonic()
-        threads = [threading.Thread(target=attacker) for _ in range(8)]
-        for t in threads:
-            t.start()
-        logins = 0
-        while any(t.is_alive() for t in threads):
-            m = agent.connect()
-            m.close_session()
-            logins += 1
-            time.sleep(0.2)
-        elapsed = time.monotonic() - start
-        for t in threads:
-            t.join()
-        assert enough()
-        assert elapsed >= (guesses - BURST) * penalty, elapsed
-        assert logins >= 10, logins
-        # The attacker heard "wrong" of no more than that.
-        assert len([r for r in results if r[0] == "wrong"]) <= said(agent, checked)
-        assert said(agent, "connections from 127.0.0.2 refused for") >= 2
-
-
 def test_keys_mean_what_their_options_say():
     agent = Agent()
     key = lambda name: os.path.join(agent.work, name)  # noqa: E731
@@ -248,21 +212,13 @@ def test_lines_that_cannot_be_honoured_refuse_the_start_naming_them():
         with open(good, "w", encoding="utf-8") as f:
             f.write(f"{USER}:{hashed('-6', PASSWORD)}\n")
         strong = hashed("-6", "x")
+        # Each reason is the unit tests' (access_test.cpp); here, that a
+        # refusal stops the start naming the file and line, for each file.
         rows = [
             # (option, the file's lines, the line at fault, what is said)
             ("--users", ["alice:" + strong, "bob:" + hashed("-1", "x")], 2, "weak method ($1$"),
-            ("--users", ["# DES", "bob:abJnggxhB/yWI"], 2, "weak method (DES"),
-            ("--users", ["bob:$garbage"], 1, "not in crypt(3) form"),
-            ("--users", ["bob :" + strong], 1, "'bob ' holds a blank"),
             ("--authorized-keys", ["# a CA", f"cert-authority {pub} ca"], 2,
              "cert-authority is refused: certificates are not supported"),
-            ("--authorized-keys", [f"{pub} @host"], 1, "no user"),
-            ("--authorized-keys", [f'command="/bin/sh" {pub} carol'], 1,
-             "command= cannot be honoured"),
-            ("--authorized-keys", [f'from="gw.example.com" {pub} carol'], 1,
-             "host names are not looked up"),
-            ("--authorized-keys", [f'no-pty,permitopen="h:1",frob {pub} carol'], 1,
-             "unknown option 'frob'"),
         ]
         for option, lines, at, text in rows:
             path = os.path.join(work, "file")
