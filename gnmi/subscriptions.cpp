@@ -240,7 +240,9 @@ void Subscriptions::poll(const std::shared_ptr<Subscription> &s)
 {
     {
         const std::lock_guard lock(mutex_);
-        ++s->polls_;
+        // Polls that come before the last one is answered are answered
+        // together: a flood of them costs one read at a time, not one each.
+        s->poll_ = true;
         woken_ = true;
     }
     cv_.notify_one();
@@ -319,7 +321,7 @@ std::optional<Clock::time_point> Subscriptions::serve(Subscription &s, Clock::ti
     // What falls due: the first answer, a poll, or for a stream the changes,
     // samples and heartbeats of its entries.
     const bool first = !s.started_;
-    const bool poll = s.started_ && s.polls_ > 0;
+    const bool poll = s.started_ && s.poll_;
     const bool changed = s.seen_ != changes_;
     const bool stream = s.mode == gnmi::SubscriptionList::STREAM;
     enum class Tell { nothing, changes, all };
@@ -371,7 +373,7 @@ std::optional<Clock::time_point> Subscriptions::serve(Subscription &s, Clock::ti
     s.seen_ = changes_;
     s.started_ = true;
     if (poll)
-        --s.polls_;
+        s.poll_ = false;
 
     // The read and the trees' work, without the lock.
     mutex_.unlock();

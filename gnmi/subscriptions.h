@@ -104,9 +104,9 @@ private:
 
     friend class Subscriptions;
     // The thread's, under its lock.
-    bool started_ = false;   // its first answer sent
-    bool on_change_ = false; // a stream with an entry that hears of changes
-    unsigned polls_ = 0;
+    bool started_ = false;                        // its first answer sent
+    bool on_change_ = false;                      // a stream with an entry that hears of changes
+    bool poll_ = false;                           // a poll waits for its answer
     uint64_t seen_ = 0;                           // the changes its last read saw
     std::optional<Clock::time_point> waiting_;    // since when a round waits for the queue
     std::optional<Clock::time_point> cut_off_at_; // when it was cut off
