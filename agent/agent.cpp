@@ -1,4 +1,5 @@
 #include "agent/agent.h"
+#include "agent/shared.h"
 
 #include "agent/filter.h"
 #include "agent/oc_edit.h"
@@ -108,32 +109,6 @@ RpcError refusal(verrno rc, yfwhost::Request &req, const OpenConfigModels &model
     return e;
 }
 
-RpcError from_model(const ModelError &m)
-{
-    RpcError e;
-    e.tag = m.tag;
-    e.message = as_sentence(m.message);
-    e.path = m.path;
-    e.path_namespaces = m.path_namespaces;
-    e.bad_element = m.bad_element;
-    e.bad_namespace = m.bad_namespace;
-    if (m.tag == "bad-attribute")
-        e.bad_attribute = "operation";
-    return e;
-}
-
-EditOp edit_op(DefaultOperation op)
-{
-    switch (op) {
-    case DefaultOperation::replace:
-        return EditOp::replace;
-    case DefaultOperation::none:
-        return EditOp::none;
-    default:
-        return EditOp::merge;
-    }
-}
-
 // A filter of the interfaces `names`, each selected whole by its key.
 Document interfaces_filter(const std::vector<std::string> &names)
 {
@@ -197,11 +172,6 @@ RpcError too_big(const char *what, std::size_t size, std::size_t limit)
     return e;
 }
 
-bool blank(std::string_view s)
-{
-    return s.find_first_not_of(" \t\r\n") == std::string_view::npos;
-}
-
 bool is_interfaces(const vidl_yfw_datatree &root)
 {
     return std::string_view(root.tag) == "interfaces" &&
@@ -211,20 +181,6 @@ bool is_interfaces(const vidl_yfw_datatree &root)
 bool is_nacm(const vidl_yfw_datatree &root)
 {
     return std::string_view(root.tag) == "nacm" && yfwhost::ns_match(nacm::ns, root.ns);
-}
-
-const char *verb(nacm::Access access)
-{
-    switch (access) {
-    case nacm::Access::create:
-        return "create";
-    case nacm::Access::del:
-        return "delete";
-    case nacm::Access::read:
-        return "read";
-    default:
-        return "change";
-    }
 }
 
 // An access-denied answer (RFC 8341, section 3.4.5; RFC 6241, appendix A):
@@ -263,6 +219,51 @@ std::string prepare(const AgentOptions &o)
 }
 
 } // namespace
+
+RpcError from_model(const ModelError &m)
+{
+    RpcError e;
+    e.tag = m.tag;
+    e.message = as_sentence(m.message);
+    e.path = m.path;
+    e.path_namespaces = m.path_namespaces;
+    e.bad_element = m.bad_element;
+    e.bad_namespace = m.bad_namespace;
+    if (m.tag == "bad-attribute")
+        e.bad_attribute = "operation";
+    return e;
+}
+
+EditOp edit_op(DefaultOperation op)
+{
+    switch (op) {
+    case DefaultOperation::replace:
+        return EditOp::replace;
+    case DefaultOperation::none:
+        return EditOp::none;
+    default:
+        return EditOp::merge;
+    }
+}
+
+bool blank(std::string_view s)
+{
+    return s.find_first_not_of(" \t\r\n") == std::string_view::npos;
+}
+
+const char *verb(nacm::Access access)
+{
+    switch (access) {
+    case nacm::Access::create:
+        return "create";
+    case nacm::Access::del:
+        return "delete";
+    case nacm::Access::read:
+        return "read";
+    default:
+        return "change";
+    }
+}
 
 Agent::Agent(const AgentOptions &o, std::function<void(const std::string &)> log)
     : options_(o), log_(std::move(log)), module_(std::make_unique<yfwhost::Module>(o.module_path)),

@@ -14,6 +14,7 @@
 
 #include "agent/filter.h"
 #include "agent/oc_edit.h"
+#include "agent/shared.h"
 #include "octunnel/yfw_namespaces.h"
 
 #include <libyang/libyang.h>
@@ -30,49 +31,6 @@ RpcError error(const char *type, const char *tag, std::string message)
     e.tag = tag;
     e.message = std::move(message);
     return e;
-}
-
-RpcError from_model(const ModelError &m)
-{
-    RpcError e;
-    e.tag = m.tag;
-    e.message = as_sentence(m.message);
-    e.path = m.path;
-    e.path_namespaces = m.path_namespaces;
-    e.bad_element = m.bad_element;
-    e.bad_namespace = m.bad_namespace;
-    if (m.tag == "bad-attribute")
-        e.bad_attribute = "operation";
-    return e;
-}
-
-bool blank(std::string_view s)
-{
-    return s.find_first_not_of(" \t\r\n") == std::string_view::npos;
-}
-
-EditOp edit_op(DefaultOperation op)
-{
-    switch (op) {
-    case DefaultOperation::replace:
-        return EditOp::replace;
-    case DefaultOperation::none:
-        return EditOp::none;
-    default:
-        return EditOp::merge;
-    }
-}
-
-const char *verb(nacm::Access access)
-{
-    switch (access) {
-    case nacm::Access::create:
-        return "create";
-    case nacm::Access::del:
-        return "delete";
-    default:
-        return "change";
-    }
 }
 
 // An edit's text as the models take it, for a datastore the module does
