@@ -1,6 +1,7 @@
 #include "gnmi/telemetry.h"
 
 #include "agent/changes.h"
+#include "translate/json_schema.h"
 
 #include <algorithm>
 #include <cstring>
@@ -24,27 +25,23 @@ void append_term(rapidjson::Writer<rapidjson::StringBuffer> &w, const lyd_node *
     while (value->realtype->basetype == LY_TYPE_UNION && value->subvalue != nullptr)
         value = &value->subvalue->value;
     const char *text = lyd_get_value(node);
-    switch (value->realtype->basetype) {
-    case LY_TYPE_INT8:
-    case LY_TYPE_INT16:
-    case LY_TYPE_INT32:
-    case LY_TYPE_UINT8:
-    case LY_TYPE_UINT16:
-    case LY_TYPE_UINT32:
+    // As the tool's JSON writer types values: 64-bit numbers, decimals and
+    // every other type are strings; an identity keeps its module
+    // ("iana-if-type:tunnel"), in JSON as in JSON_IETF, as the subtree
+    // values of a Get have it.
+    switch (kind_of_basetype(value->realtype->basetype)) {
+    case ValueKind::number:
         w.RawValue(text, std::strlen(text), rapidjson::kNumberType);
         return;
-    case LY_TYPE_BOOL:
+    case ValueKind::boolean:
         w.Bool(std::strcmp(text, "true") == 0);
         return;
-    case LY_TYPE_EMPTY:
+    case ValueKind::empty:
         w.StartArray();
         w.Null();
         w.EndArray();
         return;
-    default:
-        // 64-bit numbers, decimals and every other type are strings; an
-        // identity keeps its module ("iana-if-type:tunnel"), in JSON as in
-        // JSON_IETF, as the subtree values of a Get have it.
+    case ValueKind::string:
         w.String(text);
         return;
     }
